@@ -1,0 +1,38 @@
+// Mutex and AutoLocker: the process-local lock types that guard connector state.
+//
+// Mutex wraps one pthread mutex with default attributes (not recursive). AutoLocker holds
+// a Mutex for the lifetime of a scope, so every return and every exception path releases it.
+#pragma once
+
+#include <pthread.h>
+
+namespace QUOLNET {
+
+class Mutex {
+public:
+    Mutex() { pthread_mutex_init(&m_mutex, nullptr); }
+    ~Mutex() { pthread_mutex_destroy(&m_mutex); }
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    // Blocks until the calling thread holds the mutex.
+    void Lock() { pthread_mutex_lock(&m_mutex); }
+    // Releases a mutex held by the calling thread.
+    void UnLock() { pthread_mutex_unlock(&m_mutex); }
+
+    pthread_mutex_t m_mutex;
+};
+
+class AutoLocker {
+public:
+    // Locks `mutex` now; the destructor unlocks it. `mutex` must outlive the locker.
+    explicit AutoLocker(Mutex* mutex) : m_mutex(mutex) { m_mutex->Lock(); }
+    ~AutoLocker() { m_mutex->UnLock(); }
+    AutoLocker(const AutoLocker&) = delete;
+    AutoLocker& operator=(const AutoLocker&) = delete;
+
+private:
+    Mutex* m_mutex;
+};
+
+}  // namespace QUOLNET

@@ -1,0 +1,169 @@
+#include "net/net_buffer_mgr.h"
+
+#include <sys/time.h>
+
+#include <new>
+
+namespace QUOLNET {
+
+CNetBufferMgr::CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks, int min_big_packet_len)
+    : m_max_block_num(max_block_num),
+      m_rx_reserve_blocks(rx_reserve_blocks >= 0
+                              ? rx_reserve_blocks
+                              : (max_block_num / 8 > 0 ? static_cast<int>(max_block_num / 8)
+                                                       : (max_block_num > 1 ? 1 : 0))),
+      m_min_big_packet_len(min_big_packet_len),
+      m_used(0),
+      m_peak_used(0) {}
+
+CNetBufferMgr::~CNetBufferMgr() {
+    for (NetBuffer* b : m_all) {
+        delete b;
+    }
+}
+
+NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timeval& now) {
+    NetBuffer* buf = nullptr;
+    LIST_NODE* node = m_free.RemoveHead();
+    if (node != nullptr) {
+        buf = static_cast<NetBuffer*>(node->pData);
+    } else {
+        buf = new (std::nothrow) NetBuffer;
+        if (buf == nullptr) {
+            return nullptr;
+        }
+        buf->m_uid = static_cast<int>(m_all.size());
+        m_all.push_back(buf);
+    }
+    buf->Clear();
+    buf->m_is_rx_buf = is_rx ? 1 : 0;
+    buf->m_is_big_buf = is_big ? 1 : 0;
+    buf->m_tv = now;
+    ++m_used;
+    if (m_used > m_peak_used) {
+        m_peak_used = m_used;
+    }
+    return buf;
+}
+
+void CNetBufferMgr::GiveBackLocked(NetBuffer* buf) {
+    buf->m_node.pData = buf;
+    m_free.Insert(&buf->m_node);
+    --m_used;
+}
+
+NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    AutoLocker locker(&m_mutex);
+    if (m_used >= m_max_block_num) {
+        return nullptr;
+    }
+    return TakeLocked(is_rx, is_big, now);
+}
+
+bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
+    if (len <= 0) {
+        return true;
+    }
+    unsigned int need = static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    CBidirList got;
+    AutoLocker locker(&m_mutex);
+    if (m_max_block_num - m_used < need || m_used > m_max_block_num) {
+        return false;
+    }
+    for (unsigned int i = 0; i < need; ++i) {
+        NetBuffer* b = TakeLocked(is_rx, is_rx, now);
+        if (b == nullptr) {  // out of memory: undo
+            while (LIST_NODE* n = got.RemoveHead()) {
+                GiveBackLocked(static_cast<NetBuffer*>(n->pData));
+            }
+            return false;
+        }
+        got.Insert(&b->m_node);
+    }
+    list.Merge(got, false);
+    return true;
+}
+
+void CNetBufferMgr::Release(NetBuffer** buf) {
+    if (buf == nullptr || *buf == nullptr) {
+        return;
+    }
+    {
+        AutoLocker locker(&m_mutex);
+        GiveBackLocked(*buf);
+    }
+    *buf = nullptr;
+}
+
+void CNetBufferMgr::Release(CBidirList& list) {
+    AutoLocker locker(&m_mutex);
+    while (LIST_NODE* n = list.RemoveHead()) {
+        GiveBackLocked(static_cast<NetBuffer*>(n->pData));
+    }
+}
+
+bool CNetBufferMgr::Copy(const CBidirList& from, CBidirList& to) {
+    CBidirList got;
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    {
+        AutoLocker locker(&m_mutex);
+        unsigned int need = from.Count();
+        if (m_max_block_num - m_used < need || m_used > m_max_block_num) {
+            return false;
+        }
+        for (LIST_NODE* n = from.Head(); n != nullptr; n = n->pNext) {
+            NetBuffer* b = TakeLocked(false, false, now);
+            if (b == nullptr) {
+                while (LIST_NODE* g = got.RemoveHead()) {
+                    GiveBackLocked(static_cast<NetBuffer*>(g->pData));
+                }
+                return false;
+            }
+            got.Insert(&b->m_node);
+        }
+    }
+    // Copy contents outside the pool lock; the new blocks belong to nobody else yet.
+    LIST_NODE* dst = got.Head();
+    for (LIST_NODE* n = from.Head(); n != nullptr; n = n->pNext, dst = dst->pNext) {
+        const NetBuffer* s = static_cast<const NetBuffer*>(n->pData);
+        NetBuffer* d = static_cast<NetBuffer*>(dst->pData);
+        d->m_read_pos = s->m_read_pos;
+        d->m_write_pos = s->m_write_pos;
+        d->m_limit_pos = s->m_limit_pos;
+        d->m_is_rx_buf = s->m_is_rx_buf;
+        d->m_is_big_buf = s->m_is_big_buf;
+        d->m_tv = s->m_tv;
+        memcpy(d->m_buf, s->m_buf, s->m_write_pos);
+    }
+    to.Merge(got, false);
+    return true;
+}
+
+bool CNetBufferMgr::CanAllocateSendBuf(int len) {
+    long long need = len <= 0 ? 0 : (static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize();
+    AutoLocker locker(&m_mutex);
+    long long room = static_cast<long long>(m_max_block_num) - m_rx_reserve_blocks - m_used;
+    return need <= room;
+}
+
+unsigned int CNetBufferMgr::GetUsedCount() {
+    AutoLocker locker(&m_mutex);
+    return m_used;
+}
+
+unsigned int CNetBufferMgr::GetFreeCount() {
+    AutoLocker locker(&m_mutex);
+    return m_free.Count();
+}
+
+unsigned int CNetBufferMgr::GetPeakUsedCount() {
+    AutoLocker locker(&m_mutex);
+    return m_peak_used;
+}
+
+}  // namespace QUOLNET

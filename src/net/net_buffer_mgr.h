@@ -1,0 +1,94 @@
+// CNetBufferMgr: the pool of NetBuffer blocks shared by all connectors of a process.
+//
+// The pool hands out at most `max_block_num` blocks at a time. Blocks are made on first
+// demand and recycled: a released block goes to a free list and is handed out again; the
+// memory is given back to the system only when the pool is destroyed, which must happen
+// after every borrower has released its blocks (blocks still out at destruction are freed
+// too, so a late Release would touch freed memory).
+//
+// Every block handed out (singly, in a chain or as a copy) is empty unless copied, has its
+// node's pData pointing at itself and carries the current time in m_tv.
+//
+// Send blocks and receive blocks come from the same pool. So that a flood of outgoing data
+// cannot starve reading (and so stall every connection that waits for a reply),
+// CanAllocateSendBuf keeps back a reserve of receive blocks: by default one eighth of the
+// pool, at least one block. Allocate itself does not apply the reserve; it is advice that
+// IsSendBufEnough passes on to the application.
+//
+// GetMinBigPacketLen (default 1 MiB): a receive that waits for the chain of a packet at
+// least this long is flagged as waiting for a big buffer, and the update driver stops
+// reading that socket until the owner retries (the kernel keeps the bytes meanwhile).
+//
+// All operations are thread-safe; one internal mutex guards the free list and counters.
+#pragma once
+
+#include <vector>
+
+#include "common/mutex.h"
+#include "net/bi_list.h"
+#include "net/net_buffer.h"
+
+namespace QUOLNET {
+
+class CNetBufferMgr {
+public:
+    // A pool of at most `max_block_num` blocks at once; `rx_reserve_blocks` of them are kept
+    // back from CanAllocateSendBuf (-1 selects one eighth of the pool, at least one).
+    explicit CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks = -1,
+                           int min_big_packet_len = 1 << 20);
+    ~CNetBufferMgr();
+    CNetBufferMgr(const CNetBufferMgr&) = delete;
+    CNetBufferMgr& operator=(const CNetBufferMgr&) = delete;
+
+    // Payload bytes of one block: 65536.
+    int GetBlockSize() const { return NetBuffer::kBlockSize; }
+
+    // One empty block flagged with is_rx / is_big, or null when the pool is exhausted.
+    NetBuffer* Allocate(bool is_rx, bool is_big);
+
+    // Appends ceil(len / block size) empty blocks to `list` (none for len <= 0), all or
+    // nothing: on failure returns false and leaves `list` as it was. Receive chains
+    // (is_rx) are flagged as big-packet blocks.
+    bool Allocate(int len, CBidirList& list, bool is_rx);
+
+    // Returns one block (null is ignored) and sets *buf to null.
+    void Release(NetBuffer** buf);
+
+    // Returns every block linked in `list` and leaves `list` empty.
+    void Release(CBidirList& list);
+
+    // Appends to `to` new blocks holding the same bytes, positions, flags and stamps as
+    // the blocks of `from`, in the same order. All or nothing: false leaves `to` unchanged.
+    bool Copy(const CBidirList& from, CBidirList& to);
+
+    int GetMinBigPacketLen() const { return m_min_big_packet_len; }
+
+    // Whether len bytes of outgoing data could be given blocks now without eating into the
+    // receive reserve.
+    bool CanAllocateSendBuf(int len);
+
+    // Accounting, for owners and tests that prove nothing leaked.
+    unsigned int GetMaxBlockNum() const { return m_max_block_num; }
+    unsigned int GetUsedCount();  // blocks handed out and not yet released
+    unsigned int GetFreeCount();  // blocks made and waiting for reuse
+    unsigned int GetPeakUsedCount();  // most blocks out at once since construction
+    int GetRxReserveBlocks() const { return m_rx_reserve_blocks; }
+
+private:
+    // Takes a block from the free list or makes one; caller holds m_mutex and has checked
+    // the limit.
+    NetBuffer* TakeLocked(bool is_rx, bool is_big, const struct timeval& now);
+    void GiveBackLocked(NetBuffer* buf);
+
+    const unsigned int m_max_block_num;
+    const int m_rx_reserve_blocks;
+    const int m_min_big_packet_len;
+
+    Mutex m_mutex;
+    CBidirList m_free;                 // guarded by m_mutex
+    std::vector<NetBuffer*> m_all;     // every block ever made; guarded by m_mutex
+    unsigned int m_used;               // guarded by m_mutex
+    unsigned int m_peak_used;          // guarded by m_mutex
+};
+
+}  // namespace QUOLNET

@@ -1,0 +1,358 @@
+// CTcpConnector: construction, initialisation, dialling, closing and the per-tick driver.
+#include "net/tcp_connector.h"
+
+#include <errno.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "net/tcp_connector_log.h"
+#include "platform/sock.h"
+
+namespace QUOLNET {
+
+CTcpConnector::CTcpConnector(char* combine_buf, int combine_buf_len, char* cb_combine_buf,
+                             int cb_combine_buf_len, char* last_err, CNetBufferMgr* net_buffer_mgr,
+                             unsigned int max_send_buf_num, unsigned int max_recv_buf_num,
+                             RecvPkgCallback cb, void* cb_para)
+    : CConnector(last_err, cb, cb_para),
+      m_parser(nullptr),
+      m_epoll(-1),
+      m_events(0),
+      m_combine_buf(combine_buf),
+      m_combine_buf_len(combine_buf_len),
+      m_cb_combine_buf(cb_combine_buf),
+      m_cb_combine_buf_len(cb_combine_buf_len),
+      m_socket(-1),
+      m_close_socket(true),
+      m_port(0),
+      m_net_buf_mgr(net_buffer_mgr),
+      m_max_tx_buf_num(max_send_buf_num),
+      m_max_rx_buf_num(max_recv_buf_num),
+      m_is_sending(false) {
+    m_log_cat = nullptr;
+    m_bIPv6 = false;
+    memset(&m_addr6, 0, sizeof(m_addr6));
+    memset(&m_ipv6, 0, sizeof(m_ipv6));
+    m_ip = 0;
+    memset(m_to_string, 0, sizeof(m_to_string));
+    Reset();
+}
+
+CTcpConnector::~CTcpConnector() {
+    QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::~CTcpConnector()");
+    Fini();
+}
+
+void CTcpConnector::Reset() {
+    m_close_socket = true;
+    m_events.store(0);
+    memset(m_peer_url, 0, sizeof(m_peer_url));
+    memset(m_packet_info, 0, sizeof(m_packet_info));
+    m_is_wait_alloc_big_buffer = false;
+    m_rx_status = RECV_PACKET_HEAD_STATUS;
+    m_rx_buffer = nullptr;
+    m_is_sending.store(false);
+    m_packet_head_idx = -1;
+    m_packet_tail_idx = -1;
+    memset(&m_rx_packet, 0, sizeof(m_rx_packet));
+    m_status = CONNECTOR_STATUS_DISCONNECTED;
+    m_packet_info_max_cnt = 0;
+    m_packet_info_avg_cnt = 0.0f;
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    m_last_sample_time = static_cast<int>(now.tv_sec);
+    m_tx_max_wait_time = 0;
+    m_tx_avg_wait_time = 0.0f;
+    m_rx_max_wait_time = 0;
+    m_rx_avg_wait_time = 0.0f;
+    m_tx_buf_full_cnt = 0;
+    m_rx_buf_full_cnt = 0;
+    m_is_last_tx_full = false;
+    m_is_last_rx_full = false;
+    m_rx_packet_cnt = 0;
+    m_tx_packet_cnt = 0;
+    m_wait_alloc_starttime = 0;
+}
+
+int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int socket) {
+    if (parser == nullptr || epoll == -1 || url == nullptr) {
+        QN_LOG(m_log_cat, QN_ERROR, "invalid argument, url=%p, parser=%p, epoll=%d, socket=%d",
+               static_cast<const void*>(url), static_cast<void*>(parser), epoll, socket);
+        return -1;
+    }
+    QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::Init(), url=%s, parser=%p, epoll=%d, socket=%d", url,
+           static_cast<void*>(parser), epoll, socket);
+
+    int ret = CConnector::Init(url, parser, epoll, socket);
+    if (ret != 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "CConnector::Init() failed, ret=%d", ret);
+        return ret;
+    }
+
+    if (strncmp(url, "tcp://[", 7) == 0) {
+        m_bIPv6 = true;
+        ret = ParseURLV6();
+    } else {
+        ret = m_bIPv6 ? ParseURLV6() : ParseURL();
+    }
+    if (ret != 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "m_bIPv6:%d, ParseURL() failed, ret=%d", m_bIPv6 ? 1 : 0, ret);
+        return ret;
+    }
+
+    if (m_net_buf_mgr == nullptr || m_combine_buf == nullptr || m_combine_buf_len == 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
+               static_cast<void*>(m_net_buf_mgr), static_cast<void*>(m_combine_buf), m_combine_buf_len);
+        return -1;
+    }
+
+    m_parser = parser;
+    m_epoll = epoll;
+
+    if (socket < 0) {
+        m_is_accepted = false;
+        return 0;
+    }
+
+    ret = GetLocalSocketName(m_bIPv6, socket, m_peer_url, m_log_cat);
+    if (ret != 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
+               socket, ret);
+        return ret;
+    }
+    QN_LOG(m_log_cat, QN_INFO, "socket(%d) > 0, accept a connect, url=%s, local_url=%s", socket, GetURL(),
+           m_peer_url);
+
+    struct epoll_event event;
+    memset(&event, 0, sizeof(event));
+    event.events = EPOLLIN | EPOLLOUT | EPOLLERR;
+    event.data.ptr = this;
+    if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, socket, &event) != 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "epoll_ctl() failed, errno=%d", errno);
+        return -1;
+    }
+
+    m_is_accepted = true;
+    m_status = CONNECTOR_STATUS_CONNECTED;
+    m_socket = socket;
+    return 0;
+}
+
+void CTcpConnector::Fini() {
+    QN_LOG(m_log_cat, QN_INFO,
+           "enter CTcpConnector::Fini(), local_url=%s, url=%s, socket=%d, m_rx_queue.cnt=%d, m_tx_queue.cnt=%d",
+           GetLocalURL(), GetURL(), static_cast<int>(m_socket), static_cast<int>(m_rx_queue.Count()),
+           static_cast<int>(m_tx_queue.Count()));
+    if (m_socket != -1) {
+        Close(nullptr);
+        m_socket = -1;
+    }
+    if (m_net_buf_mgr != nullptr) {
+        {
+            AutoLocker locker(&m_rx_mutex);
+            m_net_buf_mgr->Release(m_rx_queue);
+        }
+        {
+            AutoLocker locker(&m_tx_mutex);
+            m_net_buf_mgr->Release(m_tx_queue);
+        }
+    }
+    m_parser = nullptr;
+    m_combine_buf = nullptr;
+    m_net_buf_mgr = nullptr;
+    m_rx_buffer = nullptr;
+    memset(&m_rx_packet, 0, sizeof(m_rx_packet));
+    CConnector::Fini();
+}
+
+void CTcpConnector::SetEvent(unsigned int events) { m_events.fetch_or(events); }
+
+unsigned int CTcpConnector::GetEvent() { return m_events.load(); }
+
+void CTcpConnector::GetIPAndPort(int& ip, int& port) {
+    ip = m_ip;
+    port = m_port;
+}
+
+int CTcpConnector::Connect() {
+    QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::Connect(), url=%s", GetURL());
+
+    int fail_code = 0;
+    {
+        AutoLocker locker(&m_mutex);
+        if (m_status != CONNECTOR_STATUS_DISCONNECTED) {
+            QN_LOG(m_log_cat, QN_ERROR, "connector is not disconnected, m_status=%d", static_cast<int>(m_status));
+            return -1;
+        }
+        if (m_is_accepted) {
+            QN_LOG(m_log_cat, QN_ERROR, "the accepted connetion<socket:%d> cannot reconnect",
+                   static_cast<int>(m_socket));
+            return -2;
+        }
+        if (m_net_buf_mgr != nullptr) {
+            {
+                AutoLocker rx_locker(&m_rx_mutex);
+                m_net_buf_mgr->Release(m_rx_queue);
+            }
+            {
+                AutoLocker tx_locker(&m_tx_mutex);
+                m_net_buf_mgr->Release(m_tx_queue);
+            }
+        }
+        Reset();
+
+        m_socket = m_bIPv6 ? sock_open(AF_INET6, SOCK_STREAM, 0) : sock_open_tcp();
+        if (m_socket == -1) {
+            QN_LOG(m_log_cat, QN_ERROR, "create tcp socket failed! url=%s, errno=%d", GetURL(), errno);
+            return -3;
+        }
+
+        int one = 1;
+        if (sock_set_nonblock(m_socket, 1) != 0) {
+            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- nonblock failed! url=%s, errno=%d", GetURL(), errno);
+            fail_code = -4;
+        } else if (setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, 4) != 0) {
+            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(), errno);
+            fail_code = -5;
+        } else if (sock_set_sendbuff(m_socket, CConnector::m_socket_send_buff_size) != 0) {
+            QN_LOG(m_log_cat, QN_ERROR, "sock_set_sendbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
+                   CConnector::m_socket_send_buff_size, errno);
+            fail_code = -6;
+        } else if (sock_set_recvbuff(m_socket, CConnector::m_socket_recv_buff_size) != 0) {
+            QN_LOG(m_log_cat, QN_ERROR, "sock_set_recvbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
+                   CConnector::m_socket_recv_buff_size, errno);
+            fail_code = -7;
+        } else {
+            struct epoll_event event;
+            memset(&event, 0, sizeof(event));
+            event.events = EPOLLIN | EPOLLOUT | EPOLLERR;
+            event.data.ptr = this;
+            if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_socket, &event) != 0) {
+                QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), errno);
+                fail_code = -8;
+            }
+        }
+
+        if (fail_code == 0) {
+            int ret = m_bIPv6 ? connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr6), 28)
+                              : connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr), 16);
+            if (ret == -1) {
+                m_status = CONNECTOR_STATUS_CONNECTING;
+                int err = errno;
+                if (err != EAGAIN && err != EINPROGRESS) {
+                    QN_LOG(m_log_cat, QN_ERROR, "do connect failed! url=%s, errno=%d", GetURL(), err);
+                    fail_code = -9;
+                }
+            } else {
+                m_status = CONNECTOR_STATUS_CONNECTED;
+                if (ret != 0) {
+                    fail_code = ret;
+                }
+            }
+        }
+    }  // m_mutex released: Close takes it again
+
+    if (fail_code != 0) {
+        m_close_socket = true;
+        Close(nullptr);
+        return fail_code;
+    }
+    QN_LOG(m_log_cat, QN_INFO, "connect url(%s) successfully, m_status=%d", GetURL(), static_cast<int>(m_status));
+    return 0;
+}
+
+void CTcpConnector::Disconnect(LogCategory* log_cat) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(cat, QN_INFO, "enter CTcpConnector::Disconnect(), connector=%s", ToString());
+    Close(log_cat);
+}
+
+void CTcpConnector::Close(LogCategory* log_cat) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(cat, QN_INFO, "enter CTcpConnector::Close(), url=%s, local_url=%s, socket=%d", GetURL(), GetLocalURL(),
+           static_cast<int>(m_socket));
+
+    AutoLocker locker(&m_mutex);
+    if (m_status == CONNECTOR_STATUS_DISCONNECTED) {
+        return;
+    }
+    struct epoll_event event;
+    memset(&event, 0, sizeof(event));
+    if (epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_socket, &event) != 0) {
+        QN_LOG(cat, QN_ERROR, "delete socket from epoll failed!, url=%s, m_socket=%d, errno=%d", GetURL(),
+               static_cast<int>(m_socket), errno);
+    }
+    if (m_close_socket) {
+        if (sock_close(m_socket) != 0) {
+            QN_LOG(cat, QN_ERROR, "sock_close() failed, url=%s, local_url=%s, m_socket=%d, errno=%d", GetURL(),
+                   GetLocalURL(), static_cast<int>(m_socket), errno);
+        }
+    }
+    m_status = CONNECTOR_STATUS_DISCONNECTED;
+    m_socket = -1;
+    m_events.store(0);
+}
+
+void CTcpConnector::Update() {
+    unsigned int events = m_events.load();
+    if (m_status == CONNECTOR_STATUS_CONNECTING && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == EPOLLOUT) {
+        if (GetLocalSocketName(m_bIPv6, m_socket, m_peer_url, m_log_cat) == -1) {
+            QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d",
+                   m_bIPv6 ? 1 : 0, GetURL(), static_cast<int>(m_socket), -1);
+        }
+        QN_LOG(m_log_cat, QN_INFO, "connect to %s successfully, local_url=%s, m_socket=%d", GetURL(), GetLocalURL(),
+               static_cast<int>(m_socket));
+        m_status = CONNECTOR_STATUS_CONNECTED;
+    }
+
+    events = m_events.load();
+    if (events & (EPOLLERR | EPOLLHUP)) {
+        QN_LOG(m_log_cat, QN_INFO, "m_events=%d, prepare disconnect, url=%s, local_url=%s, m_socket=%d",
+               static_cast<int>(events), GetURL(), GetLocalURL(), static_cast<int>(m_socket));
+        Disconnect(nullptr);
+    }
+
+    if (m_rx_status == ALLOC_MULTI_BUFFER_BODY_STATUS) {
+        struct timeval now;
+        gettimeofday(&now, nullptr);
+        if (static_cast<int64_t>(now.tv_sec) - static_cast<int64_t>(m_wait_alloc_starttime) > 300) {
+            QN_LOG(m_log_cat, QN_ERROR, "m_wait_alloc_starttime > 300s, disconnect it, url=%s, local_url=%s",
+                   GetURL(), GetLocalURL());
+        }
+    }
+
+    if (m_status != CONNECTOR_STATUS_CONNECTED) {
+        return;
+    }
+    if (m_events.load() & EPOLLOUT) {
+        int ret = Send();
+        if (ret < 0) {
+            QN_LOG(m_log_cat, QN_ERROR, "Send() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(), ret);
+            Disconnect(nullptr);
+            return;
+        }
+    }
+    if ((m_events.load() & EPOLLIN) && !m_is_wait_alloc_big_buffer) {
+        int ret = Recv();
+        if (ret >= 0) {
+            return;
+        }
+        if (ret == -10000) {
+            Disconnect(nullptr);
+            return;
+        }
+        QN_LOG(m_log_cat, QN_ERROR, "Recv() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(), ret);
+        Disconnect(nullptr);
+    }
+}
+
+int CTcpConnector::CopyFrom(CTcpConnector& that) {
+    QN_LOG(m_log_cat, QN_ERROR, "CTcpConnector::CopyFrom() is not available in this build, that=%p",
+           static_cast<void*>(&that));
+    return -1;
+}
+
+}  // namespace QUOLNET

@@ -1,0 +1,246 @@
+// CTcpConnector: one non-blocking TCP connection driven by its owner's epoll loop.
+//
+// A connector is either dialled out to a "tcp://host:port" or "tcp://[v6-host]:port" URL
+// (Init with socket -1, then Connect) or wraps a socket that a listener accepted (Init with
+// the socket). The owner's thread waits on epoll, hands each event's bits to SetEvent and
+// calls Update once per tick; Update completes dials, disconnects on errors, flushes the send
+// queue and reads. Complete packets, cut by the application's IPackParser, wait in a ring of
+// 1000 descriptors for Peek/Drop, or are pushed to the receive callback.
+//
+// Memory: receive and send bytes live in 64 KiB blocks borrowed from a shared CNetBufferMgr;
+// the two combine buffers, the error-text buffer, the pool, the parser and the log category
+// belong to the owner, which keeps them alive for the connector's lifetime. The connector
+// frees none of them and returns every block it borrowed at Fini.
+//
+// Threads and locks:
+//   m_mutex                  connection state: status, socket, epoll registration
+//   m_rx_mutex               receive queue, ring indices, rebinding of m_rx_packet/m_rx_buffer
+//   m_tx_mutex               send queue, the sending role, the send-starved time
+//   m_push_send_queue_mutex  whole PushSendQ calls
+// Order: m_mutex before a queue mutex; m_push_send_queue_mutex before m_tx_mutex; never two
+// of m_rx_mutex/m_tx_mutex at once. No mutex is held across send/recv or the callback.
+// The owner's thread constructs, initialises, connects, updates and finalises; Send and
+// SendToQ may be called from any thread; Peek/Drop may run on another thread than Update.
+// Counters and statistics are read without locks and may be momentarily stale.
+//
+// Descriptor ownership: m_close_socket starts true, so Close (through Disconnect or Fini)
+// closes the descriptor, whether dialled or accepted, exactly once. An owner that keeps the
+// descriptor for itself (for example to hand it to another connector) clears the flag with
+// SetCloseSocket(false) first and then closes the descriptor itself.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+#include "common/mutex.h"
+#include "common/relaxed.h"
+#include "log/log.h"
+#include "net/bi_list.h"
+#include "net/net_buffer.h"
+#include "net/net_buffer_mgr.h"
+#include "net/net_connector.h"
+#include "net/net_parser.h"
+
+namespace QUOLNET {
+
+// What the receive side waits for.
+enum RECV_PACKET_STATUS : unsigned int {
+    RECV_PACKET_HEAD_STATUS = 0,         // (the rest of) a packet header
+    RECV_SINGLE_BUFFER_BODY_STATUS = 1,  // the body of a packet that fits in one block
+    ALLOC_MULTI_BUFFER_BODY_STATUS = 2,  // blocks for a packet longer than one block
+    RECV_MULTI_BUFFER_BODY_STATUS = 3,   // the body of a packet spanning a chain of blocks
+    WAIT_PARSE_PACKET_STATUS = 4,        // bytes were read and must be parsed
+};
+
+// One received packet.
+struct PacketInfo {
+    NetBuffer* buffer;  // block in which the packet begins
+    int start_pos;      // offset of its first byte in buffer->m_buf
+    int len;            // total length from the parser; 0 while unknown
+    int recv_len;       // bytes consumed from the receive blocks so far
+};
+
+// Writes the local address of `socket` into `url` as "tcp://a.b.c.d:port" or
+// "tcp://[v6]:port" (`url` must hold 256 bytes). Returns 0, or -1 (logged to `log_cat`)
+// when getsockname fails; `url` is then unchanged.
+int GetLocalSocketName(bool ipv6, int socket, char* url, LogCategory* log_cat);
+
+class CTcpConnector : public CConnector {
+public:
+    static const int kPacketInfoSize = 1000;  // slots in the packet ring
+
+    // `combine_buf` (length `combine_buf_len`) joins multi-block packets for Peek and bounds
+    // the longest packet accepted; `cb_combine_buf` does the same for the callback. Blocks
+    // come from `net_buffer_mgr`, at most `max_send_buf_num` queued for sending and
+    // `max_recv_buf_num` held for receiving. All pointers stay owned by the caller.
+    CTcpConnector(char* combine_buf, int combine_buf_len, char* cb_combine_buf, int cb_combine_buf_len,
+                  char* last_err, CNetBufferMgr* net_buffer_mgr, unsigned int max_send_buf_num,
+                  unsigned int max_recv_buf_num, RecvPkgCallback cb, void* cb_para);
+    // Calls Fini(); never throws.
+    ~CTcpConnector() override;
+
+    // ---- lifecycle (owner's thread) ----
+
+    // Binds the connector to `url`. socket < 0: a connector to be dialled with Connect.
+    // socket >= 0: an accepted connection, registered with `epoll` (EPOLLIN|EPOLLOUT|EPOLLERR,
+    // level-triggered, data.ptr = this) and connected at once. Returns 0, -1 for bad
+    // arguments / set-up / a failed registration (the socket is then neither stored nor
+    // closed), or the failing step's code.
+    int Init(const char* url, IPackParser* parser, int epoll, int socket) override;
+    // Closes the socket (if any) and returns every block of both queues to the pool. The
+    // connector cannot carry traffic afterwards.
+    void Fini() override;
+    // Clears per-connection state (ring, receive state, statistics, events). Takes no lock.
+    void Reset();
+    // One tick: completes a dial, disconnects on error/hang-up, flushes on EPOLLOUT, reads
+    // on EPOLLIN. Owner's thread only.
+    void Update() override;
+    // ORs epoll readiness bits into m_events.
+    void SetEvent(unsigned int events) override;
+    unsigned int GetEvent() override;
+    bool IsWaitAllocBigBuffer() { return m_is_wait_alloc_big_buffer; }
+    void GetIPAndPort(int& ip, int& port) override;
+    // Dials the parsed URL without blocking. Returns 0 (status 1 or 2), or -1..-9.
+    int Connect() override;
+    // Logs and closes (see Close).
+    void Disconnect(LogCategory* log_cat) override;
+    // Removes the socket from epoll, closes it when m_close_socket is set, and sets status 0,
+    // socket -1, events 0. Does nothing in status 0. A null category selects m_log_cat.
+    void Close(LogCategory* log_cat);
+    // Whether Close closes the descriptor (default true).
+    void SetCloseSocket(bool close_socket) { m_close_socket = close_socket; }
+    bool GetCloseSocket() const { return m_close_socket; }
+    int GetSocket() const { return m_socket; }
+    // Moves the live state of `that` (same socket) into this fresh connector. 0, or -1..-8.
+    // Neither connector may be in use by another thread.
+    int CopyFrom(CTcpConnector& that);
+
+    // ---- URLs ----
+    int ParseURL() override;
+    int ParseURLV6() override;
+    // True when `url` is not null and starts with "tcp://".
+    static bool CheckURL(const char* url);
+    const char* GetLocalURL() override;
+
+    // ---- receive path ----
+
+    // Reads and frames what the socket holds. Returns bytes read (>= 0), -10000 when the
+    // peer closed, or another negative code on failure. Update calls it; an owner calls it
+    // directly to retry a connector that IsWaitAllocBigBuffer() (Update skips those).
+    int Recv();
+    // The oldest packet, in place (<= 65536 bytes) or joined into the combine buffer. Valid
+    // until the next Drop (or the next Peek of a multi-block packet). Ring consumer thread.
+    int Peek(const char** buf, unsigned int& len, LogCategory* log_cat) override;
+    // Retires the oldest packet and frees the blocks no packet uses. 0, or -1 when empty.
+    int Drop() override;
+
+    // ---- send path ----
+
+    // Writes (or queues) one whole packet. Any thread. Returns len, 0 when refused for lack
+    // of room, or a negative code (the connection should be disconnected).
+    int Send(const char* buf, unsigned int len, LogCategory* log_cat) override;
+    // Flushes the send queue; called by Update on writability. Bytes written, or negative.
+    int Send();
+    bool IsSendBufEnough(unsigned int len) override;
+    // Queues one whole packet or none. Any thread. len, 0 when refused, -1 bad arguments.
+    int SendToQ(const char* buf, unsigned int len, LogCategory* log_cat) override;
+    int GetConstantSendBufFullMS() override;
+    int GetMaxSendQCount() { return static_cast<int>(m_max_tx_buf_num); }
+    int GetMaxRecvQCount() { return static_cast<int>(m_max_rx_buf_num); }
+
+    // ---- diagnostics ----
+
+    // One-line dump into m_to_string; valid until the next ToString on this connector.
+    const char* ToString();
+    // One statistics row into buf (at most len bytes); returns the row's full length.
+    int PrintStat(char* buf, int len);
+    int GetPacketInfoCnt();
+    int GetSendQCount() override;
+    int GetRecvQCount() override;
+    int GetSendBuffLeftRate() override;
+    int GetRecvBuffLeftRate() override;
+
+private:
+    friend class CTcpConnectorTestPeer;  // white-box access for the library's own tests
+
+    // receive path
+    void AddRecvQueue(CBidirList& list);
+    NetBuffer* AllocateRecvBufferNoLock();
+    int RecvToBuffer(NetBuffer* buffer);
+    int ReadSocket(void* buf, int len);
+    int RecvPacketHead();
+    int RecvSingleBufferBody();
+    int RecvMultiBufferBody();
+    int ParseNetBuffer();
+    int CombinePacket(PacketInfo* info, char* out, LogCategory* log_cat);
+    void ReleaseCallBackPacket();
+
+    // send path
+    bool IsExceedMaxTxBufCnt(int len);
+    void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat);
+    int Sending(LogCategory* log_cat);
+    int WriteSocket(const char* buf, int len, LogCategory* log_cat);
+
+    IPackParser* m_parser;
+    int m_epoll;
+    std::atomic<unsigned int> m_events;  // set by the owner's thread, EPOLLOUT cleared by senders
+    char* m_combine_buf;
+    int m_combine_buf_len;
+    char* m_cb_combine_buf;
+    int m_cb_combine_buf_len;
+    Relaxed<int> m_socket;  // written under m_mutex, read by sending threads
+    bool m_close_socket;
+    union {
+        struct sockaddr_in m_addr;
+        struct sockaddr_in6 m_addr6;
+    };
+    union {
+        int m_ip;
+        struct in6_addr m_ipv6;
+    };
+    int m_port;
+    char m_peer_url[256];  // local address text
+    CBidirList m_tx_queue;  // guarded by m_tx_mutex
+    CBidirList m_rx_queue;  // guarded by m_rx_mutex
+    CNetBufferMgr* m_net_buf_mgr;
+    unsigned int m_max_tx_buf_num;
+    unsigned int m_max_rx_buf_num;
+    Mutex m_tx_mutex;
+    Mutex m_push_send_queue_mutex;
+    Mutex m_rx_mutex;
+    Mutex m_mutex;
+
+    // receive state (update thread; rebinding under m_rx_mutex)
+    RECV_PACKET_STATUS m_rx_status;
+    NetBuffer* m_rx_buffer;
+    PacketInfo m_rx_packet;
+    PacketInfo m_packet_info[kPacketInfoSize];
+    int m_packet_head_idx;  // guarded by m_rx_mutex
+    int m_packet_tail_idx;  // guarded by m_rx_mutex
+    bool m_is_wait_alloc_big_buffer;
+    time_t m_wait_alloc_starttime;
+
+    // statistics (plain, unlocked)
+    int m_last_sample_time;
+    Relaxed<int> m_packet_info_max_cnt;
+    Relaxed<float> m_packet_info_avg_cnt;
+    Relaxed<int> m_tx_max_wait_time;
+    Relaxed<float> m_tx_avg_wait_time;
+    Relaxed<int> m_rx_max_wait_time;
+    Relaxed<float> m_rx_avg_wait_time;
+    Relaxed<int> m_tx_buf_full_cnt;
+    Relaxed<int> m_rx_buf_full_cnt;
+    Relaxed<bool> m_is_last_tx_full;
+    Relaxed<bool> m_is_last_rx_full;
+    Relaxed<long> m_rx_packet_cnt;
+    Relaxed<int64_t> m_tx_packet_cnt;
+    char m_to_string[512];
+
+    std::atomic<bool> m_is_sending;  // the sending role; taken under m_tx_mutex
+};
+
+}  // namespace QUOLNET
