@@ -15,8 +15,8 @@ namespace QUOLNET {
 
 CTcpConnector::CTcpConnector(char* combine_buf, int combine_buf_len, char* cb_combine_buf,
                              int cb_combine_buf_len, char* last_err, CNetBufferMgr* net_buffer_mgr,
-                             unsigned int max_send_buf_num, unsigned int max_recv_buf_num,
-                             RecvPkgCallback cb, void* cb_para)
+                             unsigned int max_send_buf_num, unsigned int max_recv_buf_num, RecvPkgCallback cb,
+                             void* cb_para)
     : CConnector(last_err, cb, cb_para),
       m_parser(nullptr),
       m_epoll(-1),
@@ -104,7 +104,8 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
     }
 
     if (m_net_buf_mgr == nullptr || m_combine_buf == nullptr || m_combine_buf_len == 0) {
-        QN_LOG(m_log_cat, QN_ERROR, "invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
+        QN_LOG(m_log_cat, QN_ERROR,
+               "invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
                static_cast<void*>(m_net_buf_mgr), static_cast<void*>(m_combine_buf), m_combine_buf_len);
         return -1;
     }
@@ -119,8 +120,8 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
 
     ret = GetLocalSocketName(m_bIPv6, socket, m_peer_url, m_log_cat);
     if (ret != 0) {
-        QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
-               socket, ret);
+        QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, socket=%d, ret=%d",
+               m_bIPv6 ? 1 : 0, socket, ret);
         return ret;
     }
     QN_LOG(m_log_cat, QN_INFO, "socket(%d) > 0, accept a connect, url=%s, local_url=%s", socket, GetURL(),
@@ -142,10 +143,11 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
 }
 
 void CTcpConnector::Fini() {
-    QN_LOG(m_log_cat, QN_INFO,
-           "enter CTcpConnector::Fini(), local_url=%s, url=%s, socket=%d, m_rx_queue.cnt=%d, m_tx_queue.cnt=%d",
-           GetLocalURL(), GetURL(), static_cast<int>(m_socket), static_cast<int>(m_rx_queue.Count()),
-           static_cast<int>(m_tx_queue.Count()));
+    QN_LOG(
+        m_log_cat, QN_INFO,
+        "enter CTcpConnector::Fini(), local_url=%s, url=%s, socket=%d, m_rx_queue.cnt=%d, m_tx_queue.cnt=%d",
+        GetLocalURL(), GetURL(), static_cast<int>(m_socket), static_cast<int>(m_rx_queue.Count()),
+        static_cast<int>(m_tx_queue.Count()));
     if (m_socket != -1) {
         Close(nullptr);
         m_socket = -1;
@@ -168,9 +170,13 @@ void CTcpConnector::Fini() {
     CConnector::Fini();
 }
 
-void CTcpConnector::SetEvent(unsigned int events) { m_events.fetch_or(events); }
+void CTcpConnector::SetEvent(unsigned int events) {
+    m_events.fetch_or(events);
+}
 
-unsigned int CTcpConnector::GetEvent() { return m_events.load(); }
+unsigned int CTcpConnector::GetEvent() {
+    return m_events.load();
+}
 
 void CTcpConnector::GetIPAndPort(int& ip, int& port) {
     ip = m_ip;
@@ -184,7 +190,8 @@ int CTcpConnector::Connect() {
     {
         AutoLocker locker(&m_mutex);
         if (m_status != CONNECTOR_STATUS_DISCONNECTED) {
-            QN_LOG(m_log_cat, QN_ERROR, "connector is not disconnected, m_status=%d", static_cast<int>(m_status));
+            QN_LOG(m_log_cat, QN_ERROR, "connector is not disconnected, m_status=%d",
+                   static_cast<int>(m_status));
             return -1;
         }
         if (m_is_accepted) {
@@ -212,10 +219,12 @@ int CTcpConnector::Connect() {
 
         int one = 1;
         if (sock_set_nonblock(m_socket, 1) != 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- nonblock failed! url=%s, errno=%d", GetURL(), errno);
+            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- nonblock failed! url=%s, errno=%d", GetURL(),
+                   errno);
             fail_code = -4;
         } else if (setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, 4) != 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(), errno);
+            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(),
+                   errno);
             fail_code = -5;
         } else if (sock_set_sendbuff(m_socket, CConnector::m_socket_send_buff_size) != 0) {
             QN_LOG(m_log_cat, QN_ERROR, "sock_set_sendbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
@@ -231,7 +240,8 @@ int CTcpConnector::Connect() {
             event.events = EPOLLIN | EPOLLOUT | EPOLLERR;
             event.data.ptr = this;
             if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_socket, &event) != 0) {
-                QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), errno);
+                QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(),
+                       errno);
                 fail_code = -8;
             }
         }
@@ -260,7 +270,8 @@ int CTcpConnector::Connect() {
         Close(nullptr);
         return fail_code;
     }
-    QN_LOG(m_log_cat, QN_INFO, "connect url(%s) successfully, m_status=%d", GetURL(), static_cast<int>(m_status));
+    QN_LOG(m_log_cat, QN_INFO, "connect url(%s) successfully, m_status=%d", GetURL(),
+           static_cast<int>(m_status));
     return 0;
 }
 
@@ -272,8 +283,8 @@ void CTcpConnector::Disconnect(LogCategory* log_cat) {
 
 void CTcpConnector::Close(LogCategory* log_cat) {
     LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
-    QN_LOG(cat, QN_INFO, "enter CTcpConnector::Close(), url=%s, local_url=%s, socket=%d", GetURL(), GetLocalURL(),
-           static_cast<int>(m_socket));
+    QN_LOG(cat, QN_INFO, "enter CTcpConnector::Close(), url=%s, local_url=%s, socket=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(m_socket));
 
     AutoLocker locker(&m_mutex);
     if (m_status == CONNECTOR_STATUS_DISCONNECTED) {
@@ -287,8 +298,8 @@ void CTcpConnector::Close(LogCategory* log_cat) {
     }
     if (m_close_socket) {
         if (sock_close(m_socket) != 0) {
-            QN_LOG(cat, QN_ERROR, "sock_close() failed, url=%s, local_url=%s, m_socket=%d, errno=%d", GetURL(),
-                   GetLocalURL(), static_cast<int>(m_socket), errno);
+            QN_LOG(cat, QN_ERROR, "sock_close() failed, url=%s, local_url=%s, m_socket=%d, errno=%d",
+                   GetURL(), GetLocalURL(), static_cast<int>(m_socket), errno);
         }
     }
     m_status = CONNECTOR_STATUS_DISCONNECTED;
@@ -300,11 +311,12 @@ void CTcpConnector::Update() {
     unsigned int events = m_events.load();
     if (m_status == CONNECTOR_STATUS_CONNECTING && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == EPOLLOUT) {
         if (GetLocalSocketName(m_bIPv6, m_socket, m_peer_url, m_log_cat) == -1) {
-            QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d",
-                   m_bIPv6 ? 1 : 0, GetURL(), static_cast<int>(m_socket), -1);
+            QN_LOG(m_log_cat, QN_ERROR,
+                   "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
+                   GetURL(), static_cast<int>(m_socket), -1);
         }
-        QN_LOG(m_log_cat, QN_INFO, "connect to %s successfully, local_url=%s, m_socket=%d", GetURL(), GetLocalURL(),
-               static_cast<int>(m_socket));
+        QN_LOG(m_log_cat, QN_INFO, "connect to %s successfully, local_url=%s, m_socket=%d", GetURL(),
+               GetLocalURL(), static_cast<int>(m_socket));
         m_status = CONNECTOR_STATUS_CONNECTED;
     }
 
@@ -330,7 +342,8 @@ void CTcpConnector::Update() {
     if (m_events.load() & EPOLLOUT) {
         int ret = Send();
         if (ret < 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "Send() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(), ret);
+            QN_LOG(m_log_cat, QN_ERROR, "Send() failed, url=%s, local_url=%s, ret=%d", GetURL(),
+                   GetLocalURL(), ret);
             Disconnect(nullptr);
             return;
         }
@@ -344,15 +357,118 @@ void CTcpConnector::Update() {
             Disconnect(nullptr);
             return;
         }
-        QN_LOG(m_log_cat, QN_ERROR, "Recv() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(), ret);
+        QN_LOG(m_log_cat, QN_ERROR, "Recv() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(),
+               ret);
         Disconnect(nullptr);
     }
 }
 
+namespace {
+
+// Walks `src` and `dst` side by side from *src_node / *dst_node until the source node's
+// block is `target`. On success *src_node / *dst_node stand on the matching pair and the
+// destination's block is returned; on failure null is returned and the nodes reached are
+// left in *src_node / *dst_node for the message.
+NetBuffer* FindMatchingBlock(LIST_NODE** src_node, LIST_NODE** dst_node, const NetBuffer* target) {
+    while (*src_node != nullptr && *dst_node != nullptr) {
+        if ((*src_node)->pData == target) {
+            return static_cast<NetBuffer*>((*dst_node)->pData);
+        }
+        *src_node = (*src_node)->pNext;
+        *dst_node = (*dst_node)->pNext;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
 int CTcpConnector::CopyFrom(CTcpConnector& that) {
-    QN_LOG(m_log_cat, QN_ERROR, "CTcpConnector::CopyFrom() is not available in this build, that=%p",
-           static_cast<void*>(&that));
-    return -1;
+    QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::CopyFrom(), url=%s, socket=%d, src_connector=%s",
+           GetURL(), static_cast<int>(m_socket), that.ToString());
+    if (&that == this) {
+        return -1;
+    }
+    if (m_socket != that.m_socket) {
+        QN_LOG(m_log_cat, QN_ERROR, "cannot copy to a connector holding a different socket, this=%d, that=%d",
+               static_cast<int>(m_socket), static_cast<int>(that.m_socket));
+        m_events.fetch_or(EPOLLERR);
+        return -2;
+    }
+    if (m_tx_queue.Count() != 0 || m_rx_queue.Count() != 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "cannot copy to a non-empty connector, m_tx_queue(%d), m_rx_queu(%d)",
+               static_cast<int>(m_tx_queue.Count()), static_cast<int>(m_rx_queue.Count()));
+        m_events.fetch_or(EPOLLERR);
+        return -3;
+    }
+    if (!m_net_buf_mgr->Copy(that.m_tx_queue, m_tx_queue)) {
+        QN_LOG(m_log_cat, QN_ERROR, "failed to copy send queue, send count=%d",
+               static_cast<int>(that.m_tx_queue.Count()));
+        m_events.fetch_or(EPOLLERR);
+        return -4;
+    }
+    if (!m_net_buf_mgr->Copy(that.m_rx_queue, m_rx_queue)) {
+        QN_LOG(m_log_cat, QN_ERROR, "failed to copy recv queue, recv count=%d",
+               static_cast<int>(that.m_rx_queue.Count()));
+        m_events.fetch_or(EPOLLERR);
+        return -5;
+    }
+
+    // Ring, indices and receive pointers as they stand: they still point into the source's
+    // blocks until rewritten below.
+    memcpy(m_packet_info, that.m_packet_info, sizeof(m_packet_info));
+    m_packet_head_idx = that.m_packet_head_idx;
+    m_packet_tail_idx = that.m_packet_tail_idx;
+    m_rx_packet = that.m_rx_packet;
+    m_rx_buffer = that.m_rx_buffer;
+
+    // Packets lie in queue order, so one side-by-side walk serves the whole ring.
+    if (m_packet_head_idx != -1) {
+        int n = that.GetPacketInfoCnt();
+        LIST_NODE* src_node = that.m_rx_queue.Head();
+        LIST_NODE* dst_node = m_rx_queue.Head();
+        int idx = m_packet_head_idx;
+        for (int i = 0; i < n; ++i) {
+            NetBuffer* dst = FindMatchingBlock(&src_node, &dst_node, m_packet_info[idx].buffer);
+            if (dst == nullptr) {
+                QN_LOG(m_log_cat, QN_ERROR, "unexpected error, src_node=%p, dst_node=%p",
+                       static_cast<void*>(src_node), static_cast<void*>(dst_node));
+                return -6;
+            }
+            m_packet_info[idx].buffer = dst;
+            idx = idx + 1 == kPacketInfoSize ? 0 : idx + 1;
+        }
+    }
+    if (m_rx_buffer != nullptr) {
+        LIST_NODE* src_node = that.m_rx_queue.Head();
+        LIST_NODE* dst_node = m_rx_queue.Head();
+        NetBuffer* dst = FindMatchingBlock(&src_node, &dst_node, m_rx_buffer);
+        if (dst == nullptr) {
+            QN_LOG(m_log_cat, QN_ERROR, "unexpected error, src_node=%p, dst_node=%p",
+                   static_cast<void*>(src_node), static_cast<void*>(dst_node));
+            return -7;
+        }
+        m_rx_buffer = dst;
+    }
+    if (m_rx_packet.buffer != nullptr) {
+        LIST_NODE* src_node = that.m_rx_queue.Head();
+        LIST_NODE* dst_node = m_rx_queue.Head();
+        NetBuffer* dst = FindMatchingBlock(&src_node, &dst_node, m_rx_packet.buffer);
+        if (dst == nullptr) {
+            QN_LOG(m_log_cat, QN_ERROR, "unexpected error, src_node=%p, dst_node=%p",
+                   static_cast<void*>(src_node), static_cast<void*>(dst_node));
+            return -8;
+        }
+        m_rx_packet.buffer = dst;
+    }
+
+    m_rx_packet_cnt = that.m_rx_packet_cnt.load();
+    m_tx_packet_cnt = that.m_tx_packet_cnt.load();
+    m_wait_alloc_starttime = that.m_wait_alloc_starttime;
+    m_rx_status = that.m_rx_status;
+    m_is_wait_alloc_big_buffer = that.m_is_wait_alloc_big_buffer;
+    memcpy(m_peer_url, that.m_peer_url, sizeof(m_peer_url));
+    SetEvent(that.GetEvent());
+    return 0;
 }
 
 }  // namespace QUOLNET
