@@ -15,8 +15,8 @@ namespace QUOLNET {
 
 CTcpConnector::CTcpConnector(char* combine_buf, int combine_buf_len, char* cb_combine_buf,
                              int cb_combine_buf_len, char* last_err, CNetBufferMgr* net_buffer_mgr,
-                             unsigned int max_send_buf_num, unsigned int max_recv_buf_num,
-                             RecvPkgCallback cb, void* cb_para)
+                             unsigned int max_send_buf_num, unsigned int max_recv_buf_num, RecvPkgCallback cb,
+                             void* cb_para)
     : CConnector(last_err, cb, cb_para),
       m_parser(nullptr),
       m_epoll(-1),
@@ -104,7 +104,8 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
     }
 
     if (m_net_buf_mgr == nullptr || m_combine_buf == nullptr || m_combine_buf_len == 0) {
-        QN_LOG(m_log_cat, QN_ERROR, "invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
+        QN_LOG(m_log_cat, QN_ERROR,
+               "invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
                static_cast<void*>(m_net_buf_mgr), static_cast<void*>(m_combine_buf), m_combine_buf_len);
         return -1;
     }
@@ -119,8 +120,8 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
 
     ret = GetLocalSocketName(m_bIPv6, socket, m_peer_url, m_log_cat);
     if (ret != 0) {
-        QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
-               socket, ret);
+        QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, socket=%d, ret=%d",
+               m_bIPv6 ? 1 : 0, socket, ret);
         return ret;
     }
     QN_LOG(m_log_cat, QN_INFO, "socket(%d) > 0, accept a connect, url=%s, local_url=%s", socket, GetURL(),
@@ -142,10 +143,11 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
 }
 
 void CTcpConnector::Fini() {
-    QN_LOG(m_log_cat, QN_INFO,
-           "enter CTcpConnector::Fini(), local_url=%s, url=%s, socket=%d, m_rx_queue.cnt=%d, m_tx_queue.cnt=%d",
-           GetLocalURL(), GetURL(), static_cast<int>(m_socket), static_cast<int>(m_rx_queue.Count()),
-           static_cast<int>(m_tx_queue.Count()));
+    QN_LOG(
+        m_log_cat, QN_INFO,
+        "enter CTcpConnector::Fini(), local_url=%s, url=%s, socket=%d, m_rx_queue.cnt=%d, m_tx_queue.cnt=%d",
+        GetLocalURL(), GetURL(), static_cast<int>(m_socket), static_cast<int>(m_rx_queue.Count()),
+        static_cast<int>(m_tx_queue.Count()));
     if (m_socket != -1) {
         Close(nullptr);
         m_socket = -1;
@@ -168,15 +170,26 @@ void CTcpConnector::Fini() {
     CConnector::Fini();
 }
 
-void CTcpConnector::SetEvent(unsigned int events) { m_events.fetch_or(events); }
+void CTcpConnector::SetEvent(unsigned int events) {
+    m_events.fetch_or(events);
+}
 
-unsigned int CTcpConnector::GetEvent() { return m_events.load(); }
+unsigned int CTcpConnector::GetEvent() {
+    return m_events.load();
+}
 
 void CTcpConnector::GetIPAndPort(int& ip, int& port) {
     ip = m_ip;
     port = m_port;
 }
 
+// Dials the parsed address. m_mutex is held from the status check to the end of the dial;
+// m_rx_mutex and then m_tx_mutex are taken inside it one after the other (never together)
+// to return the previous connection's blocks. Every failure after the socket exists goes
+// through Close with m_mutex released (the mutex is not recursive). Failures -4..-8 happen
+// in status 0, so Close leaves that descriptor open in m_socket with m_close_socket set;
+// only a failed dial (-9) really closes it here. Each errno is read right after the call
+// that failed, before any log argument is evaluated.
 int CTcpConnector::Connect() {
     QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::Connect(), url=%s", GetURL());
 
@@ -184,7 +197,8 @@ int CTcpConnector::Connect() {
     {
         AutoLocker locker(&m_mutex);
         if (m_status != CONNECTOR_STATUS_DISCONNECTED) {
-            QN_LOG(m_log_cat, QN_ERROR, "connector is not disconnected, m_status=%d", static_cast<int>(m_status));
+            QN_LOG(m_log_cat, QN_ERROR, "connector is not disconnected, m_status=%d",
+                   static_cast<int>(m_status));
             return -1;
         }
         if (m_is_accepted) {
@@ -206,32 +220,42 @@ int CTcpConnector::Connect() {
 
         m_socket = m_bIPv6 ? sock_open(AF_INET6, SOCK_STREAM, 0) : sock_open_tcp();
         if (m_socket == -1) {
-            QN_LOG(m_log_cat, QN_ERROR, "create tcp socket failed! url=%s, errno=%d", GetURL(), errno);
+            int err = errno;
+            QN_LOG(m_log_cat, QN_ERROR, "create tcp socket failed! url=%s, errno=%d", GetURL(), err);
             return -3;
         }
 
         int one = 1;
         if (sock_set_nonblock(m_socket, 1) != 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- nonblock failed! url=%s, errno=%d", GetURL(), errno);
+            int err = errno;
+            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- nonblock failed! url=%s, errno=%d", GetURL(),
+                   err);
             fail_code = -4;
         } else if (setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, 4) != 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(), errno);
+            int err = errno;
+            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(),
+                   err);
             fail_code = -5;
         } else if (sock_set_sendbuff(m_socket, CConnector::m_socket_send_buff_size) != 0) {
+            int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "sock_set_sendbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
-                   CConnector::m_socket_send_buff_size, errno);
+                   CConnector::m_socket_send_buff_size, err);
             fail_code = -6;
         } else if (sock_set_recvbuff(m_socket, CConnector::m_socket_recv_buff_size) != 0) {
+            int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "sock_set_recvbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
-                   CConnector::m_socket_recv_buff_size, errno);
+                   CConnector::m_socket_recv_buff_size, err);
             fail_code = -7;
         } else {
+            // Level-triggered, EPOLLOUT from the start: writability tells Update that a
+            // non-blocking dial has finished.
             struct epoll_event event;
             memset(&event, 0, sizeof(event));
             event.events = EPOLLIN | EPOLLOUT | EPOLLERR;
             event.data.ptr = this;
             if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_socket, &event) != 0) {
-                QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), errno);
+                int err = errno;
+                QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), err);
                 fail_code = -8;
             }
         }
@@ -240,8 +264,8 @@ int CTcpConnector::Connect() {
             int ret = m_bIPv6 ? connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr6), 28)
                               : connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr), 16);
             if (ret == -1) {
-                m_status = CONNECTOR_STATUS_CONNECTING;
                 int err = errno;
+                m_status = CONNECTOR_STATUS_CONNECTING;
                 if (err != EAGAIN && err != EINPROGRESS) {
                     QN_LOG(m_log_cat, QN_ERROR, "do connect failed! url=%s, errno=%d", GetURL(), err);
                     fail_code = -9;
@@ -249,7 +273,7 @@ int CTcpConnector::Connect() {
             } else {
                 m_status = CONNECTOR_STATUS_CONNECTED;
                 if (ret != 0) {
-                    fail_code = ret;
+                    fail_code = ret;  // not a documented result of connect; handled as a failure
                 }
             }
         }
@@ -260,7 +284,8 @@ int CTcpConnector::Connect() {
         Close(nullptr);
         return fail_code;
     }
-    QN_LOG(m_log_cat, QN_INFO, "connect url(%s) successfully, m_status=%d", GetURL(), static_cast<int>(m_status));
+    QN_LOG(m_log_cat, QN_INFO, "connect url(%s) successfully, m_status=%d", GetURL(),
+           static_cast<int>(m_status));
     return 0;
 }
 
@@ -270,10 +295,12 @@ void CTcpConnector::Disconnect(LogCategory* log_cat) {
     Close(log_cat);
 }
 
+// The only place where a socket leaves epoll and is closed. m_mutex is held for the whole
+// body; the entry message is written before it is taken.
 void CTcpConnector::Close(LogCategory* log_cat) {
     LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
-    QN_LOG(cat, QN_INFO, "enter CTcpConnector::Close(), url=%s, local_url=%s, socket=%d", GetURL(), GetLocalURL(),
-           static_cast<int>(m_socket));
+    QN_LOG(cat, QN_INFO, "enter CTcpConnector::Close(), url=%s, local_url=%s, socket=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(m_socket));
 
     AutoLocker locker(&m_mutex);
     if (m_status == CONNECTOR_STATUS_DISCONNECTED) {
@@ -282,13 +309,15 @@ void CTcpConnector::Close(LogCategory* log_cat) {
     struct epoll_event event;
     memset(&event, 0, sizeof(event));
     if (epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_socket, &event) != 0) {
+        int err = errno;
         QN_LOG(cat, QN_ERROR, "delete socket from epoll failed!, url=%s, m_socket=%d, errno=%d", GetURL(),
-               static_cast<int>(m_socket), errno);
+               static_cast<int>(m_socket), err);
     }
     if (m_close_socket) {
         if (sock_close(m_socket) != 0) {
-            QN_LOG(cat, QN_ERROR, "sock_close() failed, url=%s, local_url=%s, m_socket=%d, errno=%d", GetURL(),
-                   GetLocalURL(), static_cast<int>(m_socket), errno);
+            int err = errno;
+            QN_LOG(cat, QN_ERROR, "sock_close() failed, url=%s, local_url=%s, m_socket=%d, errno=%d",
+                   GetURL(), GetLocalURL(), static_cast<int>(m_socket), err);
         }
     }
     m_status = CONNECTOR_STATUS_DISCONNECTED;
@@ -300,11 +329,12 @@ void CTcpConnector::Update() {
     unsigned int events = m_events.load();
     if (m_status == CONNECTOR_STATUS_CONNECTING && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == EPOLLOUT) {
         if (GetLocalSocketName(m_bIPv6, m_socket, m_peer_url, m_log_cat) == -1) {
-            QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d",
-                   m_bIPv6 ? 1 : 0, GetURL(), static_cast<int>(m_socket), -1);
+            QN_LOG(m_log_cat, QN_ERROR,
+                   "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
+                   GetURL(), static_cast<int>(m_socket), -1);
         }
-        QN_LOG(m_log_cat, QN_INFO, "connect to %s successfully, local_url=%s, m_socket=%d", GetURL(), GetLocalURL(),
-               static_cast<int>(m_socket));
+        QN_LOG(m_log_cat, QN_INFO, "connect to %s successfully, local_url=%s, m_socket=%d", GetURL(),
+               GetLocalURL(), static_cast<int>(m_socket));
         m_status = CONNECTOR_STATUS_CONNECTED;
     }
 
@@ -330,7 +360,8 @@ void CTcpConnector::Update() {
     if (m_events.load() & EPOLLOUT) {
         int ret = Send();
         if (ret < 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "Send() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(), ret);
+            QN_LOG(m_log_cat, QN_ERROR, "Send() failed, url=%s, local_url=%s, ret=%d", GetURL(),
+                   GetLocalURL(), ret);
             Disconnect(nullptr);
             return;
         }
@@ -344,7 +375,8 @@ void CTcpConnector::Update() {
             Disconnect(nullptr);
             return;
         }
-        QN_LOG(m_log_cat, QN_ERROR, "Recv() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(), ret);
+        QN_LOG(m_log_cat, QN_ERROR, "Recv() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(),
+               ret);
         Disconnect(nullptr);
     }
 }
