@@ -15,8 +15,8 @@ namespace QUOLNET {
 
 CTcpConnector::CTcpConnector(char* combine_buf, int combine_buf_len, char* cb_combine_buf,
                              int cb_combine_buf_len, char* last_err, CNetBufferMgr* net_buffer_mgr,
-                             unsigned int max_send_buf_num, unsigned int max_recv_buf_num, RecvPkgCallback cb,
-                             void* cb_para)
+                             unsigned int max_send_buf_num, unsigned int max_recv_buf_num,
+                             RecvPkgCallback cb, void* cb_para)
     : CConnector(last_err, cb, cb_para),
       m_parser(nullptr),
       m_epoll(-1),
@@ -104,8 +104,7 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
     }
 
     if (m_net_buf_mgr == nullptr || m_combine_buf == nullptr || m_combine_buf_len == 0) {
-        QN_LOG(m_log_cat, QN_ERROR,
-               "invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
+        QN_LOG(m_log_cat, QN_ERROR, "invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
                static_cast<void*>(m_net_buf_mgr), static_cast<void*>(m_combine_buf), m_combine_buf_len);
         return -1;
     }
@@ -120,8 +119,8 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
 
     ret = GetLocalSocketName(m_bIPv6, socket, m_peer_url, m_log_cat);
     if (ret != 0) {
-        QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, socket=%d, ret=%d",
-               m_bIPv6 ? 1 : 0, socket, ret);
+        QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
+               socket, ret);
         return ret;
     }
     QN_LOG(m_log_cat, QN_INFO, "socket(%d) > 0, accept a connect, url=%s, local_url=%s", socket, GetURL(),
@@ -143,11 +142,10 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
 }
 
 void CTcpConnector::Fini() {
-    QN_LOG(
-        m_log_cat, QN_INFO,
-        "enter CTcpConnector::Fini(), local_url=%s, url=%s, socket=%d, m_rx_queue.cnt=%d, m_tx_queue.cnt=%d",
-        GetLocalURL(), GetURL(), static_cast<int>(m_socket), static_cast<int>(m_rx_queue.Count()),
-        static_cast<int>(m_tx_queue.Count()));
+    QN_LOG(m_log_cat, QN_INFO,
+           "enter CTcpConnector::Fini(), local_url=%s, url=%s, socket=%d, m_rx_queue.cnt=%d, m_tx_queue.cnt=%d",
+           GetLocalURL(), GetURL(), static_cast<int>(m_socket), static_cast<int>(m_rx_queue.Count()),
+           static_cast<int>(m_tx_queue.Count()));
     if (m_socket != -1) {
         Close(nullptr);
         m_socket = -1;
@@ -170,13 +168,9 @@ void CTcpConnector::Fini() {
     CConnector::Fini();
 }
 
-void CTcpConnector::SetEvent(unsigned int events) {
-    m_events.fetch_or(events);
-}
+void CTcpConnector::SetEvent(unsigned int events) { m_events.fetch_or(events); }
 
-unsigned int CTcpConnector::GetEvent() {
-    return m_events.load();
-}
+unsigned int CTcpConnector::GetEvent() { return m_events.load(); }
 
 void CTcpConnector::GetIPAndPort(int& ip, int& port) {
     ip = m_ip;
@@ -329,12 +323,11 @@ void CTcpConnector::Update() {
     unsigned int events = m_events.load();
     if (m_status == CONNECTOR_STATUS_CONNECTING && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == EPOLLOUT) {
         if (GetLocalSocketName(m_bIPv6, m_socket, m_peer_url, m_log_cat) == -1) {
-            QN_LOG(m_log_cat, QN_ERROR,
-                   "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
-                   GetURL(), static_cast<int>(m_socket), -1);
+            QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d",
+                   m_bIPv6 ? 1 : 0, GetURL(), static_cast<int>(m_socket), -1);
         }
-        QN_LOG(m_log_cat, QN_INFO, "connect to %s successfully, local_url=%s, m_socket=%d", GetURL(),
-               GetLocalURL(), static_cast<int>(m_socket));
+        QN_LOG(m_log_cat, QN_INFO, "connect to %s successfully, local_url=%s, m_socket=%d", GetURL(), GetLocalURL(),
+               static_cast<int>(m_socket));
         m_status = CONNECTOR_STATUS_CONNECTED;
     }
 
@@ -360,8 +353,7 @@ void CTcpConnector::Update() {
     if (m_events.load() & EPOLLOUT) {
         int ret = Send();
         if (ret < 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "Send() failed, url=%s, local_url=%s, ret=%d", GetURL(),
-                   GetLocalURL(), ret);
+            QN_LOG(m_log_cat, QN_ERROR, "Send() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(), ret);
             Disconnect(nullptr);
             return;
         }
@@ -375,8 +367,7 @@ void CTcpConnector::Update() {
             Disconnect(nullptr);
             return;
         }
-        QN_LOG(m_log_cat, QN_ERROR, "Recv() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(),
-               ret);
+        QN_LOG(m_log_cat, QN_ERROR, "Recv() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(), ret);
         Disconnect(nullptr);
     }
 }
