@@ -23,10 +23,15 @@
 // SendToQ may be called from any thread; Peek/Drop may run on another thread than Update.
 // Counters and statistics are read without locks and may be momentarily stale.
 //
-// Descriptor ownership: m_close_socket starts true, so Close (through Disconnect or Fini)
-// closes the descriptor, whether dialled or accepted, exactly once. An owner that keeps the
-// descriptor for itself (for example to hand it to another connector) clears the flag with
-// SetCloseSocket(false) first and then closes the descriptor itself.
+// Descriptor ownership: m_close_socket starts true and Reset (hence every Connect) sets it
+// true again, so Close (through Disconnect, Update or Fini) closes the descriptor, whether
+// dialled or accepted, exactly once. An owner that keeps the descriptor for itself (for
+// example to hand it to another connector) clears the flag with SetCloseSocket(false) after
+// Connect/Init and before the close, reads GetSocket() first and then closes it itself.
+// One deliberate exception: when Connect fails with -4..-8 (socket options or epoll
+// registration) the new descriptor stays open in GetSocket() with status 0, where Close does
+// nothing; a later Connect or Fini forgets it. An owner that sees those codes closes
+// GetSocket() itself.
 #pragma once
 
 #include <netinet/in.h>
@@ -104,7 +109,12 @@ public:
     unsigned int GetEvent() override;
     bool IsWaitAllocBigBuffer() { return m_is_wait_alloc_big_buffer; }
     void GetIPAndPort(int& ip, int& port) override;
-    // Dials the parsed URL without blocking. Returns 0 (status 1 or 2), or -1..-9.
+    // Dials the parsed URL without blocking, registering the socket with epoll first
+    // (EPOLLIN|EPOLLOUT|EPOLLERR, level-triggered, data.ptr = this). Returns 0 with status 1
+    // (dial in progress) or 2 (connected); -1 not disconnected; -2 accepted connection;
+    // -3 no socket; -4 non-blocking mode, -5 TCP_NODELAY, -6/-7 kernel buffer sizes, -8 epoll
+    // registration failed (descriptor left open, see above); -9 the dial failed (closed).
+    // Owner's thread.
     int Connect() override;
     // Logs and closes (see Close).
     void Disconnect(LogCategory* log_cat) override;
