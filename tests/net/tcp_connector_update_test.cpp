@@ -94,7 +94,7 @@ TEST_F(UpdateTest, HangUpWhileConnectedDisconnects) {
 }
 
 TEST_F(UpdateTest, WaitingForABigBufferReadsNothingAndSaysNothing) {
-    ASSERT_TRUE(qntest::WriteAll(m_client, "\0\0\0\x08abcd", 8));
+    ASSERT_TRUE(qntest::WriteAll(m_client, "\0\0\0\x08" "abcd", 8));
     Peer::m_is_wait_alloc_big_buffer(*m_conn) = true;
     m_conn->SetEvent(EPOLLIN);
     m_conn->Update();
