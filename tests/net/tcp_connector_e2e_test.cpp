@@ -235,6 +235,5 @@ TEST_P(EndToEnd, DialToClosedPortEndsDisconnected) {
 std::string FamilyName(const ::testing::TestParamInfo<bool>& p) { return p.param ? "IPv6" : "IPv4"; }
 
 INSTANTIATE_TEST_SUITE_P(IPv4AndIPv6, EndToEnd, ::testing::Values(false, true), FamilyName);
-                         });
 
 }  // namespace
