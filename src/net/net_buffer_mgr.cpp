@@ -137,7 +137,7 @@ bool CNetBufferMgr::Copy(const CBidirList& from, CBidirList& to) {
         d->m_limit_pos = s->m_limit_pos;
         d->m_is_rx_buf = s->m_is_rx_buf;
         d->m_is_big_buf = s->m_is_big_buf;
-        d->m_tv = s->m_tv;
+        // d->m_tv keeps the time of this copy (set by TakeLocked): the copy is a new block.
         memcpy(d->m_buf, s->m_buf, s->m_write_pos);
     }
     to.Merge(got, false);
