@@ -20,7 +20,7 @@
 namespace QUOLNET {
 
 struct NetBuffer {
-    static const int kBlockSize = 65536;
+    static constexpr int kBlockSize = 65536;
 
     LIST_NODE m_node;
     int m_uid;          // pool's identifier of the block
