@@ -33,7 +33,7 @@
 namespace QUOLNET {
 
 class CNetBufferMgr {
-public:
+  public:
     // A pool of at most `max_block_num` blocks at once; `rx_reserve_blocks` of them are kept
     // back from CanAllocateSendBuf (-1 selects one eighth of the pool, at least one).
     explicit CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks = -1,
@@ -73,12 +73,12 @@ public:
 
     // Accounting, for owners and tests that prove nothing leaked.
     unsigned int GetMaxBlockNum() const { return m_max_block_num; }
-    unsigned int GetUsedCount();  // blocks handed out and not yet released
-    unsigned int GetFreeCount();  // blocks made and waiting for reuse
+    unsigned int GetUsedCount();      // blocks handed out and not yet released
+    unsigned int GetFreeCount();      // blocks made and waiting for reuse
     unsigned int GetPeakUsedCount();  // most blocks out at once since construction
     int GetRxReserveBlocks() const { return m_rx_reserve_blocks; }
 
-private:
+  private:
     // Takes a block from the free list or makes one; caller holds m_mutex and has checked
     // the limit.
     NetBuffer* TakeLocked(bool is_rx, bool is_big, const struct timeval& now);
@@ -89,10 +89,10 @@ private:
     const int m_min_big_packet_len;
 
     Mutex m_mutex;
-    CBidirList m_free;                 // guarded by m_mutex
-    std::vector<NetBuffer*> m_all;     // every block ever made; guarded by m_mutex
-    unsigned int m_used;               // guarded by m_mutex
-    unsigned int m_peak_used;          // guarded by m_mutex
+    CBidirList m_free;              // guarded by m_mutex
+    std::vector<NetBuffer*> m_all;  // every block ever made; guarded by m_mutex
+    unsigned int m_used;            // guarded by m_mutex
+    unsigned int m_peak_used;       // guarded by m_mutex
 };
 
 }  // namespace QUOLNET

@@ -79,9 +79,13 @@ int CTcpConnector::ParseURLV6() {
     return 0;
 }
 
-bool CTcpConnector::CheckURL(const char* url) { return url != nullptr && strncmp(url, "tcp://", 6) == 0; }
+bool CTcpConnector::CheckURL(const char* url) {
+    return url != nullptr && strncmp(url, "tcp://", 6) == 0;
+}
 
-const char* CTcpConnector::GetLocalURL() { return m_peer_url; }
+const char* CTcpConnector::GetLocalURL() {
+    return m_peer_url;
+}
 
 int GetLocalSocketName(bool ipv6, int socket, char* url, LogCategory* log_cat) {
     if (ipv6) {

@@ -52,7 +52,7 @@ void __wrap__ZN7QUOLNET9log_writeEPNS_11LogCategoryEPNS_9LogRecordEPKcz(LogCateg
 namespace {
 
 class FixedParser : public IPackParser {
-public:
+  public:
     int ParsePackLength(const char*, unsigned int) override { return 4; }
 };
 
@@ -84,20 +84,20 @@ void RunPaths(Env& s, LogCategory* cat) {
     };
     std::string long_url = "tcp://1.2.3.4:" + std::string(300, '1');
     const Case cases[] = {
-        {nullptr, true, epfd, -1, 256, true},          // invalid argument
+        {nullptr, true, epfd, -1, 256, true},  // invalid argument
         {"tcp://1.2.3.4:80", false, epfd, -1, 256, true},
         {"tcp://1.2.3.4:80", true, -1, -1, 256, true},
-        {long_url.c_str(), true, epfd, -1, 256, true},  // CConnector::Init fails
-        {"tcp://1.2.3.4", true, epfd, -1, 256, true},   // ParseURL -1
-        {"tcp://abc:80", true, epfd, -1, 256, true},    // -2
+        {long_url.c_str(), true, epfd, -1, 256, true},   // CConnector::Init fails
+        {"tcp://1.2.3.4", true, epfd, -1, 256, true},    // ParseURL -1
+        {"tcp://abc:80", true, epfd, -1, 256, true},     // -2
         {"tcp://1.2.3.4:0", true, epfd, -1, 256, true},  // -3
-        {"tcp://[::1:80", true, epfd, -1, 256, true},   // ParseURLV6 -1
-        {"tcp://[::1]80", true, epfd, -1, 256, true},   // -1
-        {"tcp://[zz]:80", true, epfd, -1, 256, true},   // -2
-        {"tcp://[::1]:0", true, epfd, -1, 256, true},   // -3
-        {"tcp://1.2.3.4:80", true, epfd, -1, 0, true},  // invalid status
+        {"tcp://[::1:80", true, epfd, -1, 256, true},    // ParseURLV6 -1
+        {"tcp://[::1]80", true, epfd, -1, 256, true},    // -1
+        {"tcp://[zz]:80", true, epfd, -1, 256, true},    // -2
+        {"tcp://[::1]:0", true, epfd, -1, 256, true},    // -3
+        {"tcp://1.2.3.4:80", true, epfd, -1, 0, true},   // invalid status
         {"tcp://1.2.3.4:80", true, epfd, -1, 256, false},
-        {"tcp://1.2.3.4:80", true, epfd, -1, 256, true},  // dialled: success
+        {"tcp://1.2.3.4:80", true, epfd, -1, 256, true},         // dialled: success
         {"tcp://1.2.3.4:80", true, epfd, pipefd[0], 256, true},  // GetLocalSocketName fails
         {"tcp://[::1]:80", true, epfd, pipefd[0], 256, true},
     };
@@ -112,8 +112,8 @@ void RunPaths(Env& s, LogCategory* cat) {
     int server = -1;
     ASSERT_TRUE(qntest::TcpPair(&client, &server));
     {
-        CTcpConnector conn(s.combine, sizeof(s.combine), s.cb_combine, sizeof(s.cb_combine), s.last_err, &s.pool, 4,
-                           4, nullptr, nullptr);
+        CTcpConnector conn(s.combine, sizeof(s.combine), s.cb_combine, sizeof(s.cb_combine), s.last_err,
+                           &s.pool, 4, 4, nullptr, nullptr);
         conn.SetLogCat(cat);
         EXPECT_EQ(-1, conn.Init("tcp://127.0.0.1:80", &s.parser, pipefd[0], server));
         conn.SetCloseSocket(false);

@@ -27,7 +27,7 @@ int Counted(int v) {
 
 // A temporary file that the process-wide output is pointed at; restored to stderr after.
 class FileOutput {
-public:
+  public:
     FileOutput() {
         char tmpl[] = "/tmp/quolnet_log_XXXXXX";
         int fd = mkstemp(tmpl);
@@ -51,7 +51,7 @@ public:
         return out;
     }
 
-private:
+  private:
     std::string m_path;
 };
 
@@ -196,7 +196,7 @@ TEST(LogMacro, HexDumpClipsTo128BytesAtInfo) {
 
 TEST(LogHex, FormatOffsetHexAndPrintable) {
     const unsigned char data[20] = {'H', 'e', 'l', 'l', 'o', 0x00, 0x01, 0x7f, 0x80, 0xff,
-                                    ' ', '~', '0', '1', '2', '3', 'a', 'b', '\n', 'z'};
+                                    ' ', '~', '0', '1', '2', '3',  'a',  'b',  '\n', 'z'};
     char out[512];
     int n = log_format_hex(data, sizeof(data), out, sizeof(out));
     std::string expect =
@@ -256,8 +256,9 @@ TEST(LogFile, RecordFormat) {
     std::smatch m;
     ASSERT_TRUE(std::regex_match(lines[0], m, rec)) << lines[0];
     EXPECT_EQ(std::to_string(line), m[1].str());
-    std::regex hex_head(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6} INFO \[net\] src/net/tcp_connector:\d+ )"
-                        R"(TestBody: hex dump$)");
+    std::regex hex_head(
+        R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6} INFO \[net\] src/net/tcp_connector:\d+ )"
+        R"(TestBody: hex dump$)");
     EXPECT_TRUE(std::regex_match(lines[1], hex_head)) << lines[1];
     EXPECT_EQ("00000000  68 69                                             |hi|", lines[2]);
 }
@@ -289,7 +290,8 @@ TEST(LogFile, LinesFromSeveralThreadsNeverInterleave) {
 
     auto lines = file.Lines();
     ASSERT_EQ(static_cast<size_t>(kThreads * kLines), lines.size());
-    std::regex one(R"(^\S+ \S+ INFO \[mt\] src/net/tcp_connector:\d+ operator\(\): thread=(\d) line=(\d+) p{200} end$)");
+    std::regex one(
+        R"(^\S+ \S+ INFO \[mt\] src/net/tcp_connector:\d+ operator\(\): thread=(\d) line=(\d+) p{200} end$)");
     std::vector<std::vector<int>> seen(kThreads, std::vector<int>(kLines, 0));
     for (const auto& l : lines) {
         std::smatch m;

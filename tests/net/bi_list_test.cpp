@@ -15,7 +15,7 @@ struct Item {
 };
 
 class BiListTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         for (int i = 0; i < 8; ++i) {
             items[i].node = {nullptr, nullptr, &items[i]};

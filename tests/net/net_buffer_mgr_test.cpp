@@ -34,7 +34,9 @@ long long NowUs() {
     return static_cast<long long>(tv.tv_sec) * 1000000 + tv.tv_usec;
 }
 
-long long StampUs(const NetBuffer* b) { return static_cast<long long>(b->m_tv.tv_sec) * 1000000 + b->m_tv.tv_usec; }
+long long StampUs(const NetBuffer* b) {
+    return static_cast<long long>(b->m_tv.tv_sec) * 1000000 + b->m_tv.tv_usec;
+}
 
 std::vector<NetBuffer*> Blocks(const CBidirList& l) {
     std::vector<NetBuffer*> out;
@@ -293,7 +295,7 @@ TEST(NetBufferMgr, CopyOnExhaustionLeavesTargetUnchanged) {
 
 TEST(NetBufferMgr, CanAllocateSendBufKeepsTheReceiveReserve) {
     CNetBufferMgr pool(8, 2);
-    EXPECT_TRUE(pool.CanAllocateSendBuf(6 * 65536));   // 6 + reserve 2 = 8
+    EXPECT_TRUE(pool.CanAllocateSendBuf(6 * 65536));       // 6 + reserve 2 = 8
     EXPECT_FALSE(pool.CanAllocateSendBuf(6 * 65536 + 1));  // 7 blocks would eat the reserve
     EXPECT_TRUE(pool.CanAllocateSendBuf(1));
     EXPECT_TRUE(pool.CanAllocateSendBuf(0));

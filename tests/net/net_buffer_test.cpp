@@ -12,7 +12,7 @@ using namespace QUOLNET;
 namespace {
 
 class NetBufferTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         m_storage.reset(new NetBuffer);
         m_storage->Clear();

@@ -35,7 +35,7 @@ extern "C" int __wrap_epoll_ctl(int epfd, int op, int fd, struct epoll_event* ev
 namespace {
 
 class FixedParser : public IPackParser {
-public:
+  public:
     int ParsePackLength(const char*, unsigned int) override { return 4; }
 };
 
@@ -49,7 +49,9 @@ std::string Fmt(const char* format, ...) {
     return buf;
 }
 
-bool FdOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+bool FdOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
 
 // The kernel adds EPOLLERR and EPOLLHUP to every registration, so the mask read back from
 // /proc is the requested EPOLLIN|EPOLLOUT|EPOLLERR (13) plus EPOLLHUP. The mask the connector
@@ -57,7 +59,7 @@ bool FdOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 const long kRegisteredMask = EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP;
 
 class InitTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         epfd = epoll_create1(EPOLL_CLOEXEC);
         ASSERT_GE(epfd, 0);
@@ -69,8 +71,8 @@ protected:
         close(epfd);
     }
     std::unique_ptr<CTcpConnector> Make(char* cbuf, int cbuf_len, CNetBufferMgr* mgr) {
-        std::unique_ptr<CTcpConnector> c(new CTcpConnector(cbuf, cbuf_len, cb_combine, sizeof(cb_combine), last_err,
-                                                           mgr, 6, 7, nullptr, nullptr));
+        std::unique_ptr<CTcpConnector> c(new CTcpConnector(cbuf, cbuf_len, cb_combine, sizeof(cb_combine),
+                                                           last_err, mgr, 6, 7, nullptr, nullptr));
         c->SetLogCat(cap.cat());
         return c;
     }
@@ -197,8 +199,8 @@ TEST_F(InitTest, InvalidArguments) {
     cap.Clear();
     const char* url = "tcp://1.2.3.4:80";
     EXPECT_EQ(-1, c.Init(url, nullptr, epfd, 7));
-    EXPECT_TRUE(HasError(
-        Fmt("invalid argument, url=%p, parser=%p, epoll=%d, socket=%d", static_cast<const void*>(url), nullptr, epfd, 7)))
+    EXPECT_TRUE(HasError(Fmt("invalid argument, url=%p, parser=%p, epoll=%d, socket=%d",
+                             static_cast<const void*>(url), nullptr, epfd, 7)))
         << cap.Dump();
     EXPECT_EQ(1u, cap.Size());
 }
@@ -225,8 +227,9 @@ TEST_F(InitTest, OtherNegativeEpollPasses) {
 TEST_F(InitTest, DialledSuccess) {
     CTcpConnector& c = *conn;
     EXPECT_EQ(0, c.Init("tcp://1.2.3.4:80", &parser, epfd, -1));
-    EXPECT_TRUE(HasInfo(Fmt("enter CTcpConnector::Init(), url=tcp://1.2.3.4:80, parser=%p, epoll=%d, socket=-1",
-                            static_cast<void*>(&parser), epfd)))
+    EXPECT_TRUE(
+        HasInfo(Fmt("enter CTcpConnector::Init(), url=tcp://1.2.3.4:80, parser=%p, epoll=%d, socket=-1",
+                    static_cast<void*>(&parser), epfd)))
         << cap.Dump();
     EXPECT_TRUE(HasInfo("enter CTcpConnector::ParseURL(), url=tcp://1.2.3.4:80"));
     EXPECT_TRUE(cap.Texts(LOG_PRIORITY_ERROR).empty()) << cap.Dump();
@@ -254,8 +257,8 @@ TEST_F(InitTest, ParseURLFailuresArePassedOn) {
         int ipv6;
     };
     const Case cases[] = {
-        {"tcp://1.2.3.4", -1, 0},   {"tcp://abc:80", -2, 0},    {"tcp://1.2.3.4:0", -3, 0},
-        {"tcp://[::1:80", -1, 1},   {"tcp://[::1]80", -1, 1},   {"tcp://[::g]:80", -2, 1},
+        {"tcp://1.2.3.4", -1, 0},  {"tcp://abc:80", -2, 0},  {"tcp://1.2.3.4:0", -3, 0},
+        {"tcp://[::1:80", -1, 1},  {"tcp://[::1]80", -1, 1}, {"tcp://[::g]:80", -2, 1},
         {"tcp://[::1]:-1", -3, 1},
     };
     for (const Case& k : cases) {
@@ -301,8 +304,8 @@ TEST_F(InitTest, ZeroCombineLengthFailsAfterUrlParsed) {
 TEST_F(InitTest, MissingPoolOrCombineBufferFails) {
     auto no_pool = Make(combine, sizeof(combine), nullptr);
     EXPECT_EQ(-1, no_pool->Init("tcp://1.2.3.4:80", &parser, epfd, -1));
-    EXPECT_TRUE(HasError(Fmt("invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d", nullptr,
-                             static_cast<void*>(combine), 1024)))
+    EXPECT_TRUE(HasError(Fmt("invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
+                             nullptr, static_cast<void*>(combine), 1024)))
         << cap.Dump();
     cap.Clear();
     auto no_buf = Make(nullptr, 64, &pool);
@@ -328,8 +331,8 @@ TEST_F(InitTest, AcceptedSocketIsRegisteredAndConnected) {
     ASSERT_EQ(0, getsockname(server, reinterpret_cast<sockaddr*>(&a), &len));
     std::string local = "tcp://127.0.0.1:" + std::to_string(ntohs(a.sin_port));
     EXPECT_EQ(local, c.GetLocalURL());
-    EXPECT_TRUE(HasInfo(Fmt("socket(%d) > 0, accept a connect, url=tcp://127.0.0.1:80, local_url=%s", server,
-                            local.c_str())))
+    EXPECT_TRUE(HasInfo(
+        Fmt("socket(%d) > 0, accept a connect, url=tcp://127.0.0.1:80, local_url=%s", server, local.c_str())))
         << cap.Dump();
     // The registration carries the connector itself.
     unsigned int events = 0;
@@ -366,7 +369,8 @@ TEST_F(InitTest, LocalNameFailureIsPassedOn) {
     CTcpConnector& c = *conn;
     EXPECT_EQ(-1, c.Init("tcp://1.2.3.4:80", &parser, epfd, p[0]));
     EXPECT_TRUE(HasError(Fmt("getsockname() failed, socket=%d, errno=88", p[0]))) << cap.Dump();
-    EXPECT_TRUE(HasError(Fmt("GetLocalSocketName() failed, m_bIPv6:0, socket=%d, ret=-1", p[0]))) << cap.Dump();
+    EXPECT_TRUE(HasError(Fmt("GetLocalSocketName() failed, m_bIPv6:0, socket=%d, ret=-1", p[0])))
+        << cap.Dump();
     EXPECT_EQ(CONNECTOR_STATUS_DISCONNECTED, c.GetStatus());
     EXPECT_EQ(-1, static_cast<int>(Peer::m_socket(c)));
     EXPECT_TRUE(FdOpen(p[0]));
@@ -426,7 +430,8 @@ TEST_F(InitTest, SocketZeroTakesTheAcceptedPath) {
     EXPECT_EQ(CONNECTOR_STATUS_CONNECTED, status);
     EXPECT_EQ(kRegisteredMask, mask);
     EXPECT_EQ(13u, add_events);
-    EXPECT_EQ(1, cap.CountPrefix(LOG_PRIORITY_INFO, "socket(0) > 0, accept a connect, url=tcp://127.0.0.1:80"))
+    EXPECT_EQ(1,
+              cap.CountPrefix(LOG_PRIORITY_INFO, "socket(0) > 0, accept a connect, url=tcp://127.0.0.1:80"))
         << cap.Dump();
 }
 
@@ -451,8 +456,9 @@ TEST_F(InitTest, FiniWithoutSocketReturnsQueues) {
     ASSERT_EQ(3u, pool.GetUsedCount());
     cap.Clear();
     c.Fini();
-    EXPECT_TRUE(HasInfo("enter CTcpConnector::Fini(), local_url=, url=tcp://1.2.3.4:80, socket=-1, m_rx_queue.cnt=2, "
-                        "m_tx_queue.cnt=1"))
+    EXPECT_TRUE(
+        HasInfo("enter CTcpConnector::Fini(), local_url=, url=tcp://1.2.3.4:80, socket=-1, m_rx_queue.cnt=2, "
+                "m_tx_queue.cnt=1"))
         << cap.Dump();
     EXPECT_EQ(0, cap.CountPrefix(LOG_PRIORITY_INFO, "enter CTcpConnector::Close()")) << cap.Dump();
     EXPECT_EQ(0u, pool.GetUsedCount());
@@ -465,8 +471,8 @@ TEST_F(InitTest, FiniWithoutSocketReturnsQueues) {
     // The connector cannot be initialised for traffic again.
     cap.Clear();
     EXPECT_EQ(-1, c.Init("tcp://1.2.3.4:80", &parser, epfd, -1));
-    EXPECT_TRUE(HasError(Fmt("invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d", nullptr,
-                             nullptr, 1024)))
+    EXPECT_TRUE(HasError(Fmt("invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
+                             nullptr, nullptr, 1024)))
         << cap.Dump();
 }
 
@@ -497,7 +503,7 @@ TEST_F(InitTest, DestructorLogsAndFinalises) {
 
 // Messages show the connector by the virtual GetURL, so a subclass's URL text appears.
 class RenamedConnector : public CTcpConnector {
-public:
+  public:
     using CTcpConnector::CTcpConnector;
     // Parsing reads the host through GetURL() too, so the text keeps a valid host.
     const char* GetURL() const override { return "tcp://127.0.0.1"; }
@@ -507,12 +513,13 @@ TEST_F(InitTest, MessagesUseTheVirtualUrl) {
     int client = -1;
     int server = -1;
     ASSERT_TRUE(qntest::TcpPair(&client, &server));
-    RenamedConnector c(combine, sizeof(combine), cb_combine, sizeof(cb_combine), last_err, &pool, 4, 4, nullptr,
-                       nullptr);
+    RenamedConnector c(combine, sizeof(combine), cb_combine, sizeof(cb_combine), last_err, &pool, 4, 4,
+                       nullptr, nullptr);
     c.SetLogCat(cap.cat());
     ASSERT_EQ(0, c.Init("tcp://127.0.0.1:80", &parser, epfd, server));
-    EXPECT_EQ(1, cap.CountPrefix(LOG_PRIORITY_INFO, Fmt("socket(%d) > 0, accept a connect, url=tcp://127.0.0.1, local_url=",
-                                                         server)))
+    EXPECT_EQ(
+        1, cap.CountPrefix(LOG_PRIORITY_INFO,
+                           Fmt("socket(%d) > 0, accept a connect, url=tcp://127.0.0.1, local_url=", server)))
         << cap.Dump();
     EXPECT_TRUE(HasInfo("enter CTcpConnector::ParseURL(), url=tcp://127.0.0.1")) << cap.Dump();
     c.Fini();

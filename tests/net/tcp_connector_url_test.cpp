@@ -17,10 +17,11 @@ using Peer = QUOLNET::CTcpConnectorTestPeer;
 namespace {
 
 class UrlTest : public ::testing::Test {
-protected:
+  protected:
     UrlTest()
         : pool(4),
-          conn(combine, sizeof(combine), cb_combine, sizeof(cb_combine), last_err, &pool, 4, 4, nullptr, nullptr) {
+          conn(combine, sizeof(combine), cb_combine, sizeof(cb_combine), last_err, &pool, 4, 4, nullptr,
+               nullptr) {
         conn.SetLogCat(cap.cat());
     }
     // Places `url` in the connector's URL field the way Init does.
@@ -50,7 +51,8 @@ protected:
 
 TEST_F(UrlTest, IPv4Valid) {
     EXPECT_EQ(0, Parse("tcp://1.2.3.4:80"));
-    EXPECT_TRUE(cap.Has(LOG_PRIORITY_INFO, "enter CTcpConnector::ParseURL(), url=tcp://1.2.3.4:80")) << cap.Dump();
+    EXPECT_TRUE(cap.Has(LOG_PRIORITY_INFO, "enter CTcpConnector::ParseURL(), url=tcp://1.2.3.4:80"))
+        << cap.Dump();
     EXPECT_EQ(1u, cap.Size()) << cap.Dump();
     const sockaddr_in& a = Peer::m_addr(conn);
     EXPECT_EQ(AF_INET, a.sin_family);
@@ -133,7 +135,8 @@ TEST_F(UrlTest, ShortTextNeverReadsPastItsEnd) {
 
 TEST_F(UrlTest, IPv6Valid) {
     EXPECT_EQ(0, ParseV6("tcp://[::1]:8080"));
-    EXPECT_TRUE(cap.Has(LOG_PRIORITY_INFO, "enter CTcpConnector::ParseURLV6(), url=tcp://[::1]:8080")) << cap.Dump();
+    EXPECT_TRUE(cap.Has(LOG_PRIORITY_INFO, "enter CTcpConnector::ParseURLV6(), url=tcp://[::1]:8080"))
+        << cap.Dump();
     EXPECT_EQ(1u, cap.Size()) << cap.Dump();
     const sockaddr_in6& a = Peer::m_addr6(conn);
     EXPECT_EQ(AF_INET6, a.sin6_family);
@@ -239,7 +242,8 @@ TEST(GetLocalSocketName, FailureLeavesUrlAndLogs) {
     cap.Clear();
     EXPECT_EQ(-1, GetLocalSocketName(true, p[0], url, cap.cat()));
     EXPECT_STREQ("unchanged", url);
-    EXPECT_TRUE(cap.Has(LOG_PRIORITY_ERROR, "getsockname() failed, socket=" + std::to_string(p[0]) + ", errno=88"))
+    EXPECT_TRUE(
+        cap.Has(LOG_PRIORITY_ERROR, "getsockname() failed, socket=" + std::to_string(p[0]) + ", errno=88"))
         << cap.Dump();
     EXPECT_EQ(-1, GetLocalSocketName(false, p[0], url, nullptr));  // no category: silent
     close(p[0]);
