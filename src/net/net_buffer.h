@@ -20,15 +20,15 @@
 namespace QUOLNET {
 
 struct NetBuffer {
-    static const int kBlockSize = 65536;
+    static constexpr int kBlockSize = 65536;
 
     LIST_NODE m_node;
-    int m_uid;          // pool's identifier of the block
-    int m_read_pos;     // first byte not yet consumed
-    int m_write_pos;    // just past the last byte written
-    int m_limit_pos;    // nothing may be written at or beyond this offset
-    int m_is_rx_buf;    // flag: the block serves the receive side
-    int m_is_big_buf;   // flag: the block belongs to a big packet's chain
+    int m_uid;            // pool's identifier of the block
+    int m_read_pos;       // first byte not yet consumed
+    int m_write_pos;      // just past the last byte written
+    int m_limit_pos;      // nothing may be written at or beyond this offset
+    int m_is_rx_buf;      // flag: the block serves the receive side
+    int m_is_big_buf;     // flag: the block belongs to a big packet's chain
     struct timeval m_tv;  // when the block began to wait (receive: handed out; send: filled)
     char m_buf[kBlockSize];
 

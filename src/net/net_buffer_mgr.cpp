@@ -8,10 +8,10 @@ namespace QUOLNET {
 
 CNetBufferMgr::CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks, int min_big_packet_len)
     : m_max_block_num(max_block_num),
-      m_rx_reserve_blocks(rx_reserve_blocks >= 0
-                              ? rx_reserve_blocks
-                              : (max_block_num / 8 > 0 ? static_cast<int>(max_block_num / 8)
-                                                       : (max_block_num > 1 ? 1 : 0))),
+      m_rx_reserve_blocks(
+          rx_reserve_blocks >= 0
+              ? rx_reserve_blocks
+              : (max_block_num / 8 > 0 ? static_cast<int>(max_block_num / 8) : (max_block_num > 1 ? 1 : 0))),
       m_min_big_packet_len(min_big_packet_len),
       m_used(0),
       m_peak_used(0) {}
@@ -66,7 +66,8 @@ bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
     if (len <= 0) {
         return true;
     }
-    unsigned int need = static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    unsigned int need =
+        static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
     struct timeval now;
     gettimeofday(&now, nullptr);
     CBidirList got;
@@ -137,7 +138,7 @@ bool CNetBufferMgr::Copy(const CBidirList& from, CBidirList& to) {
         d->m_limit_pos = s->m_limit_pos;
         d->m_is_rx_buf = s->m_is_rx_buf;
         d->m_is_big_buf = s->m_is_big_buf;
-        d->m_tv = s->m_tv;
+        // d->m_tv keeps the time of this copy (set by TakeLocked): the copy is a new block.
         memcpy(d->m_buf, s->m_buf, s->m_write_pos);
     }
     to.Merge(got, false);

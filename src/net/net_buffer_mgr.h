@@ -7,13 +7,15 @@
 // too, so a late Release would touch freed memory).
 //
 // Every block handed out (singly, in a chain or as a copy) is empty unless copied, has its
-// node's pData pointing at itself and carries the current time in m_tv.
+// node's pData pointing at itself and carries the time it was handed out in m_tv (a copy
+// too: its wait starts when it is made, not when the original was).
 //
 // Send blocks and receive blocks come from the same pool. So that a flood of outgoing data
 // cannot starve reading (and so stall every connection that waits for a reply),
 // CanAllocateSendBuf keeps back a reserve of receive blocks: by default one eighth of the
-// pool, at least one block. Allocate itself does not apply the reserve; it is advice that
-// IsSendBufEnough passes on to the application.
+// pool, at least one block when the pool has two or more (a one-block pool keeps none).
+// Allocate itself does not apply the reserve; it is advice that IsSendBufEnough passes on
+// to the application.
 //
 // GetMinBigPacketLen (default 1 MiB): a receive that waits for the chain of a packet at
 // least this long is flagged as waiting for a big buffer, and the update driver stops
@@ -31,7 +33,7 @@
 namespace QUOLNET {
 
 class CNetBufferMgr {
-public:
+  public:
     // A pool of at most `max_block_num` blocks at once; `rx_reserve_blocks` of them are kept
     // back from CanAllocateSendBuf (-1 selects one eighth of the pool, at least one).
     explicit CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks = -1,
@@ -57,24 +59,26 @@ public:
     // Returns every block linked in `list` and leaves `list` empty.
     void Release(CBidirList& list);
 
-    // Appends to `to` new blocks holding the same bytes, positions, flags and stamps as
-    // the blocks of `from`, in the same order. All or nothing: false leaves `to` unchanged.
+    // Appends to `to` new blocks holding the same bytes, positions and flags as the blocks
+    // of `from`, in the same order; each copy is stamped with the time of the copy. All or
+    // nothing: false leaves `to` unchanged. `from` and `to` must be different lists.
     bool Copy(const CBidirList& from, CBidirList& to);
 
     int GetMinBigPacketLen() const { return m_min_big_packet_len; }
 
-    // Whether len bytes of outgoing data could be given blocks now without eating into the
-    // receive reserve.
+    // Whether len bytes of outgoing data (ceil(len / block size) blocks, none for len <= 0)
+    // could be given blocks now without eating into the receive reserve:
+    // used + needed + reserve <= max_block_num.
     bool CanAllocateSendBuf(int len);
 
     // Accounting, for owners and tests that prove nothing leaked.
     unsigned int GetMaxBlockNum() const { return m_max_block_num; }
-    unsigned int GetUsedCount();  // blocks handed out and not yet released
-    unsigned int GetFreeCount();  // blocks made and waiting for reuse
+    unsigned int GetUsedCount();      // blocks handed out and not yet released
+    unsigned int GetFreeCount();      // blocks made and waiting for reuse
     unsigned int GetPeakUsedCount();  // most blocks out at once since construction
     int GetRxReserveBlocks() const { return m_rx_reserve_blocks; }
 
-private:
+  private:
     // Takes a block from the free list or makes one; caller holds m_mutex and has checked
     // the limit.
     NetBuffer* TakeLocked(bool is_rx, bool is_big, const struct timeval& now);
@@ -85,10 +89,10 @@ private:
     const int m_min_big_packet_len;
 
     Mutex m_mutex;
-    CBidirList m_free;                 // guarded by m_mutex
-    std::vector<NetBuffer*> m_all;     // every block ever made; guarded by m_mutex
-    unsigned int m_used;               // guarded by m_mutex
-    unsigned int m_peak_used;          // guarded by m_mutex
+    CBidirList m_free;              // guarded by m_mutex
+    std::vector<NetBuffer*> m_all;  // every block ever made; guarded by m_mutex
+    unsigned int m_used;            // guarded by m_mutex
+    unsigned int m_peak_used;       // guarded by m_mutex
 };
 
 }  // namespace QUOLNET

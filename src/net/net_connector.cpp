@@ -35,7 +35,9 @@ int CConnector::Init(const char* url, IPackParser* /*parser*/, int /*epoll*/, in
     if (n >= sizeof(m_url)) {
         return -1;
     }
-    memcpy(m_url, url, n + 1);
+    // Zero the rest too, so that nothing of an earlier URL stays behind the terminator.
+    memset(m_url, 0, sizeof(m_url));
+    memcpy(m_url, url, n);
     return 0;
 }
 

@@ -30,7 +30,8 @@ public:
     CConnector(const CConnector&) = delete;
     CConnector& operator=(const CConnector&) = delete;
 
-    // Copies `url` into m_url. Returns 0, or -1 for a null URL or one of 256 bytes or more.
+    // Copies `url` into m_url (zero-filling the rest). Returns 0, or -1 for a null URL or one
+    // of 256 bytes or more (m_url is then unchanged).
     virtual int Init(const char* url, IPackParser* parser, int epoll, int socket);
     virtual void Fini();
     virtual void Update() = 0;

@@ -76,7 +76,7 @@ int GetLocalSocketName(bool ipv6, int socket, char* url, LogCategory* log_cat);
 
 class CTcpConnector : public CConnector {
 public:
-    static const int kPacketInfoSize = 1000;  // slots in the packet ring
+    static constexpr int kPacketInfoSize = 1000;  // slots in the packet ring
 
     // `combine_buf` (length `combine_buf_len`) joins multi-block packets for Peek and bounds
     // the longest packet accepted; `cb_combine_buf` does the same for the callback. Blocks

@@ -15,7 +15,10 @@ namespace QUOLNET {
 int CTcpConnector::ParseURL() {
     QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::ParseURL(), url=%s", GetURL());
 
-    char* colon = strchr(m_url + 6, ':');
+    // The six characters of the scheme are skipped, not compared (a shorter text is searched
+    // from its end, so nothing beyond the terminator is read).
+    size_t url_len = strlen(m_url);
+    char* colon = strchr(m_url + (url_len < 6 ? url_len : 6), ':');
     if (colon == nullptr) {
         QN_LOG(m_log_cat, QN_ERROR, "parse url failed -- no port in url, url=%s", GetURL());
         return -1;
@@ -44,14 +47,16 @@ int CTcpConnector::ParseURL() {
 int CTcpConnector::ParseURLV6() {
     QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::ParseURLV6(), url=%s", GetURL());
 
-    char* bracket = strchr(m_url + 7, ']');
+    // "tcp://[" is skipped, not compared (a shorter text is searched from its end).
+    size_t url_len = strlen(m_url);
+    char* bracket = strchr(m_url + (url_len < 7 ? url_len : 7), ']');
     if (bracket == nullptr) {
         QN_LOG(m_log_cat, QN_ERROR, "parse url failed -- no [ipv6] in url, url=%s", GetURL());
         return -1;
     }
     *bracket = '\0';
     struct in6_addr addr;
-    if (inet_pton(AF_INET6, m_url + 7, &addr) != 1) {
+    if (inet_pton(AF_INET6, m_url + (url_len < 7 ? url_len : 7), &addr) != 1) {
         // m_url deliberately stays cut at the address on this path.
         QN_LOG(m_log_cat, QN_ERROR, "parse url failed -- inet_pton(ip), url=%s, ret=%d", GetURL(), 0);
         return -2;
@@ -74,9 +79,13 @@ int CTcpConnector::ParseURLV6() {
     return 0;
 }
 
-bool CTcpConnector::CheckURL(const char* url) { return url != nullptr && strncmp(url, "tcp://", 6) == 0; }
+bool CTcpConnector::CheckURL(const char* url) {
+    return url != nullptr && strncmp(url, "tcp://", 6) == 0;
+}
 
-const char* CTcpConnector::GetLocalURL() { return m_peer_url; }
+const char* CTcpConnector::GetLocalURL() {
+    return m_peer_url;
+}
 
 int GetLocalSocketName(bool ipv6, int socket, char* url, LogCategory* log_cat) {
     if (ipv6) {

@@ -1,0 +1,362 @@
+// CNetBufferMgr: accounting, limits, all-or-nothing chains, recycling, stamps, copies, the
+// receive reserve and concurrent use.
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <cstring>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "net/net_buffer_mgr.h"
+
+using namespace QUOLNET;
+
+namespace {
+
+// Pool invariants after every change: the blocks made are exactly the ones out plus the
+// ones waiting, never more than the limit, and the peak covers the current use.
+void Validate(CNetBufferMgr& pool, unsigned int expect_used) {
+    unsigned int used = pool.GetUsedCount();
+    unsigned int free_cnt = pool.GetFreeCount();
+    unsigned int peak = pool.GetPeakUsedCount();
+    EXPECT_EQ(expect_used, used);
+    EXPECT_LE(used, pool.GetMaxBlockNum());
+    EXPECT_LE(used + free_cnt, pool.GetMaxBlockNum());
+    EXPECT_GE(peak, used);
+    // Every block ever made is either out or free: the peak is the number made.
+    EXPECT_EQ(peak, used + free_cnt);
+}
+
+long long NowUs() {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return static_cast<long long>(tv.tv_sec) * 1000000 + tv.tv_usec;
+}
+
+long long StampUs(const NetBuffer* b) {
+    return static_cast<long long>(b->m_tv.tv_sec) * 1000000 + b->m_tv.tv_usec;
+}
+
+std::vector<NetBuffer*> Blocks(const CBidirList& l) {
+    std::vector<NetBuffer*> out;
+    for (LIST_NODE* n = l.Head(); n != nullptr; n = n->pNext) {
+        out.push_back(static_cast<NetBuffer*>(n->pData));
+    }
+    return out;
+}
+
+void ExpectEmptyBlock(const NetBuffer* b) {
+    EXPECT_EQ(0, b->m_read_pos);
+    EXPECT_EQ(0, b->m_write_pos);
+    EXPECT_EQ(65536, b->m_limit_pos);
+    EXPECT_EQ(b, b->m_node.pData);
+}
+
+TEST(NetBufferMgr, BlockSizeAndDefaults) {
+    CNetBufferMgr pool(16);
+    EXPECT_EQ(65536, pool.GetBlockSize());
+    EXPECT_EQ(16u, pool.GetMaxBlockNum());
+    EXPECT_EQ(2, pool.GetRxReserveBlocks());  // one eighth
+    EXPECT_EQ(1 << 20, pool.GetMinBigPacketLen());
+    Validate(pool, 0);
+    CNetBufferMgr small(4);
+    EXPECT_EQ(1, small.GetRxReserveBlocks());  // at least one
+    CNetBufferMgr one(1);
+    EXPECT_EQ(0, one.GetRxReserveBlocks());  // a one-block pool keeps none
+    CNetBufferMgr custom(16, 5, 4096);
+    EXPECT_EQ(5, custom.GetRxReserveBlocks());
+    EXPECT_EQ(4096, custom.GetMinBigPacketLen());
+}
+
+TEST(NetBufferMgr, AllocateSingleRecordsFlagsAndIsEmpty) {
+    CNetBufferMgr pool(4);
+    NetBuffer* a = pool.Allocate(true, false);
+    ASSERT_NE(nullptr, a);
+    Validate(pool, 1);
+    ExpectEmptyBlock(a);
+    EXPECT_EQ(1, a->m_is_rx_buf);
+    EXPECT_EQ(0, a->m_is_big_buf);
+    NetBuffer* b = pool.Allocate(false, true);
+    ASSERT_NE(nullptr, b);
+    Validate(pool, 2);
+    EXPECT_EQ(0, b->m_is_rx_buf);
+    EXPECT_EQ(1, b->m_is_big_buf);
+    pool.Release(&a);
+    EXPECT_EQ(nullptr, a);
+    Validate(pool, 1);
+    pool.Release(&b);
+    Validate(pool, 0);
+    pool.Release(&b);  // null pointer: ignored
+    pool.Release(static_cast<NetBuffer**>(nullptr));
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgr, LimitHolds) {
+    CNetBufferMgr pool(3);
+    std::vector<NetBuffer*> got;
+    for (int i = 0; i < 3; ++i) {
+        got.push_back(pool.Allocate(true, false));
+        ASSERT_NE(nullptr, got.back());
+        Validate(pool, i + 1);
+    }
+    EXPECT_EQ(nullptr, pool.Allocate(true, false));
+    Validate(pool, 3);
+    CBidirList list;
+    EXPECT_FALSE(pool.Allocate(1, list, false));
+    EXPECT_TRUE(list.IsEmpty());
+    Validate(pool, 3);
+    for (NetBuffer*& b : got) {
+        pool.Release(&b);
+    }
+    Validate(pool, 0);
+    EXPECT_EQ(3u, pool.GetPeakUsedCount());
+}
+
+TEST(NetBufferMgr, ReleasedBlocksAreRecycled) {
+    CNetBufferMgr pool(4);
+    std::set<NetBuffer*> first;
+    std::vector<NetBuffer*> got;
+    for (int i = 0; i < 4; ++i) {
+        got.push_back(pool.Allocate(false, false));
+        first.insert(got.back());
+    }
+    got[0]->Put("dirty", 5);
+    got[0]->SetLimit(10);
+    got[0]->AddReadPosition(2);
+    for (NetBuffer*& b : got) {
+        pool.Release(&b);
+    }
+    Validate(pool, 0);
+    std::set<NetBuffer*> second;
+    for (int i = 0; i < 4; ++i) {
+        NetBuffer* b = pool.Allocate(true, false);
+        ASSERT_NE(nullptr, b);
+        ExpectEmptyBlock(b);  // recycled blocks come back clean
+        second.insert(b);
+        got[i] = b;
+    }
+    EXPECT_EQ(first, second);
+    Validate(pool, 4);
+    for (NetBuffer*& b : got) {
+        pool.Release(&b);
+    }
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgr, ChainAllocateRoundsUp) {
+    CNetBufferMgr pool(8);
+    CBidirList list;
+    EXPECT_TRUE(pool.Allocate(65536, list, true));
+    EXPECT_EQ(1u, list.Count());
+    Validate(pool, 1);
+    EXPECT_TRUE(pool.Allocate(65537, list, true));
+    EXPECT_EQ(3u, list.Count());
+    Validate(pool, 3);
+    EXPECT_TRUE(pool.Allocate(1, list, false));
+    EXPECT_EQ(4u, list.Count());
+    Validate(pool, 4);
+    EXPECT_TRUE(pool.Allocate(0, list, false));  // nothing needed
+    EXPECT_EQ(4u, list.Count());
+    std::vector<NetBuffer*> blocks = Blocks(list);
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        ExpectEmptyBlock(blocks[i]);
+        EXPECT_EQ(i < 3 ? 1 : 0, blocks[i]->m_is_rx_buf);
+        EXPECT_EQ(i < 3 ? 1 : 0, blocks[i]->m_is_big_buf);
+    }
+    pool.Release(list);
+    EXPECT_TRUE(list.IsEmpty());
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgr, ChainAllocateThatCannotBeMetLeavesListUntouched) {
+    CNetBufferMgr pool(4);
+    CBidirList list;
+    ASSERT_TRUE(pool.Allocate(2 * 65536, list, false));
+    Validate(pool, 2);
+    LIST_NODE* head = list.Head();
+    LIST_NODE* tail = list.Tail();
+    EXPECT_FALSE(pool.Allocate(3 * 65536, list, true));  // 3 needed, 2 left
+    EXPECT_EQ(2u, list.Count());
+    EXPECT_EQ(head, list.Head());
+    EXPECT_EQ(tail, list.Tail());
+    EXPECT_EQ(nullptr, tail->pNext);
+    Validate(pool, 2);
+    EXPECT_TRUE(pool.Allocate(2 * 65536, list, false));  // exactly what is left
+    EXPECT_EQ(4u, list.Count());
+    Validate(pool, 4);
+    pool.Release(list);
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgr, EveryHandedOutBlockCarriesACurrentStamp) {
+    CNetBufferMgr pool(8);
+    // Make blocks, stamp them with an old time and give them back, so a stale stamp would show.
+    CBidirList warm;
+    ASSERT_TRUE(pool.Allocate(8 * 65536, warm, false));
+    for (NetBuffer* b : Blocks(warm)) {
+        b->m_tv.tv_sec = 1;
+        b->m_tv.tv_usec = 0;
+    }
+    pool.Release(warm);
+    Validate(pool, 0);
+
+    long long before = NowUs();
+    NetBuffer* single = pool.Allocate(true, false);
+    CBidirList chain;
+    ASSERT_TRUE(pool.Allocate(2 * 65536, chain, true));
+    NetBuffer* src = pool.Allocate(false, false);
+    ASSERT_NE(nullptr, src);
+    src->m_tv.tv_sec = 1;  // an old source stamp is not carried over
+    src->m_tv.tv_usec = 0;
+    CBidirList from;
+    from.Insert(&src->m_node);
+    CBidirList copy;
+    ASSERT_TRUE(pool.Copy(from, copy));
+    long long after = NowUs();
+    Validate(pool, 5);
+
+    std::vector<NetBuffer*> handed = {single};
+    for (NetBuffer* b : Blocks(chain)) {
+        handed.push_back(b);
+    }
+    for (NetBuffer* b : Blocks(copy)) {
+        handed.push_back(b);
+    }
+    ASSERT_EQ(4u, handed.size());
+    for (NetBuffer* b : handed) {
+        EXPECT_GE(StampUs(b), before);
+        EXPECT_LE(StampUs(b), after);
+    }
+    pool.Release(&single);
+    pool.Release(chain);
+    pool.Release(from);
+    pool.Release(copy);
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgr, CopyKeepsOrderBytesAndPositions) {
+    CNetBufferMgr pool(8);
+    CBidirList from;
+    ASSERT_TRUE(pool.Allocate(3 * 65536, from, true));
+    std::vector<NetBuffer*> src = Blocks(from);
+    src[0]->Put("first-block", 11).AddReadPosition(6);
+    std::vector<char> full(65536);
+    for (size_t i = 0; i < full.size(); ++i) {
+        full[i] = static_cast<char>(i * 7);
+    }
+    src[1]->Put(full.data(), 65536);
+    src[1]->AddReadPosition(100);
+    src[2]->SetLimit(300);
+    src[2]->Put("tail", 4);
+    Validate(pool, 3);
+
+    CBidirList to;
+    NetBuffer* existing = pool.Allocate(false, false);
+    to.Insert(&existing->m_node);
+    ASSERT_TRUE(pool.Copy(from, to));
+    Validate(pool, 7);
+    std::vector<NetBuffer*> dst = Blocks(to);
+    ASSERT_EQ(4u, dst.size());
+    EXPECT_EQ(existing, dst[0]);  // appended behind what `to` held
+    for (size_t i = 0; i < 3; ++i) {
+        NetBuffer* s = src[i];
+        NetBuffer* d = dst[i + 1];
+        EXPECT_NE(s, d);
+        EXPECT_EQ(d, d->m_node.pData);
+        EXPECT_EQ(s->m_read_pos, d->m_read_pos) << i;
+        EXPECT_EQ(s->m_write_pos, d->m_write_pos) << i;
+        EXPECT_EQ(s->m_limit_pos, d->m_limit_pos) << i;
+        EXPECT_EQ(s->m_is_rx_buf, d->m_is_rx_buf) << i;
+        EXPECT_EQ(s->m_is_big_buf, d->m_is_big_buf) << i;
+        EXPECT_EQ(0, memcmp(s->m_buf, d->m_buf, s->m_write_pos)) << i;
+    }
+    EXPECT_EQ(3u, from.Count());  // the source is left as it was
+    EXPECT_EQ(src, Blocks(from));
+    pool.Release(from);
+    pool.Release(to);
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgr, CopyOnExhaustionLeavesTargetUnchanged) {
+    CNetBufferMgr pool(4);
+    CBidirList from;
+    ASSERT_TRUE(pool.Allocate(3 * 65536, from, false));
+    CBidirList to;
+    EXPECT_FALSE(pool.Copy(from, to));
+    EXPECT_TRUE(to.IsEmpty());
+    Validate(pool, 3);
+    CBidirList empty;
+    EXPECT_TRUE(pool.Copy(empty, to));  // nothing to copy
+    EXPECT_TRUE(to.IsEmpty());
+    pool.Release(from);
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgr, CanAllocateSendBufKeepsTheReceiveReserve) {
+    CNetBufferMgr pool(8, 2);
+    EXPECT_TRUE(pool.CanAllocateSendBuf(6 * 65536));       // 6 + reserve 2 = 8
+    EXPECT_FALSE(pool.CanAllocateSendBuf(6 * 65536 + 1));  // 7 blocks would eat the reserve
+    EXPECT_TRUE(pool.CanAllocateSendBuf(1));
+    EXPECT_TRUE(pool.CanAllocateSendBuf(0));
+    CBidirList out;
+    ASSERT_TRUE(pool.Allocate(5 * 65536, out, false));
+    Validate(pool, 5);
+    EXPECT_TRUE(pool.CanAllocateSendBuf(65536));
+    EXPECT_FALSE(pool.CanAllocateSendBuf(65537));
+    // The reserve is advice only: receive blocks can still be had up to the limit.
+    NetBuffer* r1 = pool.Allocate(true, false);
+    NetBuffer* r2 = pool.Allocate(true, false);
+    NetBuffer* r3 = pool.Allocate(true, false);
+    ASSERT_NE(nullptr, r3);
+    Validate(pool, 8);
+    EXPECT_FALSE(pool.CanAllocateSendBuf(1));
+    EXPECT_FALSE(pool.CanAllocateSendBuf(0));  // pool beyond the reserve
+    pool.Release(&r1);
+    pool.Release(&r2);
+    pool.Release(&r3);
+    pool.Release(out);
+    Validate(pool, 0);
+    EXPECT_TRUE(pool.CanAllocateSendBuf(6 * 65536));
+}
+
+TEST(NetBufferMgr, FourThreadsAllocatingAndReleasing) {
+    CNetBufferMgr pool(64);
+    const int kThreads = 4;
+    const int kRounds = 100000;
+    std::vector<std::thread> threads;
+    std::vector<int> failures(kThreads, 0);
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&pool, &failures, t] {
+            for (int i = 0; i < kRounds; ++i) {
+                if (i % 10 == 0) {
+                    CBidirList chain;
+                    if (!pool.Allocate(3 * 65536, chain, (i & 1) != 0)) {
+                        ++failures[t];
+                        continue;
+                    }
+                    static_cast<NetBuffer*>(chain.Head()->pData)->Put("x", 1);
+                    pool.Release(chain);
+                } else {
+                    NetBuffer* b = pool.Allocate((i & 1) != 0, false);
+                    if (b == nullptr) {
+                        ++failures[t];
+                        continue;
+                    }
+                    b->Put("y", 1);
+                    pool.Release(&b);
+                }
+            }
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    for (int f : failures) {
+        EXPECT_EQ(0, f);  // at most 12 blocks out at once, far below the limit
+    }
+    Validate(pool, 0);
+    EXPECT_LE(pool.GetPeakUsedCount(), 12u);
+}
+
+}  // namespace
