@@ -134,6 +134,7 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
         QN_LOG(m_log_cat, QN_ERROR, "epoll_ctl() failed, errno=%d", errno);
         return -1;
     }
+    SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
 
     m_is_accepted = true;
     m_status = CONNECTOR_STATUS_CONNECTED;
@@ -233,6 +234,8 @@ int CTcpConnector::Connect() {
             if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_socket, &event) != 0) {
                 QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), errno);
                 fail_code = -8;
+            } else {
+                SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
             }
         }
 
@@ -294,6 +297,7 @@ void CTcpConnector::Close(LogCategory* log_cat) {
     m_status = CONNECTOR_STATUS_DISCONNECTED;
     m_socket = -1;
     m_events.store(0);
+    SetRegisteredEvents(0);
 }
 
 void CTcpConnector::Update() {
