@@ -48,7 +48,8 @@ TEST(Send, FirstPacketIsDumpedUntilOneIsCounted) {
     std::string pkt = Pattern(300);
     r.c().SetEvent(EPOLLOUT);
     ASSERT_EQ(300, r.c().Send(pkt.data(), 300, nullptr));
-    EXPECT_EQ(1, r.log.CountPrefix(LOG_PRIORITY_INFO, "dump first send pkg, len=300, connector=CTcpConnector[this="));
+    EXPECT_EQ(1, r.log.CountPrefix(LOG_PRIORITY_INFO,
+                                   "dump first send pkg, len=300, connector=CTcpConnector[this="));
     char hex[4096];
     QUOLNET::log_format_hex(pkt.data(), 128, hex, sizeof(hex));
     EXPECT_TRUE(r.log.Has(LOG_PRIORITY_INFO, hex));
@@ -78,8 +79,8 @@ TEST(Send, StatusIsCheckedBeforeArguments) {
     NullParser parser;
     LogCapture log;
     char combine[64];
-    QUOLNET::CTcpConnector c(combine, sizeof(combine), combine, sizeof(combine), nullptr, &pool, 4, 4, nullptr,
-                             nullptr);
+    QUOLNET::CTcpConnector c(combine, sizeof(combine), combine, sizeof(combine), nullptr, &pool, 4, 4,
+                             nullptr, nullptr);
     c.SetLogCat(log.cat());
     ASSERT_EQ(0, c.Init("tcp://127.0.0.1:1", &parser, 0, -1));
     EXPECT_EQ(-1, c.Send(nullptr, 0, nullptr));
@@ -91,8 +92,9 @@ TEST(Send, InvalidArgumentWhenConnected) {
     SendRig r;
     ASSERT_TRUE(r.ok);
     EXPECT_EQ(-1, r.c().Send(nullptr, 7, nullptr));
-    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR, Fmt("invalid argument, url=%s, local_url=%s, buf=%p, len=7",
-                                                  r.Url().c_str(), r.LocalUrl().c_str(), static_cast<void*>(nullptr))));
+    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR,
+                          Fmt("invalid argument, url=%s, local_url=%s, buf=%p, len=7", r.Url().c_str(),
+                              r.LocalUrl().c_str(), static_cast<void*>(nullptr))));
     EXPECT_EQ(0, Peer::m_tx_packet_cnt(r.c()));
 }
 
@@ -112,7 +114,6 @@ TEST(Send, PartialWriteQueuesTheRestAndRearmsWritability) {
     SendRig r(64, 32);
     ASSERT_TRUE(r.ok);
     SetSmallBuffers(r.fd, 4096, 0);
-    SetSmallBuffers(r.peer, 0, 4096);
     EXPECT_EQ(0, r.c().Send());  // disarm: the queue is empty
     ASSERT_EQ(kDisarmedMask, r.Registered());
 
@@ -140,7 +141,6 @@ TEST(Send, HalfWrittenBlockStaysAtTheHead) {
     SendRig r;
     ASSERT_TRUE(r.ok);
     SetSmallBuffers(r.fd, 4096, 0);
-    SetSmallBuffers(r.peer, 0, 4096);
     std::string pkt = Pattern(100000, 5);
     ASSERT_EQ(100000, r.c().SendToQ(pkt.data(), pkt.size(), nullptr));
     QUOLNET::NetBuffer* head = r.Head();
@@ -204,7 +204,8 @@ TEST(Send, QueueWaitStatistics) {
     r.Head()->m_tv.tv_sec = now.tv_sec + 100;
     EXPECT_EQ(3, r.c().Send());
     EXPECT_EQ(cost, Peer::m_tx_max_wait_time(r.c()));
-    EXPECT_EQ(static_cast<float>(avg * 9999.0 / 10000.0), static_cast<float>(Peer::m_tx_avg_wait_time(r.c())));
+    EXPECT_EQ(static_cast<float>(avg * 9999.0 / 10000.0),
+              static_cast<float>(Peer::m_tx_avg_wait_time(r.c())));
     EXPECT_EQ("abcdef", r.ReadPeer(6));
 }
 
@@ -216,9 +217,10 @@ TEST(Send, FailedDirectWriteKeepsTheReservedBlocksOutOfThePool) {
     std::string pkt = Pattern(70000);
     r.c().SetEvent(EPOLLOUT);
     EXPECT_EQ(-1, r.c().Send(pkt.data(), pkt.size(), nullptr));
-    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR, Fmt("send data to server failed, url=%s, local_url=%s, send_len=70000, "
-                                                  "err=%d",
-                                                  r.Url().c_str(), r.LocalUrl().c_str(), EPIPE)))
+    EXPECT_TRUE(
+        r.log.Has(LOG_PRIORITY_ERROR, Fmt("send data to server failed, url=%s, local_url=%s, send_len=70000, "
+                                          "err=%d",
+                                          r.Url().c_str(), r.LocalUrl().c_str(), EPIPE)))
         << r.log.Dump();
     EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR,
                           Fmt("WriteSocket() failed, suggest to disconnect, url=%s, local_url=%s, len=70000, "
@@ -244,8 +246,8 @@ TEST(Send, FailedFlushReleasesTheBlockAndReports) {
     EXPECT_EQ(-1, r.c().Send());
     EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR, Fmt("WriteSocket() failed, url=%s, local_url=%s, ret=-1",
                                                   r.Url().c_str(), r.LocalUrl().c_str())));
-    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR,
-                          Fmt("Sending() failed, url=%s, local_url=%s, ret=-1", r.Url().c_str(), r.LocalUrl().c_str())));
+    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR, Fmt("Sending() failed, url=%s, local_url=%s, ret=-1",
+                                                  r.Url().c_str(), r.LocalUrl().c_str())));
     EXPECT_EQ(0u, r.pool.GetUsedCount());
     EXPECT_FALSE(Peer::m_is_sending(r.c()).load());
 }
@@ -270,7 +272,6 @@ TEST(Send, StalledPeerBoundsTheQueueByItsLimit) {
     SendRig r(64, 4);
     ASSERT_TRUE(r.ok);
     SetSmallBuffers(r.fd, 4096, 0);
-    SetSmallBuffers(r.peer, 0, 4096);
     std::string expect;
     r.c().SetEvent(EPOLLOUT);
     for (unsigned seq = 0; seq < 100000; ++seq) {
@@ -298,7 +299,6 @@ TEST(Send, StalledPeerWithASmallPoolReportsStarvation) {
     SendRig r(4, 64, 1);  // four blocks in the pool
     ASSERT_TRUE(r.ok);
     SetSmallBuffers(r.fd, 4096, 0);
-    SetSmallBuffers(r.peer, 0, 4096);
     std::string expect;
     for (unsigned seq = 0; seq < 100000; ++seq) {
         std::string pkt = Pattern(3000, seq);
