@@ -135,6 +135,7 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
         QN_LOG(m_log_cat, QN_ERROR, "epoll_ctl() failed, errno=%d", errno);
         return -1;
     }
+    SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
 
     m_is_accepted = true;
     m_status = CONNECTOR_STATUS_CONNECTED;
@@ -257,6 +258,8 @@ int CTcpConnector::Connect() {
                 int err = errno;
                 QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), err);
                 fail_code = -8;
+            } else {
+                SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
             }
         }
 
@@ -323,6 +326,7 @@ void CTcpConnector::Close(LogCategory* log_cat) {
     m_status = CONNECTOR_STATUS_DISCONNECTED;
     m_socket = -1;
     m_events.store(0);
+    SetRegisteredEvents(0);
 }
 
 void CTcpConnector::Update() {
