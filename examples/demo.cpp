@@ -36,7 +36,8 @@ int main(int argc, char** argv) {
         } else if (strcmp(a, "--duration") == 0 && v != nullptr && echo::ParseCount(v, 3600, &duration) &&
                    duration > 0) {
             ++i;
-        } else if (strcmp(a, "--conns") == 0 && v != nullptr && echo::ParseCount(v, 1000, &conns) && conns > 0) {
+        } else if (strcmp(a, "--conns") == 0 && v != nullptr && echo::ParseCount(v, 1000, &conns) &&
+                   conns > 0) {
             ++i;
         } else if (strcmp(a, "--listen") == 0 && v != nullptr) {
             listen_url = v;

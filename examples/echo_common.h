@@ -116,7 +116,7 @@ inline int64_t NowUs() {
 // Echoes every packet back unchanged. When a tick yields several packets for one
 // connection the replies are corked and leave with one flush at the end of the tick.
 class EchoServerHandler : public QUOLNET::IConnectorHandler {
-public:
+  public:
     bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool more) override {
         bool cork = more || m_corked.count(id) != 0;
         int ret = cork ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
@@ -135,7 +135,7 @@ public:
     long long Packets() const { return m_packets; }
     long long Connections() const { return m_connections; }
 
-private:
+  private:
     std::set<ConnId> m_corked;  // connections corked in this tick
     long long m_packets = 0;
     long long m_connections = 0;
@@ -146,11 +146,11 @@ private:
 struct ClientConfig {
     std::string url;
     int conns = 4;
-    long long packets = 1000;     // per connection; 0: until the duration ends
-    double duration_sec = 0;      // > 0: stop sending after this long
+    long long packets = 1000;  // per connection; 0: until the duration ends
+    double duration_sec = 0;   // > 0: stop sending after this long
     std::vector<unsigned int> sizes{1, 100, 1000, 65536, 200000};  // payload bytes
-    int depth = 4;                // packets in flight per connection
-    bool progress = false;        // one-line progress on stdout
+    int depth = 4;                                                 // packets in flight per connection
+    bool progress = false;                                         // one-line progress on stdout
     unsigned int max_packet = CLengthPrefixParser::kDefaultMaxPacketLen;
 };
 
@@ -166,7 +166,7 @@ struct ClientSummary {
 // Opens `conns` connections, keeps `depth` packets in flight on each and checks every echo
 // byte for byte. Runs on the manager's loop thread; stops the manager when done.
 class EchoClient : public QUOLNET::IConnectorHandler {
-public:
+  public:
     explicit EchoClient(const ClientConfig& cfg) : m_cfg(cfg) {}
 
     // Dials every connection; call before running the manager.
@@ -262,13 +262,14 @@ public:
 
     static void PrintSummary(const ClientSummary& s, FILE* out) {
         fprintf(out,
-                "summary: %lld packets, %lld bytes in %.2f s, %.1f MiB/s, %.0f packets/s, round trip p50 %.3f ms, "
+                "summary: %lld packets, %lld bytes in %.2f s, %.1f MiB/s, %.0f packets/s, round trip p50 "
+                "%.3f ms, "
                 "p99 %.3f ms, errors %lld\n",
                 s.packets, s.bytes, s.seconds, s.seconds > 0 ? s.bytes / 1048576.0 / s.seconds : 0.0,
                 s.seconds > 0 ? s.packets / s.seconds : 0.0, s.p50_ms, s.p99_ms, s.errors);
     }
 
-private:
+  private:
     struct Outstanding {
         unsigned int total;
         uint32_t seed;
@@ -307,7 +308,8 @@ private:
     }
 
     bool SendingOver() const {
-        return m_cfg.duration_sec > 0 && NowUs() - m_start_us >= static_cast<int64_t>(m_cfg.duration_sec * 1e6);
+        return m_cfg.duration_sec > 0 &&
+               NowUs() - m_start_us >= static_cast<int64_t>(m_cfg.duration_sec * 1e6);
     }
 
     void Pump(ConnId id, Conn& c) {

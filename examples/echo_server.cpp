@@ -7,14 +7,15 @@
 namespace {
 
 void Usage(FILE* out) {
-    fprintf(out,
-            "usage: echo_server [--listen URL] [--stats SECONDS] [--max-packet BYTES]\n"
-            "  --listen URL        where to listen (default tcp://127.0.0.1:7000; port 0 picks a free port)\n"
-            "  --stats SECONDS     print the connector statistics table every SECONDS (default 0: only at exit)\n"
-            "  --max-packet BYTES  longest packet accepted, 4-byte header included (default %u)\n"
-            "Packets are a 4-byte big-endian length (counting itself) followed by the payload.\n"
-            "Stops on SIGINT or SIGTERM and prints the statistics table.\n",
-            QUOLNET::CLengthPrefixParser::kDefaultMaxPacketLen);
+    fprintf(
+        out,
+        "usage: echo_server [--listen URL] [--stats SECONDS] [--max-packet BYTES]\n"
+        "  --listen URL        where to listen (default tcp://127.0.0.1:7000; port 0 picks a free port)\n"
+        "  --stats SECONDS     print the connector statistics table every SECONDS (default 0: only at exit)\n"
+        "  --max-packet BYTES  longest packet accepted, 4-byte header included (default %u)\n"
+        "Packets are a 4-byte big-endian length (counting itself) followed by the payload.\n"
+        "Stops on SIGINT or SIGTERM and prints the statistics table.\n",
+        QUOLNET::CLengthPrefixParser::kDefaultMaxPacketLen);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ class CConnectorMgr;
 typedef uint64_t ConnId;  // 0 is never a valid id
 
 class IConnectorHandler {
-public:
+  public:
     virtual ~IConnectorHandler() {}
 
     // A connection is established: `accepted` for one taken from a listener, otherwise a

@@ -12,14 +12,14 @@
 
 namespace QUOLNET {
 
-#define QN_MGR_LOG(prio, ...)                                                              \
-    do {                                                                                   \
-        LogCategory* qn_cat_ = m_options.log_cat;                                          \
-        if (qn_cat_ != nullptr && log_can_write(qn_cat_, (prio), 0, 0) != 0) {             \
-            LogLocation qn_loc_ = {"src/net/connector_mgr", __LINE__, __func__, nullptr};  \
-            LogRecord qn_rec_ = {(prio), nullptr, 0, &qn_loc_, 0, 0, 0, 0, 0};             \
-            log_write(qn_cat_, &qn_rec_, __VA_ARGS__);                                     \
-        }                                                                                  \
+#define QN_MGR_LOG(prio, ...)                                                             \
+    do {                                                                                  \
+        LogCategory* qn_cat_ = m_options.log_cat;                                         \
+        if (qn_cat_ != nullptr && log_can_write(qn_cat_, (prio), 0, 0) != 0) {            \
+            LogLocation qn_loc_ = {"src/net/connector_mgr", __LINE__, __func__, nullptr}; \
+            LogRecord qn_rec_ = {(prio), nullptr, 0, &qn_loc_, 0, 0, 0, 0, 0};            \
+            log_write(qn_cat_, &qn_rec_, __VA_ARGS__);                                    \
+        }                                                                                 \
     } while (0)
 
 CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptions& options)
@@ -128,7 +128,9 @@ int CConnectorMgr::Init() {
     return 0;
 }
 
-bool CConnectorMgr::OnLoopThread() const { return m_loop_thread.load() == std::this_thread::get_id(); }
+bool CConnectorMgr::OnLoopThread() const {
+    return m_loop_thread.load() == std::this_thread::get_id();
+}
 
 int CConnectorMgr::Listen(const char* url, int backlog) {
     std::unique_ptr<CTcpListener> l(new CTcpListener());
@@ -179,7 +181,8 @@ ConnId CConnectorMgr::Dial(const char* url, const DialOptions& options) {
     socklen_t len = 0;
     std::string why;
     if (CTcpListener::ParseURL(url, &addr, &len, &why) != 0) {
-        QN_MGR_LOG(LOG_PRIORITY_ERROR, "invalid dial url(%s), %s", url != nullptr ? url : "(null)", why.c_str());
+        QN_MGR_LOG(LOG_PRIORITY_ERROR, "invalid dial url(%s), %s", url != nullptr ? url : "(null)",
+                   why.c_str());
         return 0;
     }
     Conn* c = NewConn(url);
@@ -213,7 +216,8 @@ void CConnectorMgr::StartConnect(Conn* c) {
         }
     }
     if (ret != 0) {
-        QN_MGR_LOG(LOG_PRIORITY_WARN, "connect attempt %d to %s failed, ret=%d", c->attempt, c->url.c_str(), ret);
+        QN_MGR_LOG(LOG_PRIORITY_WARN, "connect attempt %d to %s failed, ret=%d", c->attempt, c->url.c_str(),
+                   ret);
         c->state = CONN_WAIT_RETRY;
         OnDialFailed(c);
         return;
@@ -267,6 +271,8 @@ void CConnectorMgr::ScheduleRetry(Conn* c) {
     c->state = CONN_WAIT_RETRY;
     int delay = c->backoff_ms > 0 ? c->backoff_ms : std::max(1, c->dial.backoff_initial_ms);
     c->backoff_ms = std::min(delay * 2, std::max(delay, c->dial.backoff_max_ms));
+    QN_MGR_LOG(LOG_PRIORITY_INFO, "dial %s failed (attempt %d), retrying in %d ms", c->url.c_str(),
+               c->attempt, delay);
     ConnId id = c->id;
     c->timer_id = AddTimer(delay, 0, [this, id]() {
         auto it = m_by_id.find(id);
@@ -289,7 +295,8 @@ int CConnectorMgr::RecvCallback(const char* url, const char* data, int len, void
     Conn* c = static_cast<Conn*>(arg);
     CConnectorMgr* mgr = c->mgr;
     // Keep arrival order: while packets wait in the ring, later ones queue behind them.
-    if (c->close_requested || c->refused || c->connector->GetPacketInfoCnt() > 0 || mgr->m_handler == nullptr) {
+    if (c->close_requested || c->refused || c->connector->GetPacketInfoCnt() > 0 ||
+        mgr->m_handler == nullptr) {
         return c->close_requested ? 1 : 0;
     }
     if (mgr->m_handler->OnPacket(mgr, c->id, data, static_cast<unsigned int>(len), false)) {
@@ -518,8 +525,9 @@ void CConnectorMgr::AcceptAll(size_t idx) {
         Conn* c = NewConn(peer.c_str());
         c->accepted = true;
         if (c->connector->Init(peer.c_str(), m_parser, m_epoll, fd) != 0) {
-            QN_MGR_LOG(LOG_PRIORITY_ERROR, "CTcpConnector::Init() failed for an accepted socket, url=%s, fd=%d",
-                       peer.c_str(), fd);
+            QN_MGR_LOG(LOG_PRIORITY_ERROR,
+                       "CTcpConnector::Init() failed for an accepted socket, url=%s, fd=%d", peer.c_str(),
+                       fd);
             ::close(fd);
             delete c;
             continue;
@@ -603,7 +611,9 @@ int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool c
     return ret;
 }
 
-int CConnectorMgr::Send(ConnId id, const char* buf, unsigned int len) { return SendImpl(id, buf, len, false); }
+int CConnectorMgr::Send(ConnId id, const char* buf, unsigned int len) {
+    return SendImpl(id, buf, len, false);
+}
 
 int CConnectorMgr::SendCorked(ConnId id, const char* buf, unsigned int len) {
     return SendImpl(id, buf, len, true);
@@ -873,12 +883,13 @@ std::string CConnectorMgr::FormatStats() {
     char line[512];
     std::string out;
     snprintf(line, sizeof(line), "connections: %zu, pool blocks in use: %u (peak %u) of %u\n", all.size(),
-             m_pool != nullptr ? m_pool->GetUsedCount() : 0u, m_pool != nullptr ? m_pool->GetPeakUsedCount() : 0u,
+             m_pool != nullptr ? m_pool->GetUsedCount() : 0u,
+             m_pool != nullptr ? m_pool->GetPeakUsedCount() : 0u,
              m_pool != nullptr ? m_pool->GetMaxBlockNum() : 0u);
     out += line;
-    snprintf(line, sizeof(line), "\t\t%-10s%-30s%-30s%-8s%-8s%-8s%-8s%-8s%-8s%-8s%-8s%-30s\n", "accepted", "url",
-             "local_url", "ring_mx", "ring_av", "txw_mx", "txw_av", "tx_full", "rxw_mx", "rxw_av", "rx_full",
-             "tx_pkts|rx_pkts");
+    snprintf(line, sizeof(line), "\t\t%-10s%-30s%-30s%-8s%-8s%-8s%-8s%-8s%-8s%-8s%-8s%-30s\n", "accepted",
+             "url", "local_url", "ring_mx", "ring_av", "txw_mx", "txw_av", "tx_full", "rxw_mx", "rxw_av",
+             "rx_full", "tx_pkts|rx_pkts");
     out += line;
     for (Conn* c : all) {
         int len = c->connector->PrintStat(line, sizeof(line));

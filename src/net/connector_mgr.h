@@ -74,30 +74,31 @@ struct ConnectorMgrOptions {
     CNetBufferMgr* pool = nullptr;    // lent pool (not owned); null: the manager makes one
     unsigned int pool_blocks = 4096;  // blocks of the manager's own pool (made on demand)
     IPackParser* parser = nullptr;    // lent parser; null: a CLengthPrefixParser
-    unsigned int max_packet_len = CLengthPrefixParser::kDefaultMaxPacketLen;  // also sizes the combine buffers
-    unsigned int max_send_blocks = 256;  // per connector send queue limit
-    unsigned int max_recv_blocks = 256;  // per connector receive limit
-    bool use_recv_callback = false;      // framing hands packets to OnPacket directly
-    LogCategory* log_cat = nullptr;      // manager and connector logging; null: none
-    int stats_interval_sec = 0;          // > 0: print the statistics table that often
-    FILE* stats_out = nullptr;           // where periodic/requested tables go (null: stdout)
-    int max_events = 256;                // epoll events taken per wait
+    unsigned int max_packet_len =
+        CLengthPrefixParser::kDefaultMaxPacketLen;  // also sizes the combine buffers
+    unsigned int max_send_blocks = 256;             // per connector send queue limit
+    unsigned int max_recv_blocks = 256;             // per connector receive limit
+    bool use_recv_callback = false;                 // framing hands packets to OnPacket directly
+    LogCategory* log_cat = nullptr;                 // manager and connector logging; null: none
+    int stats_interval_sec = 0;                     // > 0: print the statistics table that often
+    FILE* stats_out = nullptr;                      // where periodic/requested tables go (null: stdout)
+    int max_events = 256;                           // epoll events taken per wait
 };
 
 // How a dialled connection behaves.
 struct DialOptions {
-    int connect_timeout_ms = 0;       // > 0: give up an attempt still in progress after this
-    bool reconnect = false;           // redial after failures and after the connection ends
-    int backoff_initial_ms = 50;      // first redial delay; doubled after every failure
-    int backoff_max_ms = 2000;        // cap of the delay
-    int max_attempts = 0;             // > 0: give up after this many failed attempts in a row
+    int connect_timeout_ms = 0;   // > 0: give up an attempt still in progress after this
+    bool reconnect = false;       // redial after failures and after the connection ends
+    int backoff_initial_ms = 50;  // first redial delay; doubled after every failure
+    int backoff_max_ms = 2000;    // cap of the delay
+    int max_attempts = 0;         // > 0: give up after this many failed attempts in a row
 };
 
 class CConnectorMgr {
-public:
-    static const int kAcceptRetryMs = 200;   // retry of a listener paused at the fd limit
-    static const int kRefusedRetryMs = 1;    // re-offer of packets the handler refused
-    static const int kBigWaitRetryMs = 5;    // retry of connectors waiting for a big block chain
+  public:
+    static const int kAcceptRetryMs = 200;  // retry of a listener paused at the fd limit
+    static const int kRefusedRetryMs = 1;   // re-offer of packets the handler refused
+    static const int kBigWaitRetryMs = 5;   // retry of connectors waiting for a big block chain
 
     // `handler` (not owned) receives the connections' events; it must outlive the manager.
     // Ignores SIGPIPE for the process (see above).
@@ -162,10 +163,10 @@ public:
     int GetEpollFd() const { return m_epoll; }
     // The connector behind `id`, or null. Loop thread only; valid until the id closes.
     CTcpConnector* GetConnector(ConnId id);
-    // Number of times a listener was paused at the descriptor limit.
+    // Number of times a listener was paused at the descriptor limit. Any thread.
     int GetAcceptPauseCount() const { return m_accept_pause_cnt; }
 
-private:
+  private:
     enum ConnState {
         CONN_CONNECTING = 1,  // a dial in progress
         CONN_ESTABLISHED = 2,
@@ -183,16 +184,16 @@ private:
         std::string url;
         DialOptions dial;
         ConnState state = CONN_CONNECTING;
-        bool was_established = false;   // OnConnected was reported for the current socket
-        bool close_requested = false;   // Close(id) or a failed foreign Send
-        bool refused = false;           // the handler refused a packet; re-offer later
-        bool in_work = false;           // already queued for this tick
-        bool corked = false;            // in m_corked
-        int attempt = 0;                // connect attempts since the last success
+        bool was_established = false;  // OnConnected was reported for the current socket
+        bool close_requested = false;  // Close(id) or a failed foreign Send
+        bool refused = false;          // the handler refused a packet; re-offer later
+        bool in_work = false;          // already queued for this tick
+        bool corked = false;           // in m_corked
+        int attempt = 0;               // connect attempts since the last success
         int backoff_ms = 0;
-        uint64_t timer_id = 0;          // retry or connect-timeout timer
-        bool dead = false;              // finalised; freed at the end of the tick
-        Relaxed<bool> send_failed;      // set by any thread when Send failed
+        uint64_t timer_id = 0;      // retry or connect-timeout timer
+        bool dead = false;          // finalised; freed at the end of the tick
+        Relaxed<bool> send_failed;  // set by any thread when Send failed
         CConnectorMgr* mgr = nullptr;
     };
 
@@ -246,17 +247,17 @@ private:
     std::vector<std::unique_ptr<CTcpListener>> m_listeners;
     std::vector<bool> m_listener_paused;
     uint64_t m_accept_retry_timer;
-    int m_accept_pause_cnt;
+    Relaxed<int> m_accept_pause_cnt;  // written by the loop thread, read by any
 
     std::shared_mutex m_conn_lock;
     std::unordered_map<ConnId, Conn*> m_by_id;  // writes: loop thread under m_conn_lock exclusive
     std::unordered_map<CTcpConnector*, Conn*> m_by_connector;  // loop thread only
     ConnId m_next_id;
 
-    std::vector<Conn*> m_work;      // connections to service this tick (loop thread)
-    std::vector<Conn*> m_pending;   // work carried over to the next tick (loop thread)
-    std::vector<Conn*> m_corked;    // connections with corked sends this tick (loop thread)
-    std::vector<Conn*> m_graveyard; // finalised connections, freed at the end of the tick
+    std::vector<Conn*> m_work;       // connections to service this tick (loop thread)
+    std::vector<Conn*> m_pending;    // work carried over to the next tick (loop thread)
+    std::vector<Conn*> m_corked;     // connections with corked sends this tick (loop thread)
+    std::vector<Conn*> m_graveyard;  // finalised connections, freed at the end of the tick
     std::vector<epoll_event> m_events;
 
     std::mutex m_post_mutex;
@@ -264,9 +265,9 @@ private:
 
     std::mutex m_timer_mutex;
     std::multimap<int64_t, Timer> m_timers;  // due time (ms) -> timer; guarded by m_timer_mutex
-    uint64_t m_next_timer_id;                 // guarded by m_timer_mutex
-    uint64_t m_running_timer;                 // guarded by m_timer_mutex
-    bool m_running_cancelled;                 // guarded by m_timer_mutex
+    uint64_t m_next_timer_id;                // guarded by m_timer_mutex
+    uint64_t m_running_timer;                // guarded by m_timer_mutex
+    bool m_running_cancelled;                // guarded by m_timer_mutex
 
     std::atomic<bool> m_stop;
     std::atomic<bool> m_stats_requested;

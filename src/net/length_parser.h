@@ -16,7 +16,7 @@
 namespace QUOLNET {
 
 class CLengthPrefixParser : public IPackParser {
-public:
+  public:
     static const unsigned int kHeaderLen = 4;
     static const unsigned int kDefaultMaxPacketLen = 16u << 20;  // 16 MiB
 
@@ -58,7 +58,7 @@ public:
                (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
     }
 
-private:
+  private:
     static unsigned int Clamp(unsigned int v) {
         if (v < kHeaderLen) {
             return kHeaderLen;

@@ -12,19 +12,21 @@
 
 namespace QUOLNET {
 
-#define QN_LISTENER_LOG(cat, prio, ...)                                                   \
-    do {                                                                                  \
-        LogCategory* qn_cat_ = (cat);                                                     \
-        if (qn_cat_ != nullptr && log_can_write(qn_cat_, (prio), 0, 0) != 0) {            \
-            LogLocation qn_loc_ = {"src/net/tcp_listener", __LINE__, __func__, nullptr};  \
-            LogRecord qn_rec_ = {(prio), nullptr, 0, &qn_loc_, 0, 0, 0, 0, 0};            \
-            log_write(qn_cat_, &qn_rec_, __VA_ARGS__);                                    \
-        }                                                                                 \
+#define QN_LISTENER_LOG(cat, prio, ...)                                                  \
+    do {                                                                                 \
+        LogCategory* qn_cat_ = (cat);                                                    \
+        if (qn_cat_ != nullptr && log_can_write(qn_cat_, (prio), 0, 0) != 0) {           \
+            LogLocation qn_loc_ = {"src/net/tcp_listener", __LINE__, __func__, nullptr}; \
+            LogRecord qn_rec_ = {(prio), nullptr, 0, &qn_loc_, 0, 0, 0, 0, 0};           \
+            log_write(qn_cat_, &qn_rec_, __VA_ARGS__);                                   \
+        }                                                                                \
     } while (0)
 
 CTcpListener::CTcpListener() : m_fd(-1), m_port(0), m_last_errno(0), m_log_cat(nullptr) {}
 
-CTcpListener::~CTcpListener() { Close(); }
+CTcpListener::~CTcpListener() {
+    Close();
+}
 
 int CTcpListener::ParseURL(const char* url, struct sockaddr_storage* addr, socklen_t* len, std::string* why) {
     auto fail = [why](const char* reason) {
@@ -65,7 +67,8 @@ int CTcpListener::ParseURL(const char* url, struct sockaddr_storage* addr, sockl
     char* end = nullptr;
     errno = 0;
     long port = strtol(port_text, &end, 10);
-    if (errno != 0 || *end != '\0' || port < 0 || port > 65535 || !(port_text[0] >= '0' && port_text[0] <= '9')) {
+    if (errno != 0 || *end != '\0' || port < 0 || port > 65535 ||
+        !(port_text[0] >= '0' && port_text[0] <= '9')) {
         return fail("the port must be a number from 0 to 65535");
     }
     memset(addr, 0, sizeof(*addr));
@@ -122,7 +125,7 @@ int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat) {
     if (fd < 0) {
         m_last_errno = errno;
         QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "socket() failed, url=%s, errno=%d", url,
-                    m_last_errno);
+                        m_last_errno);
         return -2;
     }
     int one = 1;
@@ -132,8 +135,8 @@ int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat) {
     }
     if (bind(fd, reinterpret_cast<struct sockaddr*>(&addr), len) != 0 || listen(fd, backlog) != 0) {
         m_last_errno = errno;
-        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "bind()/listen() failed, url=%s, errno=%d",
-                    url, m_last_errno);
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "bind()/listen() failed, url=%s, errno=%d", url,
+                        m_last_errno);
         ::close(fd);
         return -2;
     }
@@ -151,7 +154,8 @@ int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat) {
 int CTcpListener::Accept(std::string* peer_url) {
     struct sockaddr_storage peer;
     socklen_t peer_len = sizeof(peer);
-    int fd = accept4(m_fd, reinterpret_cast<struct sockaddr*>(&peer), &peer_len, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    int fd =
+        accept4(m_fd, reinterpret_cast<struct sockaddr*>(&peer), &peer_len, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
         m_last_errno = errno;
         switch (m_last_errno) {

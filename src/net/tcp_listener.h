@@ -17,7 +17,7 @@
 namespace QUOLNET {
 
 class CTcpListener {
-public:
+  public:
     // Results of Accept() other than a descriptor.
     enum {
         ACCEPT_WOULD_BLOCK = -1,  // nothing pending
@@ -52,7 +52,7 @@ public:
     // The tcp:// URL of a socket address (IPv4 or IPv6); "" for other families.
     static std::string FormatURL(const struct sockaddr* addr);
 
-private:
+  private:
     int m_fd;
     int m_port;
     int m_last_errno;
