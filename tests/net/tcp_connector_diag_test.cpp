@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <regex>
 #include <string>
 
 #include "net/tcp_connector.h"
@@ -87,16 +86,8 @@ TEST_F(DiagTest, FreshConnectorDump) {
                            ", start_pos=0, len=0, recv_len=0], m_rx_buffer[(null)], "
                            "m_is_wait_alloc_big_buffer=0, m_tx_packet_cnt=0, m_rx_packet_cnt=0]";
     EXPECT_EQ(expected, text);
-    // The same line matched with the pointers as patterns.
-    EXPECT_TRUE(std::regex_match(
-        std::string(text),
-        std::regex(
-            "CTcpConnector\\[this=0x[0-9a-f]+, idx=-1, url=, local_url=, m_events=0, m_parser=\\S+, "
-            "m_socket=-1, m_tx_queue\\.cnt=0, m_rx_queue\\.cnt=0, m_close_socket=1, m_packet_head_idx=-1, "
-            "m_packet_tail_idx=-1, m_rx_packet\\[buffer=\\S+, start_pos=0, len=0, recv_len=0\\], "
-            "m_rx_buffer\\[\\(null\\)\\], m_is_wait_alloc_big_buffer=0, m_tx_packet_cnt=0, "
-            "m_rx_packet_cnt=0\\]")))
-        << text;
+    // The connector's address is printed as a hexadecimal pointer.
+    EXPECT_EQ(0, strncmp(text, "CTcpConnector[this=0x", 21)) << text;
 }
 
 TEST_F(DiagTest, PopulatedDumpShowsEveryField) {

@@ -27,7 +27,7 @@ const long kArmedMask = EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP;
 const long kDisarmedMask = EPOLLIN | EPOLLERR | EPOLLHUP;
 
 class NullParser : public QUOLNET::IPackParser {
-public:
+  public:
     int ParsePackLength(const char*, unsigned int) override { return 0; }
 };
 
@@ -37,9 +37,9 @@ struct SendRig {
                      int low_threshold = QUOLNET::LOG_PRIORITY_TRACE)
         : pool(pool_blocks, rx_reserve), log(low_threshold) {
         combine.resize(1024);
-        conn.reset(new QUOLNET::CTcpConnector(combine.data(), static_cast<int>(combine.size()), combine.data(),
-                                              static_cast<int>(combine.size()), nullptr, &pool, max_tx, 4, nullptr,
-                                              nullptr));
+        conn.reset(new QUOLNET::CTcpConnector(combine.data(), static_cast<int>(combine.size()),
+                                              combine.data(), static_cast<int>(combine.size()), nullptr,
+                                              &pool, max_tx, 4, nullptr, nullptr));
         epfd = epoll_create1(0);
         ok = epfd >= 0 && TcpPair(&peer, &fd);
         if (ok) {

@@ -21,9 +21,9 @@ TEST(SendQ, InvalidArgumentsReturnMinusOneAndAreCounted) {
     EXPECT_EQ(1, Peer::m_tx_packet_cnt(r.c()));
     // The packet fills the local_url slot (a null one reads "(null)"), the local URL's
     // address the buf slot.
-    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR,
-                          Fmt("invalid argument, url=%s, local_url=(null), buf=%p, len=5", r.Url().c_str(),
-                              static_cast<const void*>(r.c().GetLocalURL()))))
+    EXPECT_TRUE(
+        r.log.Has(LOG_PRIORITY_ERROR, Fmt("invalid argument, url=%s, local_url=(null), buf=%p, len=5",
+                                          r.Url().c_str(), static_cast<const void*>(r.c().GetLocalURL()))))
         << r.log.Dump();
 
     // A zero length with a buffer that is not NUL-terminated: its (zero) valid bytes are
@@ -33,8 +33,9 @@ TEST(SendQ, InvalidArgumentsReturnMinusOneAndAreCounted) {
     r.log.Clear();
     EXPECT_EQ(-1, r.c().SendToQ(raw.get(), 0, nullptr));
     EXPECT_EQ(2, Peer::m_tx_packet_cnt(r.c()));
-    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR, Fmt("invalid argument, url=%s, local_url=, buf=%p, len=0",
-                                                  r.Url().c_str(), static_cast<const void*>(r.c().GetLocalURL()))))
+    EXPECT_TRUE(
+        r.log.Has(LOG_PRIORITY_ERROR, Fmt("invalid argument, url=%s, local_url=, buf=%p, len=0",
+                                          r.Url().c_str(), static_cast<const void*>(r.c().GetLocalURL()))))
         << r.log.Dump();
     EXPECT_EQ(0u, r.QCount());
 }
