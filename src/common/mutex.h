@@ -9,7 +9,7 @@
 namespace QUOLNET {
 
 class Mutex {
-public:
+  public:
     Mutex() { pthread_mutex_init(&m_mutex, nullptr); }
     ~Mutex() { pthread_mutex_destroy(&m_mutex); }
     Mutex(const Mutex&) = delete;
@@ -24,14 +24,14 @@ public:
 };
 
 class AutoLocker {
-public:
+  public:
     // Locks `mutex` now; the destructor unlocks it. `mutex` must outlive the locker.
     explicit AutoLocker(Mutex* mutex) : m_mutex(mutex) { m_mutex->Lock(); }
     ~AutoLocker() { m_mutex->UnLock(); }
     AutoLocker(const AutoLocker&) = delete;
     AutoLocker& operator=(const AutoLocker&) = delete;
 
-private:
+  private:
     Mutex* m_mutex;
 };
 

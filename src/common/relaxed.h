@@ -14,7 +14,7 @@ namespace QUOLNET {
 
 template <typename T>
 class Relaxed {
-public:
+  public:
     Relaxed() : m_value(T()) {}
     Relaxed(T v) : m_value(v) {}  // NOLINT: implicit on purpose, it stands for a plain T
     Relaxed(const Relaxed& other) : m_value(other.load()) {}
@@ -53,7 +53,7 @@ public:
         return *this;
     }
 
-private:
+  private:
     std::atomic<T> m_value;
 };
 

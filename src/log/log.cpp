@@ -67,17 +67,28 @@ void Dispatch(LogCategory* cat, const LogRecord* record, const char* text, bool 
 
 const char* log_priority_name(int priority) {
     switch (priority) {
-        case LOG_PRIORITY_FATAL: return "FATAL";
-        case LOG_PRIORITY_ALERT: return "ALERT";
-        case LOG_PRIORITY_CRIT: return "CRIT";
-        case LOG_PRIORITY_ERROR: return "ERROR";
-        case LOG_PRIORITY_WARN: return "WARN";
-        case LOG_PRIORITY_NOTICE: return "NOTICE";
-        case LOG_PRIORITY_INFO: return "INFO";
-        case LOG_PRIORITY_DEBUG: return "DEBUG";
-        case LOG_PRIORITY_TRACE: return "TRACE";
-        case LOG_PRIORITY_NOTSET: return "NOTSET";
-        default: return "UNKNOWN";
+        case LOG_PRIORITY_FATAL:
+            return "FATAL";
+        case LOG_PRIORITY_ALERT:
+            return "ALERT";
+        case LOG_PRIORITY_CRIT:
+            return "CRIT";
+        case LOG_PRIORITY_ERROR:
+            return "ERROR";
+        case LOG_PRIORITY_WARN:
+            return "WARN";
+        case LOG_PRIORITY_NOTICE:
+            return "NOTICE";
+        case LOG_PRIORITY_INFO:
+            return "INFO";
+        case LOG_PRIORITY_DEBUG:
+            return "DEBUG";
+        case LOG_PRIORITY_TRACE:
+            return "TRACE";
+        case LOG_PRIORITY_NOTSET:
+            return "NOTSET";
+        default:
+            return "UNKNOWN";
     }
 }
 

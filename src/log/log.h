@@ -48,12 +48,12 @@ struct LogLocation {
 // The record handed to the library with every write.
 struct LogRecord {
     int priority;
-    char* msg;       // hex dumps: the bytes to dump
-    int msg_len;     // hex dumps: how many bytes
+    char* msg;    // hex dumps: the bytes to dump
+    int msg_len;  // hex dumps: how many bytes
     LogLocation* loc;
-    int binary;      // 0
-    unsigned id;     // 0
-    unsigned cls;    // 0
+    int binary;    // 0
+    unsigned id;   // 0
+    unsigned cls;  // 0
     int type;
     int version;
 };

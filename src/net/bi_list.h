@@ -21,7 +21,7 @@ struct LIST_NODE {
 };
 
 class CBidirList {
-public:
+  public:
     CBidirList() : m_pstHead(nullptr), m_pstTail(nullptr), m_dwCount(0u) {}
     // Does not touch the nodes still linked.
     ~CBidirList() {}

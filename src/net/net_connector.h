@@ -22,7 +22,7 @@ enum {
 };
 
 class CConnector {
-public:
+  public:
     // `last_err` is an error-text buffer owned by the caller, kept for derived classes and
     // never written by the base; `cb` (may be null) and `cb_para` are the receive callback.
     CConnector(char* last_err, RecvPkgCallback cb, void* cb_para);
@@ -72,7 +72,7 @@ public:
     static int m_socket_send_buff_size;
     static int m_socket_recv_buff_size;
 
-protected:
+  protected:
     LIST_NODE m_node;
     LIST_NODE m_alloc_node;
     int m_idx;

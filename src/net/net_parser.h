@@ -6,7 +6,7 @@ namespace QUOLNET {
 // Finds packet boundaries in a byte stream. Implementations must be safe to call from the
 // thread that updates the connector; the connector never owns or deletes its parser.
 class IPackParser {
-public:
+  public:
     virtual ~IPackParser() {}
 
     // Given the first `len` received bytes of a packet, returns the packet's total length in

@@ -75,7 +75,7 @@ struct PacketInfo {
 int GetLocalSocketName(bool ipv6, int socket, char* url, LogCategory* log_cat);
 
 class CTcpConnector : public CConnector {
-public:
+  public:
     static constexpr int kPacketInfoSize = 1000;  // slots in the packet ring
 
     // `combine_buf` (length `combine_buf_len`) joins multi-block packets for Peek and bounds
@@ -196,7 +196,7 @@ public:
     int GetSendBuffLeftRate() override;
     int GetRecvBuffLeftRate() override;
 
-private:
+  private:
     friend class CTcpConnectorTestPeer;  // white-box access for the library's own tests
 
     // receive path
@@ -250,7 +250,7 @@ private:
         struct in6_addr m_ipv6;
     };
     int m_port;
-    char m_peer_url[256];  // local address text
+    char m_peer_url[256];   // local address text
     CBidirList m_tx_queue;  // guarded by m_tx_mutex
     CBidirList m_rx_queue;  // guarded by m_rx_mutex
     CNetBufferMgr* m_net_buf_mgr;

@@ -17,9 +17,13 @@ int CTcpConnector::GetPacketInfoCnt() {
     return m_packet_tail_idx - m_packet_head_idx + 1;
 }
 
-int CTcpConnector::GetSendQCount() { return static_cast<int>(m_tx_queue.Count()); }
+int CTcpConnector::GetSendQCount() {
+    return static_cast<int>(m_tx_queue.Count());
+}
 
-int CTcpConnector::GetRecvQCount() { return static_cast<int>(m_rx_queue.Count()); }
+int CTcpConnector::GetRecvQCount() {
+    return static_cast<int>(m_rx_queue.Count());
+}
 
 // 100 - count*100/limit in unsigned arithmetic; an over-full queue yields a negative rate.
 // The limit must not be 0.
@@ -56,11 +60,12 @@ const char* CTcpConnector::ToString() {
              "m_tx_queue.cnt=%d, m_rx_queue.cnt=%d, m_close_socket=%d, m_packet_head_idx=%d, "
              "m_packet_tail_idx=%d, m_rx_packet[buffer=%p, start_pos=%d, len=%d, recv_len=%d], "
              "m_rx_buffer[%s], m_is_wait_alloc_big_buffer=%d, m_tx_packet_cnt=%lu, m_rx_packet_cnt=%lu]",
-             static_cast<void*>(this), idx, url, local_url, static_cast<int>(events), static_cast<void*>(m_parser),
-             static_cast<int>(m_socket), tx_cnt, rx_cnt, m_close_socket ? 1 : 0, m_packet_head_idx,
-             m_packet_tail_idx, static_cast<void*>(m_rx_packet.buffer), m_rx_packet.start_pos, m_rx_packet.len,
-             m_rx_packet.recv_len, rx_buffer_text, m_is_wait_alloc_big_buffer ? 1 : 0,
-             static_cast<unsigned long>(m_tx_packet_cnt.load()), static_cast<unsigned long>(m_rx_packet_cnt.load()));
+             static_cast<void*>(this), idx, url, local_url, static_cast<int>(events),
+             static_cast<void*>(m_parser), static_cast<int>(m_socket), tx_cnt, rx_cnt, m_close_socket ? 1 : 0,
+             m_packet_head_idx, m_packet_tail_idx, static_cast<void*>(m_rx_packet.buffer),
+             m_rx_packet.start_pos, m_rx_packet.len, m_rx_packet.recv_len, rx_buffer_text,
+             m_is_wait_alloc_big_buffer ? 1 : 0, static_cast<unsigned long>(m_tx_packet_cnt.load()),
+             static_cast<unsigned long>(m_rx_packet_cnt.load()));
     return m_to_string;
 }
 

@@ -27,29 +27,34 @@ inline bool Wanted(LogCategory* cat, int priority) {
 }  // namespace tcp_log
 }  // namespace QUOLNET
 
-#define QN_LOG(cat, prio, ...)                                                                  \
-    do {                                                                                        \
-        ::QUOLNET::LogCategory* qn_cat_ = (cat);                                                \
-        if (::QUOLNET::tcp_log::Wanted(qn_cat_, (prio))) {                                      \
+#define QN_LOG(cat, prio, ...)                                                                       \
+    do {                                                                                             \
+        ::QUOLNET::LogCategory* qn_cat_ = (cat);                                                     \
+        if (::QUOLNET::tcp_log::Wanted(qn_cat_, (prio))) {                                           \
             ::QUOLNET::LogLocation qn_loc_ = {"src/net/tcp_connector", __LINE__, __func__, nullptr}; \
-            ::QUOLNET::LogRecord qn_rec_ = {(prio), nullptr, 0, &qn_loc_, 0, 0, 0, 0, 0};        \
-            ::QUOLNET::log_write(qn_cat_, &qn_rec_, __VA_ARGS__);                               \
-        }                                                                                       \
+            ::QUOLNET::LogRecord qn_rec_ = {(prio), nullptr, 0, &qn_loc_, 0, 0, 0, 0, 0};            \
+            ::QUOLNET::log_write(qn_cat_, &qn_rec_, __VA_ARGS__);                                    \
+        }                                                                                            \
     } while (0)
 
 // Hex dump of at most 128 bytes at INFO.
-#define QN_LOG_HEX(cat, data, length)                                                           \
-    do {                                                                                        \
-        ::QUOLNET::LogCategory* qn_cat_ = (cat);                                                \
-        if (::QUOLNET::tcp_log::Wanted(qn_cat_, ::QUOLNET::LOG_PRIORITY_INFO)) {                \
+#define QN_LOG_HEX(cat, data, length)                                                                \
+    do {                                                                                             \
+        ::QUOLNET::LogCategory* qn_cat_ = (cat);                                                     \
+        if (::QUOLNET::tcp_log::Wanted(qn_cat_, ::QUOLNET::LOG_PRIORITY_INFO)) {                     \
             ::QUOLNET::LogLocation qn_loc_ = {"src/net/tcp_connector", __LINE__, __func__, nullptr}; \
-            int qn_len_ = (length);                                                             \
-            ::QUOLNET::LogRecord qn_rec_ = {::QUOLNET::LOG_PRIORITY_INFO,                       \
-                                            const_cast<char*>(data),                            \
-                                            qn_len_ > 128 ? 128 : qn_len_,                      \
-                                            &qn_loc_, 0, 0, 0, 0, 0};                           \
-            ::QUOLNET::log_write_hex(qn_cat_, &qn_rec_);                                        \
-        }                                                                                       \
+            int qn_len_ = (length);                                                                  \
+            ::QUOLNET::LogRecord qn_rec_ = {::QUOLNET::LOG_PRIORITY_INFO,                            \
+                                            const_cast<char*>(data),                                 \
+                                            qn_len_ > 128 ? 128 : qn_len_,                           \
+                                            &qn_loc_,                                                \
+                                            0,                                                       \
+                                            0,                                                       \
+                                            0,                                                       \
+                                            0,                                                       \
+                                            0};                                                      \
+            ::QUOLNET::log_write_hex(qn_cat_, &qn_rec_);                                             \
+        }                                                                                            \
     } while (0)
 
 #define QN_ERROR ::QUOLNET::LOG_PRIORITY_ERROR

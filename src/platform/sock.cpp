@@ -7,7 +7,9 @@
 
 namespace QUOLNET {
 
-int sock_open_tcp() { return sock_open(AF_INET, SOCK_STREAM, 0); }
+int sock_open_tcp() {
+    return sock_open(AF_INET, SOCK_STREAM, 0);
+}
 
 int sock_open(int domain, int type, int protocol) {
     int fd = socket(domain, type | SOCK_CLOEXEC, protocol);
@@ -31,6 +33,8 @@ int sock_set_recvbuff(int socket, int size) {
     return setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)) == 0 ? 0 : -1;
 }
 
-int sock_close(int socket) { return close(socket) == 0 ? 0 : -1; }
+int sock_close(int socket) {
+    return close(socket) == 0 ? 0 : -1;
+}
 
 }  // namespace QUOLNET

@@ -232,7 +232,9 @@ TEST_P(EndToEnd, DialToClosedPortEndsDisconnected) {
     EXPECT_EQ(fds_before, qntest::CountOpenFds());
 }
 
-std::string FamilyName(const ::testing::TestParamInfo<bool>& p) { return p.param ? "IPv6" : "IPv4"; }
+std::string FamilyName(const ::testing::TestParamInfo<bool>& p) {
+    return p.param ? "IPv6" : "IPv4";
+}
 
 INSTANTIATE_TEST_SUITE_P(IPv4AndIPv6, EndToEnd, ::testing::Values(false, true), FamilyName);
 

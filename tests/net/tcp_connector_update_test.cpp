@@ -65,7 +65,8 @@ TEST_F(UpdateTest, ConnectingWithWritableOnlyBecomesConnectedAndFlushesInTheSame
     // Send() ran: the empty queue switched write readiness off.
     EXPECT_TRUE(m_log.HasPrefix(QUOLNET::LOG_PRIORITY_DEBUG, "enter CTcpConnector::Sending()"))
         << m_log.Dump();
-    EXPECT_EQ(EPOLLIN | EPOLLERR | EPOLLHUP, qntest::RegisteredEvents(m_ep, m_server));  // the kernel adds EPOLLHUP
+    EXPECT_EQ(EPOLLIN | EPOLLERR | EPOLLHUP,
+              qntest::RegisteredEvents(m_ep, m_server));  // the kernel adds EPOLLHUP
 }
 
 TEST_F(UpdateTest, ConnectingWithWritableAndErrorDisconnectsWithoutTheConnectMessage) {
@@ -94,7 +95,10 @@ TEST_F(UpdateTest, HangUpWhileConnectedDisconnects) {
 }
 
 TEST_F(UpdateTest, WaitingForABigBufferReadsNothingAndSaysNothing) {
-    ASSERT_TRUE(qntest::WriteAll(m_client, "\0\0\0\x08" "abcd", 8));
+    ASSERT_TRUE(qntest::WriteAll(m_client,
+                                 "\0\0\0\x08"
+                                 "abcd",
+                                 8));
     Peer::m_is_wait_alloc_big_buffer(*m_conn) = true;
     m_conn->SetEvent(EPOLLIN);
     m_conn->Update();

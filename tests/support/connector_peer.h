@@ -7,9 +7,11 @@
 namespace QUOLNET {
 
 class CTcpConnectorTestPeer {
-public:
-#define QN_PEER_FIELD(name) \
-    static auto& name(CTcpConnector& c) { return c.name; }
+  public:
+#define QN_PEER_FIELD(name)               \
+    static auto& name(CTcpConnector& c) { \
+        return c.name;                    \
+    }
     QN_PEER_FIELD(m_parser)
     QN_PEER_FIELD(m_epoll)
     QN_PEER_FIELD(m_events)

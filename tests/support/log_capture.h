@@ -20,7 +20,7 @@ struct CapturedLog {
 };
 
 class LogCapture {
-public:
+  public:
     // A category named `name` keeping every priority up to `low_threshold`.
     explicit LogCapture(int low_threshold = QUOLNET::LOG_PRIORITY_TRACE, const char* name = "test");
     LogCapture(const LogCapture&) = delete;
@@ -42,7 +42,7 @@ public:
     // All records, one per line, for failure messages.
     std::string Dump() const;
 
-private:
+  private:
     static void Sink(const QUOLNET::LogEntry& e, void* arg);
 
     QUOLNET::LogCategory m_cat;

@@ -77,7 +77,9 @@ Listener::Listener(bool ipv6, int backlog) : m_ipv6(ipv6), m_fd(BindLoopback(ipv
     }
 }
 
-Listener::~Listener() { Close(); }
+Listener::~Listener() {
+    Close();
+}
 
 void Listener::Close() {
     if (m_fd >= 0) {
@@ -113,7 +115,8 @@ int UnusedPort(bool ipv6) {
 }
 
 int DialBlocking(const Listener& l) {
-    int fd = socket(l.url().find('[') != std::string::npos ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int fd =
+        socket(l.url().find('[') != std::string::npos ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int rc;
     if (l.url().find('[') != std::string::npos) {
         sockaddr_in6 a{};

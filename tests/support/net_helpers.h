@@ -11,7 +11,7 @@ int CountOpenFds();
 // A listening TCP socket on 127.0.0.1 (or ::1 when ipv6) with an ephemeral port. Closes on
 // destruction.
 class Listener {
-public:
+  public:
     explicit Listener(bool ipv6 = false, int backlog = 128);
     ~Listener();
     Listener(const Listener&) = delete;
@@ -27,7 +27,7 @@ public:
     // Stops listening now.
     void Close();
 
-private:
+  private:
     bool m_ipv6;
     int m_fd;
     int m_port;
