@@ -134,6 +134,7 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
         QN_LOG(m_log_cat, QN_ERROR, "epoll_ctl() failed, errno=%d", errno);
         return -1;
     }
+    SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
 
     m_is_accepted = true;
     m_status = CONNECTOR_STATUS_CONNECTED;
@@ -177,6 +178,13 @@ void CTcpConnector::GetIPAndPort(int& ip, int& port) {
     port = m_port;
 }
 
+// Dials the parsed address. m_mutex is held from the status check to the end of the dial;
+// m_rx_mutex and then m_tx_mutex are taken inside it one after the other (never together)
+// to return the previous connection's blocks. Every failure after the socket exists goes
+// through Close with m_mutex released (the mutex is not recursive). Failures -4..-8 happen
+// in status 0, so Close leaves that descriptor open in m_socket with m_close_socket set;
+// only a failed dial (-9) really closes it here. Each errno is read right after the call
+// that failed, before any log argument is evaluated.
 int CTcpConnector::Connect() {
     QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::Connect(), url=%s", GetURL());
 
@@ -184,7 +192,8 @@ int CTcpConnector::Connect() {
     {
         AutoLocker locker(&m_mutex);
         if (m_status != CONNECTOR_STATUS_DISCONNECTED) {
-            QN_LOG(m_log_cat, QN_ERROR, "connector is not disconnected, m_status=%d", static_cast<int>(m_status));
+            QN_LOG(m_log_cat, QN_ERROR, "connector is not disconnected, m_status=%d",
+                   static_cast<int>(m_status));
             return -1;
         }
         if (m_is_accepted) {
@@ -206,33 +215,45 @@ int CTcpConnector::Connect() {
 
         m_socket = m_bIPv6 ? sock_open(AF_INET6, SOCK_STREAM, 0) : sock_open_tcp();
         if (m_socket == -1) {
-            QN_LOG(m_log_cat, QN_ERROR, "create tcp socket failed! url=%s, errno=%d", GetURL(), errno);
+            int err = errno;
+            QN_LOG(m_log_cat, QN_ERROR, "create tcp socket failed! url=%s, errno=%d", GetURL(), err);
             return -3;
         }
 
         int one = 1;
         if (sock_set_nonblock(m_socket, 1) != 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- nonblock failed! url=%s, errno=%d", GetURL(), errno);
+            int err = errno;
+            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- nonblock failed! url=%s, errno=%d", GetURL(),
+                   err);
             fail_code = -4;
         } else if (setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, 4) != 0) {
-            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(), errno);
+            int err = errno;
+            QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(),
+                   err);
             fail_code = -5;
         } else if (sock_set_sendbuff(m_socket, CConnector::m_socket_send_buff_size) != 0) {
+            int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "sock_set_sendbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
-                   CConnector::m_socket_send_buff_size, errno);
+                   CConnector::m_socket_send_buff_size, err);
             fail_code = -6;
         } else if (sock_set_recvbuff(m_socket, CConnector::m_socket_recv_buff_size) != 0) {
+            int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "sock_set_recvbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
-                   CConnector::m_socket_recv_buff_size, errno);
+                   CConnector::m_socket_recv_buff_size, err);
             fail_code = -7;
         } else {
+            // Level-triggered, EPOLLOUT from the start: writability tells Update that a
+            // non-blocking dial has finished.
             struct epoll_event event;
             memset(&event, 0, sizeof(event));
             event.events = EPOLLIN | EPOLLOUT | EPOLLERR;
             event.data.ptr = this;
             if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_socket, &event) != 0) {
-                QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), errno);
+                int err = errno;
+                QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), err);
                 fail_code = -8;
+            } else {
+                SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
             }
         }
 
@@ -240,8 +261,8 @@ int CTcpConnector::Connect() {
             int ret = m_bIPv6 ? connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr6), 28)
                               : connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr), 16);
             if (ret == -1) {
-                m_status = CONNECTOR_STATUS_CONNECTING;
                 int err = errno;
+                m_status = CONNECTOR_STATUS_CONNECTING;
                 if (err != EAGAIN && err != EINPROGRESS) {
                     QN_LOG(m_log_cat, QN_ERROR, "do connect failed! url=%s, errno=%d", GetURL(), err);
                     fail_code = -9;
@@ -249,7 +270,7 @@ int CTcpConnector::Connect() {
             } else {
                 m_status = CONNECTOR_STATUS_CONNECTED;
                 if (ret != 0) {
-                    fail_code = ret;
+                    fail_code = ret;  // not a documented result of connect; handled as a failure
                 }
             }
         }
@@ -260,7 +281,8 @@ int CTcpConnector::Connect() {
         Close(nullptr);
         return fail_code;
     }
-    QN_LOG(m_log_cat, QN_INFO, "connect url(%s) successfully, m_status=%d", GetURL(), static_cast<int>(m_status));
+    QN_LOG(m_log_cat, QN_INFO, "connect url(%s) successfully, m_status=%d", GetURL(),
+           static_cast<int>(m_status));
     return 0;
 }
 
@@ -270,10 +292,12 @@ void CTcpConnector::Disconnect(LogCategory* log_cat) {
     Close(log_cat);
 }
 
+// The only place where a socket leaves epoll and is closed. m_mutex is held for the whole
+// body; the entry message is written before it is taken.
 void CTcpConnector::Close(LogCategory* log_cat) {
     LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
-    QN_LOG(cat, QN_INFO, "enter CTcpConnector::Close(), url=%s, local_url=%s, socket=%d", GetURL(), GetLocalURL(),
-           static_cast<int>(m_socket));
+    QN_LOG(cat, QN_INFO, "enter CTcpConnector::Close(), url=%s, local_url=%s, socket=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(m_socket));
 
     AutoLocker locker(&m_mutex);
     if (m_status == CONNECTOR_STATUS_DISCONNECTED) {
@@ -282,18 +306,21 @@ void CTcpConnector::Close(LogCategory* log_cat) {
     struct epoll_event event;
     memset(&event, 0, sizeof(event));
     if (epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_socket, &event) != 0) {
+        int err = errno;
         QN_LOG(cat, QN_ERROR, "delete socket from epoll failed!, url=%s, m_socket=%d, errno=%d", GetURL(),
-               static_cast<int>(m_socket), errno);
+               static_cast<int>(m_socket), err);
     }
     if (m_close_socket) {
         if (sock_close(m_socket) != 0) {
-            QN_LOG(cat, QN_ERROR, "sock_close() failed, url=%s, local_url=%s, m_socket=%d, errno=%d", GetURL(),
-                   GetLocalURL(), static_cast<int>(m_socket), errno);
+            int err = errno;
+            QN_LOG(cat, QN_ERROR, "sock_close() failed, url=%s, local_url=%s, m_socket=%d, errno=%d",
+                   GetURL(), GetLocalURL(), static_cast<int>(m_socket), err);
         }
     }
     m_status = CONNECTOR_STATUS_DISCONNECTED;
     m_socket = -1;
     m_events.store(0);
+    SetRegisteredEvents(0);
 }
 
 void CTcpConnector::Update() {

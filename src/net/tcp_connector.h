@@ -23,10 +23,15 @@
 // SendToQ may be called from any thread; Peek/Drop may run on another thread than Update.
 // Counters and statistics are read without locks and may be momentarily stale.
 //
-// Descriptor ownership: m_close_socket starts true, so Close (through Disconnect or Fini)
-// closes the descriptor, whether dialled or accepted, exactly once. An owner that keeps the
-// descriptor for itself (for example to hand it to another connector) clears the flag with
-// SetCloseSocket(false) first and then closes the descriptor itself.
+// Descriptor ownership: m_close_socket starts true and Reset (hence every Connect) sets it
+// true again, so Close (through Disconnect, Update or Fini) closes the descriptor, whether
+// dialled or accepted, exactly once. An owner that keeps the descriptor for itself (for
+// example to hand it to another connector) clears the flag with SetCloseSocket(false) after
+// Connect/Init and before the close, reads GetSocket() first and then closes it itself.
+// One deliberate exception: when Connect fails with -4..-8 (socket options or epoll
+// registration) the new descriptor stays open in GetSocket() with status 0, where Close does
+// nothing; a later Connect or Fini forgets it. An owner that sees those codes closes
+// GetSocket() itself.
 #pragma once
 
 #include <netinet/in.h>
@@ -104,7 +109,12 @@ public:
     unsigned int GetEvent() override;
     bool IsWaitAllocBigBuffer() { return m_is_wait_alloc_big_buffer; }
     void GetIPAndPort(int& ip, int& port) override;
-    // Dials the parsed URL without blocking. Returns 0 (status 1 or 2), or -1..-9.
+    // Dials the parsed URL without blocking, registering the socket with epoll first
+    // (EPOLLIN|EPOLLOUT|EPOLLERR, level-triggered, data.ptr = this). Returns 0 with status 1
+    // (dial in progress) or 2 (connected); -1 not disconnected; -2 accepted connection;
+    // -3 no socket; -4 non-blocking mode, -5 TCP_NODELAY, -6/-7 kernel buffer sizes, -8 epoll
+    // registration failed (descriptor left open, see above); -9 the dial failed (closed).
+    // Owner's thread.
     int Connect() override;
     // Logs and closes (see Close).
     void Disconnect(LogCategory* log_cat) override;
@@ -139,15 +149,37 @@ public:
     int Drop() override;
 
     // ---- send path ----
+    //
+    // Guarantee: the bytes of one packet are contiguous on the wire; a packet accepted by
+    // Send or SendToQ is never interleaved with another, whatever threads send at once.
+    // Packets sent by different threads at the same time have no defined order among
+    // themselves; packets sent by one thread leave in the order of its calls.
+    //
+    // Write readiness follows the queue: PushSendQ registers EPOLLIN|EPOLLOUT|EPOLLERR when
+    // the queue goes from empty to non-empty, Sending registers EPOLLIN|EPOLLERR when it
+    // drains it; a registration equal to the last one made is skipped.
 
-    // Writes (or queues) one whole packet. Any thread. Returns len, 0 when refused for lack
-    // of room, or a negative code (the connection should be disconnected).
+    // Writes one whole packet, straight from `buf` when the socket is known writable
+    // (EPOLLOUT in m_events) and nothing is queued; what the socket does not take is
+    // copied into pool blocks reserved before the write and queued ahead of anything else.
+    // Otherwise the packet is queued (SendToQ). Any thread; no mutex is held across send.
+    // Returns len, 0 when refused for lack of room (retry later), -1 for a wrong status or
+    // bad arguments, or a negative code from the socket (the owner should disconnect; the
+    // blocks reserved for that packet stay out of the pool until the pool is destroyed).
+    // `log_cat` null selects the connector's category.
     int Send(const char* buf, unsigned int len, LogCategory* log_cat) override;
-    // Flushes the send queue; called by Update on writability. Bytes written, or negative.
+    // Flushes the send queue; the owner's thread calls it (through Update) on writability.
+    // Returns the bytes written, 0 when another thread holds the sending role, or negative
+    // when the connection is broken.
     int Send();
+    // Whether a packet of `len` bytes may be expected to be accepted now: connected, room
+    // under m_max_tx_buf_num (whole blocks, unlocked count) and pool blocks to spare.
     bool IsSendBufEnough(unsigned int len) override;
-    // Queues one whole packet or none. Any thread. len, 0 when refused, -1 bad arguments.
+    // Copies one whole packet into the send queue, or none of it. Any thread. Returns len,
+    // 0 when refused (queue limit or pool), -1 for a null `buf` or a zero `len`.
     int SendToQ(const char* buf, unsigned int len, LogCategory* log_cat) override;
+    // Milliseconds since the pool first refused SendToQ blocks in the current starvation
+    // episode; 0 when the send side is not starved (answered without locking).
     int GetConstantSendBufFullMS() override;
     int GetMaxSendQCount() { return static_cast<int>(m_max_tx_buf_num); }
     int GetMaxRecvQCount() { return static_cast<int>(m_max_rx_buf_num); }
@@ -180,10 +212,25 @@ private:
     void ReleaseCallBackPacket();
 
     // send path
+    // Whether `len` more bytes in fresh blocks would take the queue over m_max_tx_buf_num.
     bool IsExceedMaxTxBufCnt(int len);
-    void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat);
+    // Copies `len` bytes into the blocks of `list` (reserved from the pool by the caller;
+    // leftovers stay in `list` for the caller to release) and queues them: behind the queue
+    // after topping up its tail, or, with `ahead`, before everything queued (the remainder
+    // of a direct write, whose start is already on the wire). Caller-supplied blocks only;
+    // never allocates.
+    void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false);
+    // Writes queued blocks until the queue is empty or the socket would block. Caller holds
+    // the sending role. Bytes written, or negative.
     int Sending(LogCategory* log_cat);
+    // One send(2). Bytes taken, 0 on would-block (EPOLLOUT cleared in m_events), -1 otherwise.
     int WriteSocket(const char* buf, int len, LogCategory* log_cat);
+    // Sets the socket's epoll registration to `events` unless it already has that mask.
+    // Caller holds m_tx_mutex. 0, or -1 with errno set by epoll_ctl.
+    int SetRegisteredEventsLocked(unsigned int events);
+    // Records `events` as the socket's registration after Init/Connect registered it (or 0
+    // after Close removed it). Takes m_tx_mutex; callers may hold m_mutex.
+    void SetRegisteredEvents(unsigned int events);
 
     IPackParser* m_parser;
     int m_epoll;
@@ -241,6 +288,13 @@ private:
     char m_to_string[512];
 
     std::atomic<bool> m_is_sending;  // the sending role; taken under m_tx_mutex
+    // The mask last registered with epoll for m_socket (0: none known). Guarded by
+    // m_tx_mutex; Init and Connect set it on registration, Close resets it.
+    unsigned int m_registered_events = 0;
+    // A PushSendQ holds the queue's old tail outside the queue while it tops it up. Guarded
+    // by m_tx_mutex. A direct write must not start while it is set: the detached tail may
+    // hold the rest of a packet whose start is already on the wire.
+    bool m_tx_tail_detached = false;
 };
 
 }  // namespace QUOLNET

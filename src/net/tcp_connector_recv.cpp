@@ -1,27 +1,635 @@
-// CTcpConnector: the receive path (placeholder until the receive path lands).
+// CTcpConnector: the receive path.
+//
+// Reading: Recv drains the socket into pooled receive blocks (m_rx_queue, newest block =
+// m_rx_buffer at its tail) and runs a small state machine (m_rx_status) that remembers what
+// the next read is for: a header, the body of a packet that fits in one block, the chain of
+// blocks of a packet longer than one block, or parsing that could not finish.
+//
+// Framing: ParseNetBuffer asks the IPackParser for each packet's length, tracks the packet
+// being assembled in m_rx_packet and, once it is complete, hands it to the receive callback
+// or files it in the ring m_packet_info. A packet of at most 65536 bytes always lies whole in
+// one block (one that would run past the end of its block is moved to a fresh block first),
+// so Peek hands it out in place; a longer packet spans a chain of blocks and is joined, once,
+// into a combine buffer.
+//
+// Releasing: Drop frees blocks lazily from the front of m_rx_queue, stopping at the first
+// block still used by a queued packet, by the packet being assembled or by the read position.
+//
+// Threads: Recv and everything it calls run on the update thread. Peek and Drop may run on
+// one consumer thread. They meet under m_rx_mutex, which guards m_rx_queue, the ring indices
+// and the rebinding of m_rx_packet.buffer and m_rx_buffer. The mutex is never held across a
+// socket read, a payload copy of a whole packet or the receive callback. Bytes that the
+// update thread writes into a block always lie past every byte of a filed packet, and the
+// ring push (under the mutex) publishes a packet's bytes to the consumer.
+//
+// Choices made here:
+// - The hex dump of the first received packet shows at most 128 bytes and never more than
+//   the packet's first block holds, so it never reads past the block.
+// - A big packet for the callback is joined into the callback's combine buffer only when it
+//   fits (its length is at most the buffer's length); otherwise joining counts as failed and
+//   the packet is filed in the ring for Peek, with the usual "CombinePacket() failed" error.
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
 #include "net/tcp_connector.h"
 #include "net/tcp_connector_log.h"
 
 namespace QUOLNET {
 
-int CTcpConnector::Recv() {
-    QN_LOG(m_log_cat, QN_ERROR, "CTcpConnector::Recv() is not available in this build, url=%s", GetURL());
-    return -1;
+namespace {
+
+// Microseconds from `from` to `to`, in 32-bit two's-complement arithmetic: the difference
+// wraps for waits longer than about 35 minutes, exactly as a plain 32-bit int computation
+// would, but without signed overflow (the arithmetic runs unsigned, then is converted).
+int WaitMicros(const struct timeval& from, const struct timeval& to) {
+    uint32_t sec = static_cast<uint32_t>(static_cast<int64_t>(to.tv_sec) - static_cast<int64_t>(from.tv_sec));
+    uint32_t wait = sec * 1000000u - static_cast<uint32_t>(from.tv_usec) + static_cast<uint32_t>(to.tv_usec);
+    return static_cast<int>(static_cast<int32_t>(wait));
 }
 
-int CTcpConnector::Peek(const char** buf, unsigned int& len, LogCategory* log_cat) {
-    if (buf != nullptr) {
-        *buf = nullptr;
+NetBuffer* NextBlock(NetBuffer* buffer) {
+    LIST_NODE* next = buffer->m_node.pNext;
+    return next == nullptr ? nullptr : static_cast<NetBuffer*>(next->pData);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------
+// Receive blocks and socket reads
+// ---------------------------------------------------------------------------------------
+
+void CTcpConnector::AddRecvQueue(CBidirList& list) {
+    AutoLocker locker(&m_rx_mutex);
+    m_rx_queue.Merge(list, false);
+}
+
+NetBuffer* CTcpConnector::AllocateRecvBufferNoLock() {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::AllocateRecvBufferNoLock(), url=%s, local_url=%s",
+           GetURL(), GetLocalURL());
+    if (m_rx_queue.Count() >= m_max_rx_buf_num) {
+        if (!m_is_last_rx_full) {
+            m_is_last_rx_full = true;
+            ++m_rx_buf_full_cnt;
+            QN_LOG(m_log_cat, QN_WARN,
+                   "allocate recv buffer failed, url=%s, local_url=%s, m_rx_queue.cnt(%d) >= "
+                   "m_max_rx_buf_num(%d)",
+                   GetURL(), GetLocalURL(), static_cast<int>(m_rx_queue.Count()),
+                   static_cast<int>(m_max_rx_buf_num));
+        }
+        return nullptr;
     }
+    NetBuffer* buffer = m_net_buf_mgr->Allocate(true, false);
+    if (buffer == nullptr) {
+        if (!m_is_last_rx_full) {
+            m_is_last_rx_full = true;
+            ++m_rx_buf_full_cnt;
+            QN_LOG(m_log_cat, QN_WARN, "allocate recv buffer failed, url=%s, local_url=%s", GetURL(),
+                   GetLocalURL());
+        }
+        return nullptr;
+    }
+    m_is_last_rx_full = false;
+    gettimeofday(&buffer->m_tv, nullptr);
+    m_rx_queue.Insert(&buffer->m_node);
+    return buffer;
+}
+
+int CTcpConnector::RecvToBuffer(NetBuffer* buffer) {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::RecvToBuffer(), url=%s, local_url=%s, write_pos=%d",
+           GetURL(), GetLocalURL(), buffer->m_write_pos);
+    if (buffer->m_write_pos > 65535) {
+        return 0;
+    }
+    int cnt = ReadSocket(buffer->m_buf + buffer->m_write_pos, buffer->WriteRemaining());
+    if (cnt >= 1) {
+        buffer->AddWritePosition(cnt);
+    }
+    return cnt;
+}
+
+int CTcpConnector::ReadSocket(void* buf, int len) {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::ReadSocket(), url=%s, local_url=%s, len=%d", GetURL(),
+           GetLocalURL(), len);
+    ssize_t cnt = recv(m_socket, buf, static_cast<size_t>(len), 0);
+    if (cnt < 0) {
+        int err = errno;
+        if (err == EAGAIN) {
+            m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN));
+            return 0;
+        }
+        QN_LOG(m_log_cat, QN_ERROR, "recv data from socket failed! url=%s, local_url=%s, errno=%d", GetURL(),
+               GetLocalURL(), err);
+        return -1;
+    }
+    if (cnt == 0) {
+        QN_LOG(m_log_cat, QN_INFO, "socket is closed by peer! url=%s, local_url=%s", GetURL(), GetLocalURL());
+        return -10000;
+    }
+    return static_cast<int>(cnt);
+}
+
+// ---------------------------------------------------------------------------------------
+// Receive state machine
+// ---------------------------------------------------------------------------------------
+
+int CTcpConnector::Recv() {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::Recv(), url=%s, local_url=%s, m_rx_status=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(m_rx_status));
+    int total_recv_cnt = 0;
+    for (;;) {
+        if (m_rx_status == ALLOC_MULTI_BUFFER_BODY_STATUS) {
+            int block_size = m_net_buf_mgr->GetBlockSize();
+            int need_len = m_rx_packet.len - (block_size - m_rx_packet.start_pos);
+            CBidirList buffer_list;
+            if (!m_net_buf_mgr->Allocate(need_len, buffer_list, true)) {
+                if (!m_is_last_rx_full) {
+                    m_is_last_rx_full = true;
+                    ++m_rx_buf_full_cnt;
+                    QN_LOG(m_log_cat, QN_WARN,
+                           "allocate recv buffer failed, url=%s, local_url=%s, need_len=%d", GetURL(),
+                           GetLocalURL(), need_len);
+                }
+                return total_recv_cnt;
+            }
+            m_is_last_rx_full = false;
+            int last_len = need_len % block_size;
+            if (last_len != 0) {
+                static_cast<NetBuffer*>(buffer_list.Tail()->pData)->SetLimit(last_len);
+            }
+            m_is_wait_alloc_big_buffer = false;
+            AddRecvQueue(buffer_list);
+            m_rx_status = RECV_MULTI_BUFFER_BODY_STATUS;
+            continue;
+        }
+
+        if (m_rx_status != WAIT_PARSE_PACKET_STATUS) {
+            int recv_cnt = 0;
+            if (m_rx_status == RECV_PACKET_HEAD_STATUS) {
+                recv_cnt = RecvPacketHead();
+            } else if (m_rx_status == RECV_SINGLE_BUFFER_BODY_STATUS) {
+                recv_cnt = RecvSingleBufferBody();
+            } else {
+                recv_cnt = RecvMultiBufferBody();
+            }
+            if (recv_cnt == 0) {
+                return total_recv_cnt;
+            }
+            if (recv_cnt == -10000) {
+                return -10000;
+            }
+            if (recv_cnt < 0) {
+                QN_LOG(m_log_cat, QN_ERROR, "recv data failed! url=%s, local_url=%s, recv_cnt=%d", GetURL(),
+                       GetLocalURL(), recv_cnt);
+                return recv_cnt;
+            }
+            total_recv_cnt += recv_cnt;
+            m_rx_status = WAIT_PARSE_PACKET_STATUS;
+        }
+
+        int ret = ParseNetBuffer();
+        if (ret < 0) {
+            QN_LOG(m_log_cat, QN_ERROR, "ParseNetBuffer() failed, url=%s, local_url=%s, ret=%d", GetURL(),
+                   GetLocalURL(), ret);
+            return ret;
+        }
+        if (m_rx_status == WAIT_PARSE_PACKET_STATUS) {
+            return total_recv_cnt;
+        }
+    }
+}
+
+int CTcpConnector::RecvPacketHead() {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::RecvPacketHead(), url=%s, local_url=%s", GetURL(),
+           GetLocalURL());
+    {
+        AutoLocker locker(&m_rx_mutex);
+        if (m_rx_buffer == nullptr) {
+            NetBuffer* buffer = AllocateRecvBufferNoLock();
+            if (buffer == nullptr) {
+                return 0;
+            }
+            m_rx_buffer = buffer;
+            m_rx_packet.buffer = buffer;
+            m_rx_packet.start_pos = 0;
+        } else if (m_rx_buffer->WriteRemaining() == 0) {
+            NetBuffer* buffer = AllocateRecvBufferNoLock();
+            if (buffer == nullptr) {
+                return 0;
+            }
+            if (m_rx_buffer->HasReadRemaining()) {
+                // The start of a header sits at the very end of the full block: carry it over.
+                buffer->Put(m_rx_buffer->ReadBuf(), m_rx_buffer->ReadRemaining());
+                m_rx_buffer->m_write_pos = m_rx_buffer->m_read_pos;
+            }
+            m_rx_buffer = buffer;
+            m_rx_packet.buffer = buffer;
+            m_rx_packet.start_pos = buffer->m_read_pos;
+        }
+    }
+    return RecvToBuffer(m_rx_buffer);
+}
+
+int CTcpConnector::RecvSingleBufferBody() {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::RecvSingleBufferBody(), url=%s, local_url=%s", GetURL(),
+           GetLocalURL());
+    return RecvToBuffer(m_rx_buffer);
+}
+
+int CTcpConnector::RecvMultiBufferBody() {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::RecvMultiBufferBody(), url=%s, local_url=%s", GetURL(),
+           GetLocalURL());
+    if (m_rx_buffer->WriteRemaining() == 0) {
+        NetBuffer* next = NextBlock(m_rx_buffer);
+        if (next == nullptr) {
+            QN_LOG(m_log_cat, QN_ERROR,
+                   "unexpected exception, url=%s, local_url=%s, big_packet_len=%d, recv_queue_cnt=%d",
+                   GetURL(), GetLocalURL(), m_rx_packet.len, static_cast<int>(m_rx_queue.Count()));
+            return -1;
+        }
+        // Drop, on a consumer thread, reads m_rx_buffer under the mutex to know where to stop.
+        AutoLocker locker(&m_rx_mutex);
+        m_rx_buffer = next;
+    }
+    return RecvToBuffer(m_rx_buffer);
+}
+
+// ---------------------------------------------------------------------------------------
+// Framing
+// ---------------------------------------------------------------------------------------
+
+int CTcpConnector::ParseNetBuffer() {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::ParseNetBuffer(), url=%s, local_url=%s", GetURL(),
+           GetLocalURL());
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    time_t now = tv.tv_sec;
+
+    for (;;) {
+        // 1. Room in the ring.
+        int packet_cnt = GetPacketInfoCnt();
+        if (packet_cnt == kPacketInfoSize) {
+            return 0;
+        }
+
+        // 2. One sample of the ring's fill per second: a one-minute sliding average, not
+        //    clamped (a gap of more than a minute gives the old value a negative weight).
+        if (m_last_sample_time != now) {
+            int sec_cnt = static_cast<int>(now - m_last_sample_time);
+            if (m_packet_info_max_cnt < packet_cnt) {
+                m_packet_info_max_cnt = packet_cnt;
+            }
+            m_last_sample_time = static_cast<int>(now);
+            // Products are formed in 64 bits so that a long gap cannot overflow an int.
+            float old_weight = static_cast<float>(60 - static_cast<int64_t>(sec_cnt));
+            float new_part = static_cast<float>(static_cast<int64_t>(packet_cnt) * sec_cnt);
+            m_packet_info_avg_cnt = (old_weight * m_packet_info_avg_cnt + new_part) / 60.0f;
+        }
+
+        // 3. Nothing to parse.
+        if (m_rx_buffer == nullptr) {
+            m_rx_status = RECV_PACKET_HEAD_STATUS;
+            return 0;
+        }
+
+        // 4. The packet's length.
+        int read_remaining = m_rx_buffer->ReadRemaining();
+        bool parse_succ = false;
+        if (m_rx_packet.len == 0) {
+            if (read_remaining < 1) {
+                m_rx_status = RECV_PACKET_HEAD_STATUS;
+                return 0;
+            }
+            int len =
+                m_parser->ParsePackLength(m_rx_buffer->ReadBuf(), static_cast<unsigned int>(read_remaining));
+            if (len < 0) {
+                QN_LOG(m_log_cat, QN_ERROR,
+                       "parse packet length failed! url=%s, local_url=%s, parse_len=%d, read_remaining=%d",
+                       GetURL(), GetLocalURL(), len, read_remaining);
+                return -1;
+            }
+            if (len == 0) {
+                m_rx_status = RECV_PACKET_HEAD_STATUS;
+                return 0;
+            }
+            if (len > m_combine_buf_len) {
+                QN_LOG(m_log_cat, QN_ERROR, "packet_len(%d) > m_combine_buf_len(%d), url=%s, local_url=%s",
+                       len, m_combine_buf_len, GetURL(), GetLocalURL());
+                return -2;
+            }
+            m_rx_packet.len = len;
+            parse_succ = true;
+        }
+        int len = m_rx_packet.len;
+
+        // 5. A small packet that would run past the end of its block is moved (step 10).
+        if (len <= 65536 && 65536 - m_rx_packet.start_pos < len) {
+            AutoLocker locker(&m_rx_mutex);
+            NetBuffer* buffer = AllocateRecvBufferNoLock();
+            if (buffer == nullptr) {
+                return 0;
+            }
+            buffer->Put(m_rx_buffer->ReadBuf(), m_rx_buffer->ReadRemaining());
+            m_rx_buffer->m_write_pos = m_rx_buffer->m_read_pos;
+            m_rx_packet.start_pos = 0;
+            m_rx_packet.buffer = buffer;
+            m_rx_packet.recv_len = buffer->ReadRemaining();
+            buffer->AddReadPosition(m_rx_packet.recv_len);
+            m_rx_buffer = buffer;
+            m_rx_status = RECV_SINGLE_BUFFER_BODY_STATUS;
+            return 0;
+        }
+
+        // 6. Not all of the packet is here yet.
+        int tmp_len = len - m_rx_packet.recv_len;
+        if (tmp_len > read_remaining) {
+            m_rx_packet.recv_len += read_remaining;
+            m_rx_buffer->AddReadPosition(read_remaining);
+            if (len <= 65536) {
+                m_rx_status = RECV_SINGLE_BUFFER_BODY_STATUS;
+            } else if (parse_succ) {
+                m_wait_alloc_starttime = now;
+                m_rx_status = ALLOC_MULTI_BUFFER_BODY_STATUS;
+                if (len >= m_net_buf_mgr->GetMinBigPacketLen()) {
+                    m_is_wait_alloc_big_buffer = true;
+                }
+            } else {
+                m_rx_status = RECV_MULTI_BUFFER_BODY_STATUS;
+            }
+            return 0;
+        }
+
+        // 7. The packet is complete.
+        m_rx_buffer->AddReadPosition(tmp_len);
+        m_rx_packet.recv_len = len;
+        if (len < 1) {
+            continue;
+        }
+
+        // 8. Logging and counting.
+        QN_LOG(m_log_cat, QN_DEBUG, "recv a complete packet, url=%s, local_url=%s, m_rx_packet.len=%d",
+               GetURL(), GetLocalURL(), len);
+        if (m_rx_packet_cnt == 0) {
+            QN_LOG(m_log_cat, QN_INFO, "dump first recv pkg, len=%d, connector=%s", len, ToString());
+            int in_block = 65536 - m_rx_packet.start_pos;
+            QN_LOG_HEX(m_log_cat, m_rx_packet.buffer->m_buf + m_rx_packet.start_pos,
+                       len < in_block ? len : in_block);
+        }
+        ++m_rx_packet_cnt;
+
+        // 9. Delivery: to the callback, which may take the packet, else into the ring.
+        bool file_it = true;
+        if (m_recv_callback != nullptr) {
+            const char* data = m_rx_packet.buffer->m_buf + m_rx_packet.start_pos;
+            int ret = 0;
+            if (len > 65536) {
+                ret = (m_cb_combine_buf != nullptr && len <= m_cb_combine_buf_len)
+                          ? CombinePacket(&m_rx_packet, m_cb_combine_buf, nullptr)
+                          : -1;
+                data = m_cb_combine_buf;
+            }
+            if (ret != 0) {
+                QN_LOG(m_log_cat, QN_ERROR,
+                       "CombinePacket() failed, url=%s, local_url=%s, m_rx_packet.len=%d, ret=%d", GetURL(),
+                       GetLocalURL(), len, ret);
+            } else {
+                int cb_ret = m_recv_callback(GetURL(), data, len, m_callback_arg);
+                if (cb_ret != 0) {
+                    file_it = false;
+                }
+            }
+        }
+
+        AutoLocker locker(&m_rx_mutex);
+        if (!file_it) {
+            ReleaseCallBackPacket();
+        } else if (m_packet_tail_idx == -1) {
+            m_packet_head_idx = 0;
+            m_packet_tail_idx = 0;
+            m_packet_info[0] = m_rx_packet;
+        } else {
+            int next = m_packet_tail_idx + 1;
+            if (next == kPacketInfoSize) {
+                next = 0;
+            }
+            // The tail moves first; on overflow it is left advanced (the room test of step 1
+            // keeps this branch unreachable).
+            m_packet_tail_idx = next;
+            if (next == m_packet_head_idx) {
+                QN_LOG(m_log_cat, QN_ERROR,
+                       "unexpected exception, m_packet_info full, url=%s, local_url=%s, head(%d)", GetURL(),
+                       GetLocalURL(), m_packet_head_idx);
+                return -1;
+            }
+            m_packet_info[next] = m_rx_packet;
+        }
+
+        // Next packet starts where reading stands.
+        memset(&m_rx_packet, 0, sizeof(m_rx_packet));
+        if (m_rx_buffer != nullptr) {
+            m_rx_packet.buffer = m_rx_buffer;
+            m_rx_packet.start_pos = m_rx_buffer->m_read_pos;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------
+// Delivery
+// ---------------------------------------------------------------------------------------
+
+int CTcpConnector::Peek(const char** buf, unsigned int& len, LogCategory* log_cat) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(cat, QN_TRACE, "enter CTcpConnector::Peek(), url=%s, local_url=%s, buf=%p", GetURL(),
+           GetLocalURL(), static_cast<void*>(buf));
+    *buf = nullptr;
     len = 0;
-    QN_LOG(log_cat ? log_cat : m_log_cat, QN_ERROR, "CTcpConnector::Peek() is not available in this build, url=%s",
-           GetURL());
-    return -1;
+    int head = -1;
+    {
+        AutoLocker locker(&m_rx_mutex);
+        head = m_packet_head_idx;
+    }
+    if (head == -1) {
+        return 0;
+    }
+    // Only Drop, on this same thread, moves the head, so the slot stays put without the lock.
+    PacketInfo* slot = &m_packet_info[head];
+    if (slot->len > 65536) {
+        int ret = CombinePacket(slot, m_combine_buf, cat);
+        if (ret != 0) {
+            QN_LOG(cat, QN_DEBUG, "CombinePacket() failed, url=%s, local_url=%s, combine_len=%d, ret=%d",
+                   GetURL(), GetLocalURL(), slot->len, ret);
+            return ret;
+        }
+        *buf = m_combine_buf;
+        len = static_cast<unsigned int>(slot->len);
+        QN_LOG(cat, QN_DEBUG, "get a multi packet, url=%s, local_url=%s, combine_len=%d", GetURL(),
+               GetLocalURL(), static_cast<int>(len));
+        return 0;
+    }
+    // Logged before the output is filled: the length shown for a single packet is always 0.
+    QN_LOG(cat, QN_DEBUG, "get a single packet, url=%s, local_url=%s, packet_len=%d", GetURL(), GetLocalURL(),
+           static_cast<int>(len));
+    *buf = slot->buffer->m_buf + slot->start_pos;
+    len = static_cast<unsigned int>(slot->len);
+    return 0;
 }
 
 int CTcpConnector::Drop() {
-    QN_LOG(m_log_cat, QN_ERROR, "CTcpConnector::Drop() is not available in this build, url=%s", GetURL());
-    return -1;
+    AutoLocker locker(&m_rx_mutex);
+    if (m_packet_head_idx == -1) {
+        return -1;
+    }
+    memset(&m_packet_info[m_packet_head_idx], 0, sizeof(PacketInfo));
+    if (m_packet_head_idx == m_packet_tail_idx) {
+        m_packet_head_idx = -1;
+        m_packet_tail_idx = -1;
+    } else {
+        ++m_packet_head_idx;
+        if (m_packet_head_idx == kPacketInfoSize) {
+            m_packet_head_idx = 0;
+        }
+    }
+
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    NetBuffer* head_block = m_packet_head_idx != -1 ? m_packet_info[m_packet_head_idx].buffer : nullptr;
+    for (;;) {
+        LIST_NODE* front = m_rx_queue.Head();
+        if (front == nullptr) {
+            break;
+        }
+        NetBuffer* block = static_cast<NetBuffer*>(front->pData);
+        if ((m_packet_head_idx != -1 && block == head_block) || block == m_rx_buffer ||
+            block == m_rx_packet.buffer) {
+            break;
+        }
+        int wait = WaitMicros(block->m_tv, now);
+        if (wait < 0) {
+            wait = 0;
+        }
+        if (m_rx_max_wait_time < wait) {
+            m_rx_max_wait_time = wait;
+        }
+        // The previous average in this formula is the send side's: the receive average
+        // follows the send average with a weight of 1/10000 per freed block.
+        m_rx_avg_wait_time = static_cast<float>((wait + 9999.0 * m_tx_avg_wait_time) / 10000.0);
+        m_rx_queue.RemoveHead();
+        m_net_buf_mgr->Release(&block);
+    }
+    return 0;
+}
+
+int CTcpConnector::CombinePacket(PacketInfo* info, char* out, LogCategory* log_cat) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::CombinePacket(), url=%s, local_url=%s, len=%d", GetURL(),
+           GetLocalURL(), info->len);
+    NetBuffer* buffer = info->buffer;
+    int first = 65536 - info->start_pos;
+    memcpy(out, buffer->m_buf + info->start_pos, static_cast<size_t>(first));
+    int copied = first;
+    int remaining = info->len - first;
+    if (remaining < 1) {
+        return 0;
+    }
+    for (;;) {
+        NetBuffer* next = NextBlock(buffer);
+        if (next == nullptr) {
+            QN_LOG(cat, QN_ERROR,
+                   "unexpected exception, next node is null, url=%s, local_url=%s, buffer(%p), packet_len=%d",
+                   GetURL(), GetLocalURL(), static_cast<void*>(buffer), info->len);
+            return -1;
+        }
+        if (remaining < 65536) {
+            memcpy(out + copied, next->m_buf, static_cast<size_t>(remaining));
+            return 0;
+        }
+        memcpy(out + copied, next->m_buf, 65536);
+        copied += 65536;
+        remaining -= 65536;
+        if (remaining == 0) {
+            return 0;
+        }
+        buffer = next;
+    }
+}
+
+void CTcpConnector::ReleaseCallBackPacket() {
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::ReleaseCallBackPacket(), url=%s, local_url=%s",
+           GetURL(), GetLocalURL());
+    NetBuffer* block = nullptr;
+    if (m_packet_head_idx != -1) {
+        // Blocks before the packet hold queued packets and stay.
+        if (m_rx_packet.start_pos != 0) {
+            if (m_rx_packet.len <= 65536) {
+                return;  // its only block is shared with queued packets
+            }
+            NetBuffer* first = m_rx_packet.buffer;
+            first->m_write_pos = m_rx_packet.start_pos;
+            first->m_read_pos = m_rx_packet.start_pos;
+            m_rx_packet.len -= 65536 - m_rx_packet.start_pos;
+            m_rx_packet.start_pos = 0;
+            m_rx_packet.buffer = NextBlock(first);
+            block = m_rx_packet.buffer;
+        } else {
+            if (m_rx_packet.buffer == nullptr) {
+                return;
+            }
+            block = m_rx_packet.buffer;
+        }
+    } else {
+        // Nothing queued: every block before the packet's first block is spent.
+        for (;;) {
+            LIST_NODE* front = m_rx_queue.Head();
+            if (front == nullptr) {
+                QN_LOG(m_log_cat, QN_ERROR, "unexpected error, del_first_node=NULL, url=%s, local_url=%s",
+                       GetURL(), GetLocalURL());
+                return;
+            }
+            if (front->pData == m_rx_packet.buffer) {
+                break;
+            }
+            m_rx_queue.RemoveHead();
+            NetBuffer* spent = static_cast<NetBuffer*>(front->pData);
+            m_net_buf_mgr->Release(&spent);
+        }
+        m_rx_packet.len += m_rx_packet.start_pos;
+        m_rx_packet.start_pos = 0;
+        block = m_rx_packet.buffer;
+        if (block == nullptr) {
+            return;
+        }
+    }
+
+    // Whole blocks of the packet go back to the pool.
+    bool looped = false;
+    while (m_rx_packet.len > 65535) {
+        looped = true;
+        NetBuffer* next = NextBlock(block);
+        m_rx_packet.len -= 65536;
+        m_rx_queue.Remove(&block->m_node);
+        m_net_buf_mgr->Release(&block);
+        block = next;
+        if (block == nullptr) {
+            break;
+        }
+    }
+    if (looped && block == nullptr) {
+        m_rx_buffer = nullptr;
+        return;
+    }
+
+    // The block in which the packet ends: free it unless it already holds the next packet.
+    if (m_rx_buffer->HasReadRemaining()) {
+        return;
+    }
+    m_rx_queue.Remove(&block->m_node);
+    m_net_buf_mgr->Release(&m_rx_buffer);
+    LIST_NODE* tail = m_rx_queue.Tail();
+    m_rx_buffer = tail == nullptr ? nullptr : static_cast<NetBuffer*>(tail->pData);
 }
 
 }  // namespace QUOLNET

@@ -1,28 +1,441 @@
-// CTcpConnector: the send path (placeholder until the send path lands).
+// CTcpConnector: the send path.
+//
+// Producers (any thread) call Send(buf, ...) or SendToQ; the owner's thread calls Send() when
+// epoll reports the socket writable. Bytes that cannot be written at once wait in m_tx_queue,
+// a chain of pool blocks, oldest first.
+//
+// The sending role (m_is_sending) is a try-lock taken under m_tx_mutex: its holder is the only
+// thread that calls send(2), either for a direct write of a caller's packet or for a flush of
+// the queue. Nobody waits for the role; a producer that cannot take it queues its packet.
+//
+// Guarantee: a packet is never interleaved with another on the wire. Three rules keep it so
+// when several threads send at once:
+//   - a direct write starts only when nothing is queued and no PushSendQ holds the queue's
+//     detached tail (m_tx_tail_detached), both tested under m_tx_mutex: otherwise the write
+//     could land inside a packet whose start has already been sent;
+//   - the unsent rest of a direct write is queued ahead of everything queued while the write
+//     was in progress (those packets are whole and not one byte of them has been sent);
+//   - the role is given back only after that rest is queued, so no flush can send later
+//     packets before it.
+// Apart from these, the decisions, results and messages follow the step order of each
+// function below.
+//
+// Locks: m_push_send_queue_mutex before m_tx_mutex. m_tx_mutex is held only for list surgery,
+// the role, the epoll registration and the starved-since time, never across send(2) or a
+// payload copy.
+#include <errno.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <cstdint>
+
 #include "net/tcp_connector.h"
 #include "net/tcp_connector_log.h"
 
 namespace QUOLNET {
 
-int CTcpConnector::Send(const char* /*buf*/, unsigned int /*len*/, LogCategory* log_cat) {
-    QN_LOG(log_cat ? log_cat : m_log_cat, QN_ERROR, "CTcpConnector::Send() is not available in this build, url=%s",
-           GetURL());
-    return -1;
+namespace {
+
+const unsigned int kArmedEvents = EPOLLIN | EPOLLOUT | EPOLLERR;  // 13: report writability
+const unsigned int kDisarmedEvents = EPOLLIN | EPOLLERR;          // 9: queue drained
+
+// m_send_buf_full_tv is written under m_tx_mutex but its seconds field is also read without
+// the lock (GetConstantSendBufFullMS, the base's measure); relaxed atomic accesses keep those
+// reads well-defined.
+long LoadTvSec(const struct timeval& tv) {
+    return __atomic_load_n(&tv.tv_sec, __ATOMIC_RELAXED);
+}
+
+void StoreTv(struct timeval& tv, long sec, long usec) {
+    __atomic_store_n(&tv.tv_sec, sec, __ATOMIC_RELAXED);
+    __atomic_store_n(&tv.tv_usec, usec, __ATOMIC_RELAXED);
+}
+
+}  // namespace
+
+bool CTcpConnector::IsExceedMaxTxBufCnt(int len) {
+    int block_size = m_net_buf_mgr->GetBlockSize();
+    // (len + block_size - 1) / block_size in wrapping 32-bit arithmetic.
+    int sum = static_cast<int>(static_cast<unsigned int>(len) + static_cast<unsigned int>(block_size - 1));
+    int blk_cnt = sum / block_size;
+    return static_cast<unsigned int>(blk_cnt) + m_tx_queue.Count() > m_max_tx_buf_num;
+}
+
+bool CTcpConnector::IsSendBufEnough(unsigned int len) {
+    if (m_status != CONNECTOR_STATUS_CONNECTED) {
+        return false;
+    }
+    // Unsigned on purpose: a queue over its limit wraps to a huge room, and the pool decides.
+    unsigned int room =
+        (m_max_tx_buf_num - m_tx_queue.Count()) * static_cast<unsigned int>(m_net_buf_mgr->GetBlockSize());
+    if (room < len) {
+        return false;
+    }
+    return m_net_buf_mgr->CanAllocateSendBuf(static_cast<int>(len));
+}
+
+int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_cat) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::SendToQ(), url=%s, local_url=%s, len=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(len));
+
+    ++m_tx_packet_cnt;  // every offer counts, refused and rejected ones too
+
+    if (buf == nullptr || len == 0) {
+        // This message passes the packet where the local URL is expected and the local URL's
+        // address where the buffer pointer is expected; that argument order is part of the
+        // message. The packet is printed through %s, so it is shown as the text it would read
+        // as within its `len` valid bytes: "(null)" for a null buffer and the empty string for
+        // a zero length. The caller's bytes are never read, as they need not be NUL-terminated.
+        const char* buf_text = buf == nullptr ? "(null)" : "";
+        QN_LOG(cat, QN_ERROR, "invalid argument, url=%s, local_url=%s, buf=%p, len=%d", GetURL(), buf_text,
+               static_cast<const void*>(GetLocalURL()), static_cast<int>(len));
+        return -1;
+    }
+
+    if (IsExceedMaxTxBufCnt(static_cast<int>(len))) {
+        QN_LOG(cat, QN_DEBUG, "exceed max tx buf cnt, url=%s, local_url=%s, len=%d", GetURL(), GetLocalURL(),
+               static_cast<int>(len));
+        if (!m_is_last_tx_full) {
+            m_is_last_tx_full = true;
+            ++m_tx_buf_full_cnt;
+        }
+        return 0;
+    }
+
+    CBidirList buffer_list;
+    if (!m_net_buf_mgr->Allocate(static_cast<int>(len), buffer_list, false)) {
+        if (!m_is_last_tx_full) {
+            m_is_last_tx_full = true;
+            ++m_tx_buf_full_cnt;
+            QN_LOG(cat, QN_WARN, "allocate send buffer failed, url=%s, local_url=%s, len=%d", GetURL(),
+                   GetLocalURL(), static_cast<int>(len));
+        }
+        AutoLocker locker(&m_tx_mutex);
+        if (LoadTvSec(m_send_buf_full_tv) == 0) {
+            struct timeval now;
+            gettimeofday(&now, nullptr);
+            StoreTv(m_send_buf_full_tv, now.tv_sec, now.tv_usec);
+        }
+        return 0;
+    }
+
+    m_is_last_tx_full = false;
+    PushSendQ(buf, static_cast<int>(len), buffer_list, cat);
+    m_net_buf_mgr->Release(buffer_list);
+    return static_cast<int>(len);
+}
+
+int CTcpConnector::SetRegisteredEventsLocked(unsigned int events) {
+    if (m_registered_events == events) {
+        return 0;  // the registration already has this mask
+    }
+    struct epoll_event event;
+    event.events = events;
+    event.data.ptr = this;
+    if (epoll_ctl(m_epoll, EPOLL_CTL_MOD, m_socket, &event) != 0) {
+        m_registered_events = 0;  // unknown now; the next change is tried for real
+        return -1;
+    }
+    m_registered_events = events;
+    return 0;
+}
+
+void CTcpConnector::SetRegisteredEvents(unsigned int events) {
+    AutoLocker locker(&m_tx_mutex);
+    m_registered_events = events;
+}
+
+void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d",
+           GetURL(), GetLocalURL(), len, static_cast<int>(list.Count()));
+
+    CBidirList push_list;
+    AutoLocker push_locker(&m_push_send_queue_mutex);
+
+    // Top up the old tail first, outside the queue, so that the flusher never reads a block
+    // that is being written. Bytes queued ahead of the queue must not go into its tail: that
+    // tail belongs to packets that follow them.
+    bool skip_first = false;
+    if (!ahead) {
+        AutoLocker locker(&m_tx_mutex);
+        LIST_NODE* tail = m_tx_queue.Tail();
+        if (tail != nullptr) {
+            m_tx_queue.Remove(tail);
+            list.InsertHead(tail);
+            skip_first = true;
+            m_tx_tail_detached = true;
+        }
+    }
+
+    int copied_len = 0;
+    while (copied_len < len) {
+        LIST_NODE* node = list.RemoveHead();
+        if (node == nullptr) {
+            // Unreachable for callers that reserved enough blocks. The blocks filled so far,
+            // the old tail among them, are dropped: neither queued nor returned to the pool.
+            QN_LOG(cat, QN_ERROR, "unexpected error, node=NULL, url=%s, local_url=%s, len=%d, list_size=%d",
+                   GetURL(), GetLocalURL(), len, static_cast<int>(list.Count()));
+            AutoLocker locker(&m_tx_mutex);
+            m_tx_tail_detached = false;
+            return;
+        }
+        NetBuffer* buffer = static_cast<NetBuffer*>(node->pData);
+        if (!skip_first) {
+            gettimeofday(&buffer->m_tv, nullptr);  // the old tail keeps the time of its first bytes
+        }
+        int last_write_pos = buffer->m_write_pos;
+        buffer->Put(buf + copied_len, len - copied_len);
+        copied_len += buffer->m_write_pos - last_write_pos;
+        push_list.Insert(node);
+        skip_first = false;
+    }
+
+    AutoLocker locker(&m_tx_mutex);
+    if (m_tx_queue.IsEmpty() && SetRegisteredEventsLocked(kArmedEvents) != 0) {
+        int err = errno;
+        QN_LOG(cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(), GetLocalURL(),
+               err);
+    }
+    m_tx_queue.Merge(push_list, ahead);
+    m_tx_tail_detached = false;
+    StoreTv(m_send_buf_full_tv, 0, 0);  // data went in: the send side is no longer starved
+}
+
+int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::Send(), url=%s, local_url=%s, len=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(len));
+
+    // Dump every packet offered until one has been counted (before any check, so refused and
+    // invalid calls are dumped too). A null buffer dumps no bytes.
+    if (m_tx_packet_cnt == 0 && tcp_log::Wanted(cat, QN_INFO)) {
+        QN_LOG(cat, QN_INFO, "dump first send pkg, len=%d, connector=%s", static_cast<int>(len), ToString());
+        QN_LOG_HEX(cat, buf, buf != nullptr ? static_cast<int>(len) : 0);
+    }
+
+    if (m_status != CONNECTOR_STATUS_CONNECTED) {
+        QN_LOG(cat, QN_ERROR, "invalid status(%d)", static_cast<int>(m_status));
+        return -1;
+    }
+    if (buf == nullptr || len == 0) {
+        QN_LOG(cat, QN_ERROR, "invalid argument, url=%s, local_url=%s, buf=%p, len=%d", GetURL(),
+               GetLocalURL(), static_cast<const void*>(buf), static_cast<int>(len));
+        return -1;
+    }
+    if (IsExceedMaxTxBufCnt(static_cast<int>(len))) {
+        QN_LOG(cat, QN_DEBUG, "exceed max tx buf cnt, url=%s, local_url=%s, len=%d", GetURL(), GetLocalURL(),
+               static_cast<int>(len));
+        if (!m_is_last_tx_full) {
+            m_is_last_tx_full = true;
+            ++m_tx_buf_full_cnt;
+        }
+        return 0;
+    }
+
+    // Take the role only for a socket known to be writable. Whether bytes are waiting is
+    // decided under the same lock: queued blocks or a tail detached by a push in progress.
+    bool acquire_succ = false;
+    bool has_queued = false;
+    if (!m_is_sending.load()) {
+        AutoLocker locker(&m_tx_mutex);
+        if (!m_is_sending.load() && (m_events.load() & EPOLLOUT) != 0) {
+            m_is_sending.store(true);
+            acquire_succ = true;
+            has_queued = !m_tx_queue.IsEmpty() || m_tx_tail_detached;
+        }
+    }
+
+    if (acquire_succ && has_queued) {
+        // Flush first so that the new packet does not overtake queued bytes.
+        int ret = Sending(cat);
+        if (ret < 0) {
+            m_is_sending.store(false);
+            QN_LOG(cat, QN_ERROR, "Sending() failed, url=%s, local_url=%s, len=%d, ret=%d", GetURL(),
+                   GetLocalURL(), static_cast<int>(len), ret);
+            return ret;
+        }
+        {
+            AutoLocker locker(&m_tx_mutex);
+            has_queued = !m_tx_queue.IsEmpty() || m_tx_tail_detached;
+        }
+        if (has_queued) {
+            m_is_sending.store(false);
+            acquire_succ = false;
+        }
+    }
+
+    if (!acquire_succ) {
+        int ret = SendToQ(buf, len, cat);
+        if (ret < 0) {
+            QN_LOG(cat, QN_ERROR, "SendToQ() failed, url=%s, local_url=%s, len=%d, ret=%d", GetURL(),
+                   GetLocalURL(), static_cast<int>(len), ret);
+        }
+        return ret;
+    }
+
+    // Reserve blocks for the whole packet before writing, so that whatever the socket does
+    // not take can always be queued. Pool blocks are recycled, not allocated per call.
+    CBidirList buffer_list;
+    if (!m_net_buf_mgr->Allocate(static_cast<int>(len), buffer_list, false)) {
+        m_is_sending.store(false);
+        if (!m_is_last_tx_full) {
+            m_is_last_tx_full = true;
+            ++m_tx_buf_full_cnt;
+            QN_LOG(cat, QN_WARN, "allocate send buffer failed, url=%s, local_url=%s, len=%d", GetURL(),
+                   GetLocalURL(), static_cast<int>(len));
+        }
+        return 0;
+    }
+
+    int total_send_cnt = 0;
+    int ret = 0;
+    while (total_send_cnt < static_cast<int>(len)) {
+        ret = WriteSocket(buf + total_send_cnt, static_cast<int>(len) - total_send_cnt, cat);
+        if (ret <= 0) {
+            break;
+        }
+        total_send_cnt += ret;
+    }
+
+    if (ret < 0) {
+        m_is_sending.store(false);
+        QN_LOG(
+            cat, QN_ERROR,
+            "WriteSocket() failed, suggest to disconnect, url=%s, local_url=%s, len=%d, left_cnt=%d, ret=%d",
+            GetURL(), GetLocalURL(), static_cast<int>(len), static_cast<int>(len) - total_send_cnt, ret);
+        // The reserved blocks are dropped with the local list, not released: they stay
+        // counted as in use by the pool, are not in any queue (so Fini does not find them)
+        // and come back only when the pool itself is destroyed. The packet is not counted.
+        return ret;
+    }
+
+    if (total_send_cnt < static_cast<int>(len)) {
+        // The start of the packet is on the wire: its rest goes ahead of anything queued
+        // meanwhile, and the role is kept until it is queued.
+        PushSendQ(buf + total_send_cnt, static_cast<int>(len) - total_send_cnt, buffer_list, cat, true);
+    }
+    m_is_sending.store(false);
+
+    ++m_tx_packet_cnt;
+    m_net_buf_mgr->Release(buffer_list);
+    m_is_last_tx_full = false;
+    return static_cast<int>(len);
 }
 
 int CTcpConnector::Send() {
-    QN_LOG(m_log_cat, QN_ERROR, "CTcpConnector::Send() is not available in this build, url=%s", GetURL());
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::Send(), url=%s, local_url=%s", GetURL(), GetLocalURL());
+
+    if (m_is_sending.load()) {
+        return 0;
+    }
+    {
+        AutoLocker locker(&m_tx_mutex);
+        if (m_is_sending.load()) {
+            return 0;
+        }
+        m_is_sending.store(true);
+    }
+
+    int ret = Sending(nullptr);
+    m_is_sending.store(false);
+    if (ret < 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "Sending() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(),
+               ret);
+    }
+    return ret;
+}
+
+int CTcpConnector::Sending(LogCategory* log_cat) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::Sending(), url=%s, local_url=%s", GetURL(),
+           GetLocalURL());
+
+    int total_send_cnt = 0;
+    for (;;) {
+        LIST_NODE* node = nullptr;
+        {
+            AutoLocker locker(&m_tx_mutex);
+            node = m_tx_queue.RemoveHead();
+            if (node == nullptr) {
+                if (SetRegisteredEventsLocked(kDisarmedEvents) != 0) {
+                    int err = errno;
+                    QN_LOG(cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(),
+                           GetLocalURL(), err);
+                    return -1;
+                }
+                return total_send_cnt;
+            }
+        }
+
+        NetBuffer* buffer = static_cast<NetBuffer*>(node->pData);
+        if (buffer->HasReadRemaining()) {
+            int ret = WriteSocket(buffer->ReadBuf(), buffer->ReadRemaining(), m_log_cat);
+            if (ret < 0) {
+                m_net_buf_mgr->Release(&buffer);  // its unsent bytes are dropped
+                QN_LOG(cat, QN_ERROR, "WriteSocket() failed, url=%s, local_url=%s, ret=%d", GetURL(),
+                       GetLocalURL(), ret);
+                return ret;
+            }
+            buffer->AddReadPosition(ret);
+            total_send_cnt += ret;
+        }
+
+        if (buffer->HasReadRemaining()) {
+            // Partial write or would-block: the block stays first; write readiness stays armed.
+            AutoLocker locker(&m_tx_mutex);
+            m_tx_queue.InsertHead(node);
+            return total_send_cnt;
+        }
+
+        // Queue wait of the block, from its first byte to its last being written, in
+        // microseconds; 32-bit wrapping arithmetic (waits beyond about 35 minutes wrap).
+        struct timeval tv;
+        gettimeofday(&tv, nullptr);
+        uint32_t wrapped =
+            static_cast<uint32_t>(static_cast<uint32_t>(tv.tv_sec - buffer->m_tv.tv_sec) * 1000000u) -
+            static_cast<uint32_t>(buffer->m_tv.tv_usec) + static_cast<uint32_t>(tv.tv_usec);
+        int cost = static_cast<int>(wrapped);
+        if (cost < 0) {
+            cost = 0;
+        }
+        if (cost > m_tx_max_wait_time) {
+            m_tx_max_wait_time = cost;
+        }
+        m_tx_avg_wait_time =
+            static_cast<float>((static_cast<double>(m_tx_avg_wait_time) * 9999.0 + cost) / 10000.0);
+        m_net_buf_mgr->Release(&buffer);
+    }
+}
+
+int CTcpConnector::WriteSocket(const char* buf, int len, LogCategory* log_cat) {
+    LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
+    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::WriteSocket(), url=%s, local_url=%s, len=%d", GetURL(),
+           GetLocalURL(), len);
+
+    int cnt = static_cast<int>(send(m_socket, buf, static_cast<size_t>(len), 0));
+    if (cnt != -1) {
+        return cnt;
+    }
+    int err = errno;
+    if (err == EAGAIN) {
+        m_events.fetch_and(~static_cast<unsigned int>(EPOLLOUT));
+        return 0;
+    }
+    // EINTR included: the owner decides what to do with a connection whose write failed.
+    QN_LOG(cat, QN_ERROR, "send data to server failed, url=%s, local_url=%s, send_len=%d, err=%d", GetURL(),
+           GetLocalURL(), len, err);
     return -1;
 }
 
-bool CTcpConnector::IsSendBufEnough(unsigned int /*len*/) { return false; }
-
-int CTcpConnector::SendToQ(const char* /*buf*/, unsigned int /*len*/, LogCategory* log_cat) {
-    QN_LOG(log_cat ? log_cat : m_log_cat, QN_ERROR,
-           "CTcpConnector::SendToQ() is not available in this build, url=%s", GetURL());
-    return -1;
+int CTcpConnector::GetConstantSendBufFullMS() {
+    if (LoadTvSec(m_send_buf_full_tv) == 0) {
+        return 0;
+    }
+    AutoLocker locker(&m_tx_mutex);
+    return CConnector::GetConstantSendBufFullMS();
 }
-
-int CTcpConnector::GetConstantSendBufFullMS() { return 0; }
 
 }  // namespace QUOLNET

@@ -6,7 +6,7 @@
 namespace {
 
 class NoParser : public QUOLNET::IPackParser {
-public:
+  public:
     int ParsePackLength(const char*, unsigned int) override { return 0; }
 };
 
@@ -14,8 +14,8 @@ TEST(Smoke, InitForDiallingAndFini) {
     QUOLNET::CNetBufferMgr pool(4);
     NoParser parser;
     char combine[128];
-    QUOLNET::CTcpConnector c(combine, sizeof(combine), combine, sizeof(combine), nullptr, &pool, 2, 2, nullptr,
-                             nullptr);
+    QUOLNET::CTcpConnector c(combine, sizeof(combine), combine, sizeof(combine), nullptr, &pool, 2, 2,
+                             nullptr, nullptr);
     EXPECT_EQ(0, c.Init("tcp://127.0.0.1:1", &parser, 0, -1));
     EXPECT_EQ(QUOLNET::CONNECTOR_STATUS_DISCONNECTED, c.GetStatus());
     c.Fini();

@@ -57,6 +57,8 @@ public:
     QN_PEER_FIELD(m_tx_packet_cnt)
     QN_PEER_FIELD(m_to_string)
     QN_PEER_FIELD(m_is_sending)
+    QN_PEER_FIELD(m_registered_events)
+    QN_PEER_FIELD(m_tx_tail_detached)
     // base fields
     QN_PEER_FIELD(m_status)
     QN_PEER_FIELD(m_url)

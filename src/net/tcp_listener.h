@@ -1,0 +1,63 @@
+// CTcpListener: a non-blocking listening TCP socket for "tcp://a.b.c.d:port" and
+// "tcp://[v6]:port" URLs, used by CConnectorMgr to accept connections.
+//
+// The listener only owns its own descriptor. Accepted descriptors are handed to the caller
+// (non-blocking, close-on-exec, TCP_NODELAY set), who owns them from then on. A port of 0
+// binds a free port; GetPort()/GetURL() report the one the kernel chose.
+//
+// Threads: not thread-safe; the owner's loop thread opens, accepts and closes.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <string>
+
+#include "log/log.h"
+
+namespace QUOLNET {
+
+class CTcpListener {
+  public:
+    // Results of Accept() other than a descriptor.
+    enum {
+        ACCEPT_WOULD_BLOCK = -1,  // nothing pending
+        ACCEPT_FD_LIMIT = -2,     // out of descriptors (EMFILE, ENFILE) or kernel memory
+        ACCEPT_TRANSIENT = -3,    // the pending connection failed (e.g. aborted); try again
+    };
+
+    CTcpListener();
+    // Closes the descriptor if still open.
+    ~CTcpListener();
+    CTcpListener(const CTcpListener&) = delete;
+    CTcpListener& operator=(const CTcpListener&) = delete;
+
+    // Binds and listens on `url` with SO_REUSEADDR. Returns 0, -1 for a malformed URL, -2
+    // when the socket cannot be made, bound or put to listen (errno kept in GetLastErrno()).
+    int Open(const char* url, int backlog, LogCategory* log_cat);
+    // Accepts one pending connection. Returns the new descriptor, or one of the ACCEPT_*
+    // codes. `peer_url` (may be null) receives the peer's address as a tcp:// URL.
+    int Accept(std::string* peer_url);
+    // Closes the listening descriptor (idempotent).
+    void Close();
+
+    int GetFd() const { return m_fd; }
+    int GetPort() const { return m_port; }
+    // The bound address as a URL, with the actual port.
+    const std::string& GetURL() const { return m_url; }
+    int GetLastErrno() const { return m_last_errno; }
+
+    // Parses "tcp://a.b.c.d:port" or "tcp://[v6]:port" (numeric addresses, port 0..65535)
+    // into `addr`/`len`. Returns 0, or -1 with a reason in `why` (may be null).
+    static int ParseURL(const char* url, struct sockaddr_storage* addr, socklen_t* len, std::string* why);
+    // The tcp:// URL of a socket address (IPv4 or IPv6); "" for other families.
+    static std::string FormatURL(const struct sockaddr* addr);
+
+  private:
+    int m_fd;
+    int m_port;
+    int m_last_errno;
+    std::string m_url;
+    LogCategory* m_log_cat;
+};
+
+}  // namespace QUOLNET
