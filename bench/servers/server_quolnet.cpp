@@ -5,11 +5,13 @@
 //   --mode callback  the connector's receive callback hands packets to the handler while it
 //                    frames them (ConnectorMgrOptions::use_recv_callback).
 //
-// Replies: when the manager says more packets of the same connection are waiting in this
-// tick, the echo is corked (SendCorked) and every corked connection is flushed once at the
-// end of the tick; a lone packet is sent at once (Send, straight from the connector's block
-// to the socket when it is writable). A reply refused for lack of room leaves the packet in
-// the ring, so a slow reader slows its own connection down through TCP.
+// Replies: in peek mode, when the manager says more packets of the same connection are
+// waiting in this tick, the echo is corked (SendCorked) and every corked connection is
+// flushed once at the end of the tick; a lone packet is sent at once (Send, straight from the
+// connector's block to the socket when it is writable). The receive callback is never told
+// whether more packets follow (its `more` is always false), so callback mode corks every
+// reply: one flush per connection and tick, at the price of copying each reply into a block. A reply refused
+// for lack of room leaves the packet in the ring, so a slow reader slows its own connection down through TCP.
 #include <signal.h>
 
 #include <cstdio>
@@ -32,7 +34,7 @@ void OnStopSignal(int) {
 
 class CEchoHandler : public QUOLNET::IConnectorHandler {
   public:
-    explicit CEchoHandler(bool sink) : m_sink(sink) {}
+    CEchoHandler(bool sink, bool always_cork) : m_sink(sink), m_always_cork(always_cork) {}
     CEchoHandler(const CEchoHandler&) = delete;
     CEchoHandler& operator=(const CEchoHandler&) = delete;
 
@@ -41,7 +43,7 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
         if (!m_sink) {
             // Packets of one connection arrive back to back, so one remembered id is enough to
             // keep the last packet of a corked run corked too.
-            bool cork = more || id == m_cork_id;
+            bool cork = m_always_cork || more || id == m_cork_id;
             int ret = cork ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
             if (ret == 0)
                 return false;  // no room now: offered again shortly
@@ -58,6 +60,7 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
 
   private:
     bool m_sink;
+    bool m_always_cork;             // the callback cannot tell whether more packets follow
     QUOLNET::ConnId m_cork_id = 0;  // connection with corked replies in this tick
     uint64_t m_packets = 0;
     uint64_t m_bytes = 0;
@@ -73,7 +76,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     RaiseFdLimit();
-    CEchoHandler handler(opt.sink);
+    CEchoHandler handler(opt.sink, mode == "callback");
     QUOLNET::ConnectorMgrOptions options;
     options.use_recv_callback = mode == "callback";
     options.pool_blocks = 16384;  // made on demand: 1000 connections x 256 KiB packets fit
