@@ -101,8 +101,9 @@ int main(int argc, char** argv) {
     s.sink = opt.sink;
     s.base = event_base_new();
     int lfd = OpenListener(opt.host, opt.port);
+    // Backlog 0: the socket already listens (with a 4096 backlog); -1 would listen again with 128.
     evconnlistener* lst =
-        evconnlistener_new(s.base, OnAccept, &s, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_REUSEABLE, -1, lfd);
+        evconnlistener_new(s.base, OnAccept, &s, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_REUSEABLE, 0, lfd);
     event* sigint = evsignal_new(s.base, SIGINT, OnSignal, s.base);
     event* sigterm = evsignal_new(s.base, SIGTERM, OnSignal, s.base);
     event_add(sigint, nullptr);
