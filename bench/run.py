@@ -22,6 +22,7 @@ import datetime
 import json
 import os
 import platform
+import re
 import shutil
 import signal
 import socket
@@ -175,12 +176,13 @@ def ensure_built(args):
                "bench_server_quolnet"]
     if args.no_build:
         return
-    if not os.path.exists(os.path.join(build, "CMakeCache.txt")):
-        subprocess.run(["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=Release"], check=True,
-                       stdout=subprocess.DEVNULL)
+    # Configure every time (cheap) so that targets added since the last configure exist.
+    subprocess.run(["cmake", "-S", ROOT, "-B", build] +
+                   ([] if os.path.exists(os.path.join(build, "CMakeCache.txt")) else ["-DCMAKE_BUILD_TYPE=Release"]),
+                   check=True, stdout=subprocess.DEVNULL)
     # Targets whose library is missing do not exist; build each one that does.
     listing = subprocess.run(["cmake", "--build", build, "--target", "help"], capture_output=True, text=True).stdout
-    present = [t for t in targets if (" " + t + "\n") in listing or (" " + t + " ") in listing]
+    present = [t for t in targets if re.search(r"(^|\s)%s(:|\s|$)" % re.escape(t), listing, re.M)]
     subprocess.run(["cmake", "--build", build, "--target"] + present + ["-j2"], check=True, stdout=subprocess.DEVNULL)
 
 
