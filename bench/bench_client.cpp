@@ -318,9 +318,9 @@ void CClient::Consume(Conn& c, const unsigned char* p, size_t n, uint64_t now) {
 void CClient::OnReadable(Conn& c, uint64_t now) {
     ssize_t r = read(c.fd, m_rbuf.data(), m_rbuf.size());
     if (r > 0) {
-        uint64_t before = c.queued;
         Consume(c, m_rbuf.data(), size_t(r), now);
-        if (c.queued > before || c.queued > 0)
+        // With EPOLLOUT armed the socket is full: the writable event flushes.
+        if (c.queued > 0 && !c.want_out)
             Flush(c);
         return;
     }
