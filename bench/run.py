@@ -1,0 +1,527 @@
+#!/usr/bin/env python3
+"""Runs the echo-server benchmark matrix and writes the report into bench/results/.
+
+    python3 bench/run.py              full matrix (about 15-20 minutes on 2 cores)
+    python3 bench/run.py --quick      a small subset (under a minute)
+    python3 bench/run.py --syscalls   also count syscalls per packet for each server
+
+Every server runs pinned to one core (--server-cpu) and every client run to another
+(--client-cpu). The servers are started once (an echo instance and a --sink instance of each)
+and the client runs are interleaved A/B: run k of a scenario visits the servers in an order
+rotated by k, so slow drifts of the machine spread over all servers. Each cell reports the
+median with min-max over --runs runs (default 5).
+
+Outputs (prefix "quick-" in --quick mode):
+    results/report.md   the tables, the machine description and the goal summary
+    results/raw.jsonl   one JSON line per client run (bench_client's output plus "run")
+    results/mib_s.png   MiB/s per packet size and server (ping-pong), if gnuplot is present
+    results/mib_s.dat   the chart's data
+"""
+import argparse
+import datetime
+import json
+import os
+import platform
+import re
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+REFERENCE = "quolnet-peek"
+
+SERVERS = [
+    # label, binary, extra arguments
+    ("quolnet-peek", "bench_server_quolnet", ["--mode", "peek"]),
+    ("quolnet-cb", "bench_server_quolnet", ["--mode", "callback"]),
+    ("epoll", "bench_server_epoll", []),
+    ("libevent", "bench_server_libevent", []),
+    ("asio", "bench_server_asio", []),
+]
+
+SIZE_NAMES = {64: "64 B", 512: "512 B", 1024: "1 KiB", 16384: "16 KiB", 65536: "64 KiB", 262144: "256 KiB"}
+
+
+def full_matrix():
+    rows = []
+    for size in (64, 1024, 16384, 65536, 262144):
+        for conns in (1, 10, 100, 1000):
+            rows.append({"mode": "pingpong", "size": size, "conns": conns, "depth": 1})
+    for size in (64, 512):
+        rows.append({"mode": "pipeline", "size": size, "conns": 100, "depth": 16})
+    rows.append({"mode": "stream", "size": 65536, "conns": 1, "depth": 1})
+    return rows
+
+
+def quick_matrix():
+    return [
+        {"mode": "pingpong", "size": 64, "conns": 10, "depth": 1},
+        {"mode": "pingpong", "size": 16384, "conns": 10, "depth": 1},
+        {"mode": "pipeline", "size": 512, "conns": 100, "depth": 16},
+        {"mode": "stream", "size": 65536, "conns": 1, "depth": 1},
+    ]
+
+
+def syscall_rows():
+    return [
+        {"mode": "pingpong", "size": 64, "conns": 10, "depth": 1},
+        {"mode": "pipeline", "size": 64, "conns": 100, "depth": 16},
+        {"mode": "pingpong", "size": 65536, "conns": 10, "depth": 1},
+        {"mode": "stream", "size": 65536, "conns": 1, "depth": 1},
+    ]
+
+
+def row_key(r):
+    return (r["mode"], r["size"], r["conns"], r["depth"])
+
+
+def row_name(r):
+    size = SIZE_NAMES.get(r["size"], "%d B" % r["size"])
+    if r["mode"] == "pingpong":
+        return "ping-pong %s x%d" % (size, r["conns"])
+    if r["mode"] == "pipeline":
+        return "pipelined %s x%d, %d in flight" % (size, r["conns"], r["depth"])
+    return "streaming %s x%d" % (size, r["conns"])
+
+
+def log(msg):
+    print(msg, file=sys.stderr, flush=True)
+
+
+def pin(cpu):
+    if cpu is None or shutil.which("taskset") is None:
+        return []
+    return ["taskset", "-c", str(cpu)]
+
+
+def wait_listening(port, proc, timeout=5.0):
+    end = time.time() + timeout
+    while time.time() < end:
+        if proc.poll() is not None:
+            return False
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=0.2):
+                return True
+        except OSError:
+            time.sleep(0.05)
+    return False
+
+
+class Server:
+    """One running server process (echo or sink) on its own port."""
+
+    def __init__(self, label, path, extra, port, sink, cpu):
+        self.label, self.path, self.extra, self.port, self.sink, self.cpu = label, path, extra, port, sink, cpu
+        self.proc = None
+
+    def start(self):
+        cmd = pin(self.cpu) + [self.path, "--port", str(self.port)] + self.extra + (["--sink"] if self.sink else [])
+        self.proc = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        if not wait_listening(self.port, self.proc):
+            self.stop()
+            return False
+        return True
+
+    def alive(self):
+        return self.proc is not None and self.proc.poll() is None
+
+    def stop(self):
+        if self.proc is None:
+            return
+        if self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGTERM)
+            try:
+                self.proc.wait(timeout=3)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+        self.proc = None
+
+
+def run_client(args, client, port, label, row, warmup, duration):
+    cmd = pin(args.client_cpu) + [client, "--port", str(port), "--label", label, "--mode", row["mode"],
+                                  "--size", str(row["size"]), "--conns", str(row["conns"]),
+                                  "--depth", str(row["depth"]), "--warmup", str(warmup),
+                                  "--duration", str(duration)]
+    try:
+        out = subprocess.run(cmd, capture_output=True, text=True, timeout=warmup + duration + 30)
+    except subprocess.TimeoutExpired:
+        return None, "client timed out"
+    if out.returncode != 0:
+        return None, out.stderr.strip()
+    return json.loads(out.stdout.strip().splitlines()[-1]), None
+
+
+def run_iperf3(args, port, warmup, duration):
+    """One loopback iperf3 run; MiB/s received. Writes of --iperf-len bytes (default 1 MiB:
+    with 64 KiB writes iperf3's own per-write work, not the loopback, limits it)."""
+    t = max(1, int(round(duration)))
+    omit = 1 if warmup >= 0.5 else 0
+    cmd = pin(args.client_cpu) + ["iperf3", "-c", "127.0.0.1", "-p", str(port), "-t", str(t), "-O", str(omit),
+                                  "-l", args.iperf_len, "-J"]
+    try:
+        out = subprocess.run(cmd, capture_output=True, text=True, timeout=t + omit + 30)
+        d = json.loads(out.stdout)
+        return d["end"]["sum_received"]["bits_per_second"] / 8 / 2 ** 20
+    except (subprocess.TimeoutExpired, ValueError, KeyError):
+        return None
+
+
+def ensure_built(args):
+    build = args.build_dir
+    targets = ["bench_client", "bench_server_epoll", "bench_server_libevent", "bench_server_asio",
+               "bench_server_quolnet"]
+    if args.no_build:
+        return
+    # Configure every time (cheap) so that targets added since the last configure exist.
+    subprocess.run(["cmake", "-S", ROOT, "-B", build] +
+                   ([] if os.path.exists(os.path.join(build, "CMakeCache.txt")) else ["-DCMAKE_BUILD_TYPE=Release"]),
+                   check=True, stdout=subprocess.DEVNULL)
+    # Targets whose library is missing do not exist; build each one that does.
+    listing = subprocess.run(["cmake", "--build", build, "--target", "help"], capture_output=True, text=True).stdout
+    present = [t for t in targets if re.search(r"(^|\s)%s(:|\s|$)" % re.escape(t), listing, re.M)]
+    subprocess.run(["cmake", "--build", build, "--target"] + present + ["-j2"], check=True, stdout=subprocess.DEVNULL)
+
+
+def machine_description():
+    cpu = "unknown"
+    try:
+        with open("/proc/cpuinfo") as f:
+            for line in f:
+                if line.startswith("model name"):
+                    cpu = line.split(":", 1)[1].strip()
+                    break
+    except OSError:
+        pass
+    commit = subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"], capture_output=True,
+                            text=True).stdout.strip()
+    return {"cpu": cpu, "cores": os.cpu_count(), "kernel": platform.release(), "commit": commit,
+            "date": datetime.datetime.now().strftime("%Y-%m-%d %H:%M")}
+
+
+def count_syscalls(args, path, extra, label, row, client, port):
+    """Syscalls the server makes per packet during an untimed client run, by perf's
+    raw_syscalls:sys_enter counter when permitted, else strace -c -f."""
+    srv = Server(label, path, extra, port, row["mode"] == "stream", args.server_cpu)
+    if not srv.start():
+        return None, "server did not start"
+    pid = srv.proc.pid
+    use_perf = shutil.which("perf") is not None
+    tracer = None
+    try:
+        if use_perf:
+            tracer = subprocess.Popen(["perf", "stat", "-x,", "-e", "raw_syscalls:sys_enter", "-p", str(pid)],
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        else:
+            tracer = subprocess.Popen(["strace", "-c", "-f", "-p", str(pid)], stdout=subprocess.DEVNULL,
+                                      stderr=subprocess.PIPE, text=True)
+        time.sleep(0.5)  # let the tracer attach
+        res, err = run_client(args, client, port, label, row, 0.0, args.syscall_duration)
+        time.sleep(0.1)
+        tracer.send_signal(signal.SIGINT)
+        _, trace_err = tracer.communicate(timeout=10)
+        if res is None:
+            return None, err
+        total = None
+        if use_perf:
+            for line in trace_err.splitlines():
+                parts = line.split(",")
+                if len(parts) > 2 and "raw_syscalls:sys_enter" in line and parts[0].strip().isdigit():
+                    total = int(parts[0])
+        else:
+            for line in trace_err.splitlines():
+                parts = line.split()
+                if parts and parts[-1] == "total" and len(parts) >= 4:
+                    total = int(parts[2])
+        if total is None or res["total_packets"] == 0:
+            return None, "no count"
+        return total / res["total_packets"], None
+    finally:
+        if tracer is not None and tracer.poll() is None:
+            tracer.kill()
+            tracer.wait()
+        srv.stop()
+
+
+def fmt_num(v):
+    if v is None:
+        return "-"
+    if v >= 1e6:
+        return "%.2fM" % (v / 1e6)
+    if v >= 1e4:
+        return "%.0fk" % (v / 1e3)
+    if v >= 100:
+        return "%.0f" % v
+    return "%.1f" % v
+
+
+def summarize(samples):
+    if not samples:
+        return None
+    return {"med": statistics.median(samples), "min": min(samples), "max": max(samples)}
+
+
+def write_chart(outdir, prefix, rows, labels, results):
+    pp = [r for r in rows if r["mode"] == "pingpong"]
+    if not pp:
+        return None
+    conns_avail = sorted({r["conns"] for r in pp})
+    conns = 100 if 100 in conns_avail else conns_avail[-1]
+    sizes = sorted({r["size"] for r in pp if r["conns"] == conns})
+    dat = os.path.join(outdir, prefix + "mib_s.dat")
+    with open(dat, "w") as f:
+        f.write("# size " + " ".join(labels) + "\n")
+        for s in sizes:
+            key = ("pingpong", s, conns, 1)
+            vals = []
+            for lab in labels:
+                m = summarize([x["mib_s"] for x in results.get((key, lab), [])])
+                vals.append("%.3f" % m["med"] if m else "NaN")
+            f.write("\"%s\" %s\n" % (SIZE_NAMES.get(s, str(s)), " ".join(vals)))
+    if shutil.which("gnuplot") is None and os.geteuid() == 0 and shutil.which("apt-get"):
+        log("installing gnuplot-nox for the chart")
+        subprocess.run(["apt-get", "install", "-y", "gnuplot-nox"], stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
+    if shutil.which("gnuplot") is None:
+        log("gnuplot not available: chart skipped (data in %s)" % dat)
+        return None
+    png = os.path.join(outdir, prefix + "mib_s.png")
+    plots = ", ".join("'%s' using %d:xtic(1) with linespoints title '%s'" % (dat, i + 2, lab)
+                      for i, lab in enumerate(labels))
+    script = ("set terminal png size 900,540\nset output '%s'\n"
+              "set title 'Echo ping-pong, %d connections: MiB/s per packet size'\n"
+              "set ylabel 'MiB/s (echoed, one direction)'\nset logscale y\nset grid\n"
+              "set key left top\nset datafile missing 'NaN'\nplot %s\n" % (png, conns, plots))
+    subprocess.run(["gnuplot"], input=script, text=True, check=False)
+    return png
+
+
+def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, machine, failures):
+    lines = ["# quolnet echo benchmarks" + (" (quick)" if args.quick else ""), ""]
+    lines.append("Machine: %s, %s cores, kernel %s; commit %s; %s." % (
+        machine["cpu"], machine["cores"], machine["kernel"], machine["commit"], machine["date"]))
+    lines.append("Server pinned to CPU %s, client to CPU %s; %d runs per cell (A/B interleaved), "
+                 "warm-up %.2f s then %.2f s measured per run; cells show the median [min-max]."
+                 % (args.server_cpu, args.client_cpu, args.runs, args.warmup, args.duration))
+    lines.append("Ratio: the server's median packets/s over %s's. Syscalls/pkt: server syscalls per "
+                 "echoed packet in an untimed run (`--syscalls`)." % REFERENCE)
+    lines.append("")
+    lines.append("| scenario | server | packets/s | MiB/s | p50 us | p99 us | vs %s | syscalls/pkt |" % REFERENCE)
+    lines.append("| --- | --- | ---: | ---: | ---: | ---: | ---: | ---: |")
+    for r in rows:
+        key = row_key(r)
+        ref = summarize([x["pps"] for x in results.get((key, REFERENCE), [])])
+        for lab in labels:
+            res = results.get((key, lab), [])
+            pps = summarize([x["pps"] for x in res])
+            mib = summarize([x["mib_s"] for x in res])
+            if pps is None:
+                cell = "failed" if (key, lab) in failures else "-"
+                lines.append("| %s | %s | %s | | | | | |" % (row_name(r), lab, cell))
+                continue
+            p50 = statistics.median([x["p50_us"] for x in res])
+            p99 = statistics.median([x["p99_us"] for x in res])
+            lat = r["mode"] != "stream"
+            ratio = "%.2fx" % (pps["med"] / ref["med"]) if ref and ref["med"] > 0 else "-"
+            sc = syscalls.get((key, lab))
+            lines.append("| %s | %s | %s [%s-%s] | %s [%s-%s] | %s | %s | %s | %s |" % (
+                row_name(r), lab, fmt_num(pps["med"]), fmt_num(pps["min"]), fmt_num(pps["max"]),
+                fmt_num(mib["med"]), fmt_num(mib["min"]), fmt_num(mib["max"]),
+                "%.1f" % p50 if lat else "-", "%.1f" % p99 if lat else "-", ratio,
+                "%.2f" % sc if sc is not None else "-"))
+    if iperf:
+        ip = summarize(iperf)
+        lines.append("| streaming, one connection | iperf3 -l %s (reference) | | %s [%s-%s] | | | | |" % (
+            args.iperf_len, fmt_num(ip["med"]), fmt_num(ip["min"]), fmt_num(ip["max"])))
+    if syscalls:
+        lines.append("")
+        lines.append("Syscalls per packet (untimed runs):")
+        lines.append("")
+        lines.append("| scenario | " + " | ".join(labels) + " |")
+        lines.append("| --- |" + " ---: |" * len(labels))
+        for r in syscall_rows():
+            key = row_key(r)
+            cells = ["%.2f" % syscalls[(key, lab)] if (key, lab) in syscalls else "-" for lab in labels]
+            lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    lines.append("")
+    lines.append("## Goals (reported, not asserted)")
+    lines.append("")
+    goals = []
+    quolnets = [lab for lab in labels if lab.startswith("quolnet")]
+    peers = [lab for lab in labels if not lab.startswith("quolnet") and lab != "epoll"]
+    for q in quolnets:
+        worst_peer, worst_epoll = None, None
+        for r in rows:
+            if r["mode"] == "stream" or r["conns"] < 10:
+                continue
+            key = row_key(r)
+            qm = summarize([x["pps"] for x in results.get((key, q), [])])
+            if qm is None:
+                continue
+            for p in peers + ["epoll"]:
+                pm = summarize([x["pps"] for x in results.get((key, p), [])])
+                if pm is None or pm["med"] <= 0:
+                    continue
+                ratio = qm["med"] / pm["med"]
+                entry = (ratio, row_name(r), p)
+                if p == "epoll":
+                    worst_epoll = entry if worst_epoll is None or ratio < worst_epoll[0] else worst_epoll
+                else:
+                    worst_peer = entry if worst_peer is None or ratio < worst_peer[0] else worst_peer
+        if worst_peer:
+            goals.append("- %s at or above every peer library (rows with >= 10 connections): %s; lowest ratio "
+                         "%.2fx (%s vs %s)" % (q, "met" if worst_peer[0] >= 1.0 else "NOT met", worst_peer[0],
+                                              worst_peer[1], worst_peer[2]))
+        if worst_epoll:
+            goals.append("- %s within 10%% of the hand-written epoll loop: %s; lowest ratio %.2fx (%s)" % (
+                q, "met" if worst_epoll[0] >= 0.9 else "NOT met", worst_epoll[0], worst_epoll[1]))
+        st = [r for r in rows if r["mode"] == "stream"]
+        if st and iperf:
+            qm = summarize([x["mib_s"] for x in results.get((row_key(st[0]), q), [])])
+            ip = statistics.median(iperf)
+            if qm:
+                goals.append("- %s streaming at >= 80%% of iperf3: %s (%.0f vs %.0f MiB/s, %.0f%%)" % (
+                    q, "met" if qm["med"] >= 0.8 * ip else "NOT met", qm["med"], ip, 100 * qm["med"] / ip))
+    if not goals:
+        goals.append("- no quolnet results: goals not evaluated")
+    lines += goals
+    if failures:
+        lines.append("")
+        lines.append("Failed runs:")
+        lines.append("")
+        for (key, lab), errs in sorted(failures.items()):
+            lines.append("- %s %s: %s" % (lab, key, errs[0][:200]))
+    path = os.path.join(outdir, prefix + "report.md")
+    with open(path, "w") as f:
+        f.write("\n".join(lines) + "\n")
+    return path
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--quick", action="store_true", help="small subset, under a minute")
+    ap.add_argument("--syscalls", action="store_true", help="also count server syscalls per packet")
+    ap.add_argument("--runs", type=int, help="runs per cell (default 5, quick 3)")
+    ap.add_argument("--warmup", type=float, help="seconds discarded per run (default 0.3, quick 0.15)")
+    ap.add_argument("--duration", type=float, help="seconds measured per run (default 1.2, quick 0.3)")
+    ap.add_argument("--syscall-duration", type=float, default=1.0, help="seconds of each syscall-count run")
+    ap.add_argument("--servers", help="comma-separated labels (default: every one built)")
+    ap.add_argument("--server-cpu", type=int, default=0)
+    ap.add_argument("--client-cpu", type=int, default=1)
+    ap.add_argument("--base-port", type=int, default=19100)
+    ap.add_argument("--build-dir", default=os.path.join(ROOT, "build-bench"))
+    ap.add_argument("--no-build", action="store_true", help="use the binaries already in --build-dir")
+    ap.add_argument("--no-iperf", action="store_true", help="skip the iperf3 reference")
+    ap.add_argument("--iperf-len", default="1M", help="iperf3 write length (-l), default 1M")
+    ap.add_argument("--out", default=os.path.join(ROOT, "bench", "results"))
+    args = ap.parse_args()
+    args.runs = args.runs or (3 if args.quick else 5)
+    args.warmup = args.warmup if args.warmup is not None else (0.15 if args.quick else 0.3)
+    args.duration = args.duration or (0.3 if args.quick else 1.2)
+    if (os.cpu_count() or 1) < 2:
+        args.server_cpu = args.client_cpu = None
+
+    ensure_built(args)
+    bindir = os.path.join(args.build_dir, "bench")
+    client = os.path.join(bindir, "bench_client")
+    if not os.path.exists(client):
+        sys.exit("bench_client not built in %s" % bindir)
+    wanted = set(args.servers.split(",")) if args.servers else None
+    servers = [(lab, os.path.join(bindir, b), extra) for lab, b, extra in SERVERS
+               if os.path.exists(os.path.join(bindir, b)) and (wanted is None or lab in wanted)]
+    if not servers:
+        sys.exit("no server built")
+    labels = [s[0] for s in servers]
+    log("servers: " + ", ".join(labels))
+    rows = quick_matrix() if args.quick else full_matrix()
+    prefix = "quick-" if args.quick else ""
+    os.makedirs(args.out, exist_ok=True)
+    est = len(rows) * len(labels) * args.runs * (args.warmup + args.duration + 0.06)
+    log("%d scenarios x %d servers x %d runs: about %.0f min" % (len(rows), len(labels), args.runs, est / 60 + 0.5))
+
+    # An echo and a sink instance of every server, started once for the whole matrix.
+    running = {}
+    port = args.base_port
+    for lab, path, extra in servers:
+        for sink in (False, True):
+            srv = Server(lab, path, extra, port, sink, args.server_cpu)
+            port += 1
+            if not srv.start():
+                log("%s%s did not start" % (lab, " --sink" if sink else ""))
+            running[(lab, sink)] = srv
+    results, failures = {}, {}
+    raw = open(os.path.join(args.out, prefix + "raw.jsonl"), "w")
+    started = time.time()
+    try:
+        for i, r in enumerate(rows):
+            key = row_key(r)
+            log("[%d/%d] %s" % (i + 1, len(rows), row_name(r)))
+            for run in range(args.runs):
+                order = labels[run % len(labels):] + labels[:run % len(labels)]
+                for lab in order:
+                    srv = running[(lab, r["mode"] == "stream")]
+                    if not srv.alive() and not srv.start():
+                        failures.setdefault((key, lab), []).append("server not running")
+                        continue
+                    res, err = run_client(args, client, srv.port, lab, r, args.warmup, args.duration)
+                    if res is None:
+                        failures.setdefault((key, lab), []).append(err or "client failed")
+                        log("  %s run %d failed: %s" % (lab, run + 1, (err or "")[:200]))
+                        srv.stop()  # restart it fresh for the next run
+                        continue
+                    res["run"] = run
+                    raw.write(json.dumps(res) + "\n")
+                    results.setdefault((key, lab), []).append(res)
+    finally:
+        for srv in running.values():
+            srv.stop()
+        raw.close()
+
+    iperf = []
+    if not args.no_iperf and any(r["mode"] == "stream" for r in rows):
+        if shutil.which("iperf3") is None and os.geteuid() == 0 and shutil.which("apt-get"):
+            log("installing iperf3")
+            subprocess.run(["apt-get", "install", "-y", "iperf3"], stdout=subprocess.DEVNULL,
+                           stderr=subprocess.DEVNULL)
+        if shutil.which("iperf3"):
+            log("iperf3 reference")
+            ip_srv = subprocess.Popen(pin(args.server_cpu) + ["iperf3", "-s", "-p", str(port)],
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            try:
+                if wait_listening(port, ip_srv):
+                    time.sleep(0.2)
+                    for _ in range(args.runs):
+                        v = run_iperf3(args, port, args.warmup, args.duration)
+                        if v is not None:
+                            iperf.append(v)
+            finally:
+                ip_srv.terminate()
+                ip_srv.wait()
+            port += 1
+
+    syscalls = {}
+    if args.syscalls:
+        for r in syscall_rows():
+            for lab, path, extra in servers:
+                log("syscalls: %s %s" % (lab, row_name(r)))
+                v, err = count_syscalls(args, path, extra, lab, r, client, port)
+                port += 1
+                if v is not None:
+                    syscalls[(row_key(r), lab)] = v
+                else:
+                    log("  failed: %s" % err)
+
+    machine = machine_description()
+    report = write_report(args, args.out, prefix, rows, labels, results, iperf, syscalls, machine, failures)
+    chart = write_chart(args.out, prefix, rows, labels, results)
+    log("done in %.0f s: %s%s" % (time.time() - started, report, (", " + chart) if chart else ""))
+    with open(report) as f:
+        print(f.read())
+
+
+if __name__ == "__main__":
+    main()
