@@ -460,27 +460,21 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
             idx = idx + 1 == kPacketInfoSize ? 0 : idx + 1;
         }
     }
-    if (m_rx_buffer != nullptr) {
+    // m_rx_buffer and m_rx_packet.buffer: each found by a fresh walk from the heads.
+    NetBuffer** pointers[2] = {&m_rx_buffer, &m_rx_packet.buffer};
+    for (int k = 0; k < 2; ++k) {
+        if (*pointers[k] == nullptr) {
+            continue;
+        }
         LIST_NODE* src_node = that.m_rx_queue.Head();
         LIST_NODE* dst_node = m_rx_queue.Head();
-        NetBuffer* dst = FindMatchingBlock(&src_node, &dst_node, m_rx_buffer);
+        NetBuffer* dst = FindMatchingBlock(&src_node, &dst_node, *pointers[k]);
         if (dst == nullptr) {
             QN_LOG(m_log_cat, QN_ERROR, "unexpected error, src_node=%p, dst_node=%p",
                    static_cast<void*>(src_node), static_cast<void*>(dst_node));
-            return -7;
+            return k == 0 ? -7 : -8;
         }
-        m_rx_buffer = dst;
-    }
-    if (m_rx_packet.buffer != nullptr) {
-        LIST_NODE* src_node = that.m_rx_queue.Head();
-        LIST_NODE* dst_node = m_rx_queue.Head();
-        NetBuffer* dst = FindMatchingBlock(&src_node, &dst_node, m_rx_packet.buffer);
-        if (dst == nullptr) {
-            QN_LOG(m_log_cat, QN_ERROR, "unexpected error, src_node=%p, dst_node=%p",
-                   static_cast<void*>(src_node), static_cast<void*>(dst_node));
-            return -8;
-        }
-        m_rx_packet.buffer = dst;
+        *pointers[k] = dst;
     }
 
     m_rx_packet_cnt = that.m_rx_packet_cnt.load();
