@@ -24,7 +24,8 @@ void OnStop(int) {
 }
 
 [[noreturn]] void Usage(const char* prog) {
-    std::fprintf(stderr, "usage: %s [--host 127.0.0.1] [--port 9000] [--sink] [--mode NAME]\n", prog);
+    std::fprintf(stderr,
+                 "usage: %s [--host 127.0.0.1] [--port 9000] [--sink] [--mode NAME] [--cork on|off]\n", prog);
     std::exit(2);
 }
 }  // namespace
@@ -41,6 +42,8 @@ ServerOptions ParseServerOptions(int argc, char** argv, const char* prog) {
             opt.port = std::atoi(argv[++i]);
         } else if (!std::strcmp(a, "--mode") && i + 1 < argc) {
             opt.mode = argv[++i];
+        } else if (!std::strcmp(a, "--cork") && i + 1 < argc) {
+            opt.cork = argv[++i];
         } else {
             Usage(prog);
         }

@@ -8,10 +8,12 @@
 // Replies: in peek mode, when the manager says more packets of the same connection are
 // waiting in this tick, the echo is corked (SendCorked) and every corked connection is
 // flushed once at the end of the tick; a lone packet is sent at once (Send, straight from the
-// connector's block to the socket when it is writable). The receive callback is never told
-// whether more packets follow (its `more` is always false), so callback mode corks every
-// reply: one flush per connection and tick, at the price of copying each reply into a block. A reply refused
-// for lack of room leaves the packet in the ring, so a slow reader slows its own connection down through TCP.
+// connector's block to the socket when it is writable). In callback mode `more` says that
+// bytes after the packet were already read, and replies are corked the same way.
+// A reply refused for lack of room leaves the packet in the ring, so a slow reader slows its
+// own connection down through TCP.
+//
+//   --cork off       never cork: every reply is a direct Send (to measure what corking buys).
 #include <signal.h>
 
 #include <cstdio>
@@ -34,34 +36,34 @@ void OnStopSignal(int) {
 
 class CEchoHandler : public QUOLNET::IConnectorHandler {
   public:
-    CEchoHandler(bool sink, bool always_cork) : m_sink(sink), m_always_cork(always_cork) {}
+    CEchoHandler(bool sink, bool cork) : m_sink(sink), m_cork(cork) {}
     CEchoHandler(const CEchoHandler&) = delete;
     CEchoHandler& operator=(const CEchoHandler&) = delete;
 
     bool OnPacket(QUOLNET::CConnectorMgr* mgr, QUOLNET::ConnId id, const char* data, unsigned int len,
                   bool more) override {
         if (!m_sink) {
-            // Packets of one connection arrive back to back, so one remembered id is enough to
-            // keep the last packet of a corked run corked too.
-            bool cork = m_always_cork || more || id == m_cork_id;
+            // Packets of one connection arrive back to back, so one remembered id is enough
+            // to keep the last packet of a corked run corked too.
+            bool cork = m_cork && (more || id == m_last_id);
             int ret = cork ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
             if (ret == 0)
                 return false;  // no room now: offered again shortly
-            m_cork_id = more ? id : 0;
+            m_last_id = more ? id : 0;
         }
         ++m_packets;
         m_bytes += len;
         return true;
     }
-    void OnTick(QUOLNET::CConnectorMgr*) override { m_cork_id = 0; }
+    void OnTick(QUOLNET::CConnectorMgr*) override { m_last_id = 0; }
 
     uint64_t Packets() const { return m_packets; }
     uint64_t Bytes() const { return m_bytes; }
 
   private:
     bool m_sink;
-    bool m_always_cork;             // the callback cannot tell whether more packets follow
-    QUOLNET::ConnId m_cork_id = 0;  // connection with corked replies in this tick
+    bool m_cork;                    // false: every reply is a direct Send
+    QUOLNET::ConnId m_last_id = 0;  // see OnPacket; cleared at the end of each tick
     uint64_t m_packets = 0;
     uint64_t m_bytes = 0;
 };
@@ -76,7 +78,12 @@ int main(int argc, char** argv) {
         return 2;
     }
     RaiseFdLimit();
-    CEchoHandler handler(opt.sink, mode == "callback");
+    std::string cork = opt.cork ? opt.cork : "on";
+    if (cork != "on" && cork != "off") {
+        std::fprintf(stderr, "bench_server_quolnet: --cork on|off\n");
+        return 2;
+    }
+    CEchoHandler handler(opt.sink, cork == "on");
     QUOLNET::ConnectorMgrOptions options;
     options.use_recv_callback = mode == "callback";
     options.pool_blocks = 16384;  // made on demand: 1000 connections x 256 KiB packets fit

@@ -28,8 +28,10 @@ class IConnectorHandler {
     }
 
     // One whole packet (header included). `data` is valid only during the call. `more` is
-    // true when further packets of this connection are already waiting, so replies can be
-    // corked (CConnectorMgr::SendCorked) and leave with one flush at the end of the tick.
+    // true when further packets of this connection are already waiting (with
+    // use_recv_callback: when bytes after this packet were already read, usually the next
+    // packet, offered in the same tick), so replies can be corked
+    // (CConnectorMgr::SendCorked) and leave with one flush at the end of the tick.
     // Return true when the packet is consumed; false leaves it (and the ones behind it)
     // queued and pauses delivery on this connection; the manager offers it again on a later
     // tick (within about a millisecond). While packets wait, the connection stops reading

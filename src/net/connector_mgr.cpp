@@ -33,6 +33,7 @@ CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptio
       m_accept_retry_timer(0),
       m_accept_pause_cnt(0),
       m_next_id(0),
+      m_delivering(nullptr),
       m_next_timer_id(0),
       m_running_timer(0),
       m_running_cancelled(false),
@@ -299,7 +300,11 @@ int CConnectorMgr::RecvCallback(const char* url, const char* data, int len, void
         mgr->m_handler == nullptr) {
         return c->close_requested ? 1 : 0;
     }
-    if (mgr->m_handler->OnPacket(mgr, c->id, data, static_cast<unsigned int>(len), false)) {
+    mgr->m_delivering = c;
+    bool more = c->connector->GetUnframedLen() > 0;
+    bool taken = mgr->m_handler->OnPacket(mgr, c->id, data, static_cast<unsigned int>(len), more);
+    mgr->m_delivering = nullptr;
+    if (taken) {
         return 1;
     }
     c->refused = true;
@@ -310,7 +315,10 @@ int CConnectorMgr::Deliver(Conn* c) {
     CTcpConnector* k = c->connector.get();
     c->refused = false;
     int n = 0;
-    while (!c->close_requested) {
+    // Only framing adds packets, and it runs on this thread outside Deliver; so the count
+    // taken once here only falls, by one per Drop, while the handler is offered packets.
+    int left = k->GetPacketInfoCnt();
+    while (!c->close_requested && left > 0) {
         const char* buf = nullptr;
         unsigned int len = 0;
         int ret = k->Peek(&buf, len, nullptr);
@@ -322,12 +330,16 @@ int CConnectorMgr::Deliver(Conn* c) {
         if (buf == nullptr) {
             break;
         }
-        bool more = k->GetPacketInfoCnt() > 1;
-        if (m_handler == nullptr || !m_handler->OnPacket(this, c->id, buf, len, more)) {
+        bool more = left > 1;
+        m_delivering = c;
+        bool taken = m_handler != nullptr && m_handler->OnPacket(this, c->id, buf, len, more);
+        m_delivering = nullptr;
+        if (!taken) {
             c->refused = true;
             break;
         }
         k->Drop();
+        --left;
         ++n;
     }
     return n;
@@ -578,7 +590,37 @@ void CConnectorMgr::ResumeListeners() {
     }
 }
 
+int CConnectorMgr::SendOnLoop(ConnId id, const char* buf, unsigned int len, bool corked) {
+    // The loop thread is the only one that adds or removes connections and closes
+    // descriptors, so on it the map and the descriptor need no lock. A reply to the packet
+    // being offered (the common case) skips the lookup too.
+    Conn* c = m_delivering;
+    if (c == nullptr || c->id != id) {
+        auto it = m_by_id.find(id);
+        if (it == m_by_id.end()) {
+            return -1;
+        }
+        c = it->second;
+    }
+    CTcpConnector* k = c->connector.get();
+    if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->fd < 0) {
+        return -1;
+    }
+    int ret = corked ? k->SendToQ(buf, len, nullptr) : k->Send(buf, len, nullptr);
+    if (ret < 0) {
+        c->send_failed = true;
+        Queue(c);
+    } else if (corked && ret > 0 && !c->corked) {
+        c->corked = true;
+        m_corked.push_back(c);
+    }
+    return ret;
+}
+
 int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool corked) {
+    if (OnLoopThread()) {
+        return SendOnLoop(id, buf, len, corked);
+    }
     int ret = -1;
     Conn* failed = nullptr;
     {
@@ -592,21 +634,16 @@ int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool c
         if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->fd < 0) {
             return -1;
         }
+        // Another thread cannot touch the loop's cork list: its queued packet leaves with the
+        // next flush of this connection, at the latest when the socket reports writability.
         ret = corked ? k->SendToQ(buf, len, nullptr) : k->Send(buf, len, nullptr);
         if (ret < 0) {
             c->send_failed = true;
             failed = c;
-        } else if (corked && ret > 0 && OnLoopThread() && !c->corked) {
-            c->corked = true;
-            m_corked.push_back(c);
         }
     }
     if (failed != nullptr) {
-        if (OnLoopThread()) {
-            Queue(failed);
-        } else {
-            Wake();
-        }
+        Wake();
     }
     return ret;
 }

@@ -38,9 +38,11 @@
 //   loop thread   everything not marked otherwise below;
 //   any thread    Send, SendCorked, Close, Post, Stop, RequestStats, AddTimer, CancelTimer,
 //                 IsConnected, GetConnectionCount;
-//   m_conn_lock   (shared_mutex) the id map: taken shared by Send/SendCorked/IsConnected for
-//                 the lookup and the whole connector call, exclusively by the loop thread
-//                 when it adds or removes a connection, connects, or closes a descriptor;
+//   m_conn_lock   (shared_mutex) the id map: taken shared by Send/SendCorked/IsConnected on
+//                 other threads for the lookup and the whole connector call, exclusively by
+//                 the loop thread when it adds or removes a connection, connects, or closes
+//                 a descriptor. Send/SendCorked on the loop thread take no lock: only that
+//                 thread changes the map or closes descriptors;
 //   m_post_mutex  the mailbox of posted functions; m_timer_mutex the timers.
 // Stop() is async-signal-safe (an atomic store and a write to the eventfd).
 #pragma once
@@ -127,8 +129,9 @@ class CConnectorMgr {
     // later), -1 when the id is unknown or the connection is not established, or another
     // negative code when the write failed (the connection is then closed by the loop).
     int Send(ConnId id, const char* buf, unsigned int len);
-    // Queues one whole packet; the loop flushes each corked connection once at the end of
-    // the tick (or the writable socket does). Results as Send.
+    // Queues one whole packet; on the loop thread, the loop flushes each corked connection
+    // once at the end of the tick. From another thread the packet leaves when the socket
+    // reports writability (queueing onto an empty queue asks for that). Results as Send.
     int SendCorked(ConnId id, const char* buf, unsigned int len);
     // Ends a connection (no reconnect); queued packets already received are still offered.
     // Any thread (posted to the loop).
@@ -228,6 +231,7 @@ class CConnectorMgr {
     void DrainWork();
     void Queue(Conn* conn);
     int SendImpl(ConnId id, const char* buf, unsigned int len, bool corked);
+    int SendOnLoop(ConnId id, const char* buf, unsigned int len, bool corked);
     void CloseNow(ConnId id);
     bool OnLoopThread() const;
 
@@ -253,6 +257,7 @@ class CConnectorMgr {
     std::unordered_map<ConnId, Conn*> m_by_id;  // writes: loop thread under m_conn_lock exclusive
     std::unordered_map<CTcpConnector*, Conn*> m_by_connector;  // loop thread only
     ConnId m_next_id;
+    Conn* m_delivering;  // the connection whose packet OnPacket is handling (loop thread)
 
     std::vector<Conn*> m_work;       // connections to service this tick (loop thread)
     std::vector<Conn*> m_pending;    // work carried over to the next tick (loop thread)

@@ -22,7 +22,7 @@ CNetBufferMgr::~CNetBufferMgr() {
     }
 }
 
-NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timeval& now) {
+NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timeval* now) {
     NetBuffer* buf = nullptr;
     LIST_NODE* node = m_free.RemoveHead();
     if (node != nullptr) {
@@ -38,7 +38,9 @@ NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timev
     buf->Clear();
     buf->m_is_rx_buf = is_rx ? 1 : 0;
     buf->m_is_big_buf = is_big ? 1 : 0;
-    buf->m_tv = now;
+    if (now != nullptr) {
+        buf->m_tv = *now;
+    }
     ++m_used;
     if (m_used > m_peak_used) {
         m_peak_used = m_used;
@@ -48,18 +50,22 @@ NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timev
 
 void CNetBufferMgr::GiveBackLocked(NetBuffer* buf) {
     buf->m_node.pData = buf;
-    m_free.Insert(&buf->m_node);
+    // Last in, first out: the block handed out next is the one whose memory is still warm in
+    // the cache, so a steady load cycles through a few blocks instead of the whole pool.
+    m_free.InsertHead(&buf->m_node);
     --m_used;
 }
 
 NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
     struct timeval now;
-    gettimeofday(&now, nullptr);
+    if (is_rx) {
+        gettimeofday(&now, nullptr);
+    }
     AutoLocker locker(&m_mutex);
     if (m_used >= m_max_block_num) {
         return nullptr;
     }
-    return TakeLocked(is_rx, is_big, now);
+    return TakeLocked(is_rx, is_big, is_rx ? &now : nullptr);
 }
 
 bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
@@ -69,14 +75,16 @@ bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
     unsigned int need =
         static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
     struct timeval now;
-    gettimeofday(&now, nullptr);
+    if (is_rx) {
+        gettimeofday(&now, nullptr);
+    }
     CBidirList got;
     AutoLocker locker(&m_mutex);
     if (m_max_block_num - m_used < need || m_used > m_max_block_num) {
         return false;
     }
     for (unsigned int i = 0; i < need; ++i) {
-        NetBuffer* b = TakeLocked(is_rx, is_rx, now);
+        NetBuffer* b = TakeLocked(is_rx, is_rx, is_rx ? &now : nullptr);
         if (b == nullptr) {  // out of memory: undo
             while (LIST_NODE* n = got.RemoveHead()) {
                 GiveBackLocked(static_cast<NetBuffer*>(n->pData));
@@ -118,7 +126,7 @@ bool CNetBufferMgr::Copy(const CBidirList& from, CBidirList& to) {
             return false;
         }
         for (LIST_NODE* n = from.Head(); n != nullptr; n = n->pNext) {
-            NetBuffer* b = TakeLocked(false, false, now);
+            NetBuffer* b = TakeLocked(false, false, &now);
             if (b == nullptr) {
                 while (LIST_NODE* g = got.RemoveHead()) {
                     GiveBackLocked(static_cast<NetBuffer*>(g->pData));

@@ -6,9 +6,12 @@
 // after every borrower has released its blocks (blocks still out at destruction are freed
 // too, so a late Release would touch freed memory).
 //
-// Every block handed out (singly, in a chain or as a copy) is empty unless copied, has its
-// node's pData pointing at itself and carries the time it was handed out in m_tv (a copy
-// too: its wait starts when it is made, not when the original was).
+// Every block handed out (singly, in a chain or as a copy) is empty unless copied and has its
+// node's pData pointing at itself. Receive blocks (is_rx) and copies carry the time they
+// were handed out in m_tv (a copy's wait starts when it is made, not when the original's
+// did); send blocks come with m_tv zero, because the send path stamps a block when it puts
+// the first bytes in and would overwrite the pool's stamp anyway. Released blocks are
+// handed out again last in, first out, so a steady load reuses blocks that are still cached.
 //
 // Send blocks and receive blocks come from the same pool. So that a flood of outgoing data
 // cannot starve reading (and so stall every connection that waits for a reply),
@@ -81,7 +84,7 @@ class CNetBufferMgr {
   private:
     // Takes a block from the free list or makes one; caller holds m_mutex and has checked
     // the limit.
-    NetBuffer* TakeLocked(bool is_rx, bool is_big, const struct timeval& now);
+    NetBuffer* TakeLocked(bool is_rx, bool is_big, const struct timeval* now);  // null now: m_tv zero
     void GiveBackLocked(NetBuffer* buf);
 
     const unsigned int m_max_block_num;

@@ -108,6 +108,11 @@ class CTcpConnector : public CConnector {
     void SetEvent(unsigned int events) override;
     unsigned int GetEvent() override;
     bool IsWaitAllocBigBuffer() { return m_is_wait_alloc_big_buffer; }
+    // Bytes already read from the socket beyond the last packet framed (the unread rest of
+    // the current receive block). Update thread only. Called from the receive callback, a
+    // nonzero value means more data follows the packet being delivered, so the next packet
+    // is likely to be delivered in the same call; an owner can cork its replies on it.
+    int GetUnframedLen() const { return m_rx_buffer != nullptr ? m_rx_buffer->ReadRemaining() : 0; }
     void GetIPAndPort(int& ip, int& port) override;
     // Dials the parsed URL without blocking, registering the socket with epoll first
     // (EPOLLIN|EPOLLOUT|EPOLLERR, level-triggered, data.ptr = this). Returns 0 with status 1

@@ -494,8 +494,10 @@ int CTcpConnector::Drop() {
         }
     }
 
+    // The clock is read once, when the first block is freed: most drops free nothing (the
+    // next packet shares the block), and the time is used for nothing else.
     struct timeval now;
-    gettimeofday(&now, nullptr);
+    bool have_now = false;
     NetBuffer* head_block = m_packet_head_idx != -1 ? m_packet_info[m_packet_head_idx].buffer : nullptr;
     for (;;) {
         LIST_NODE* front = m_rx_queue.Head();
@@ -506,6 +508,10 @@ int CTcpConnector::Drop() {
         if ((m_packet_head_idx != -1 && block == head_block) || block == m_rx_buffer ||
             block == m_rx_packet.buffer) {
             break;
+        }
+        if (!have_now) {
+            gettimeofday(&now, nullptr);
+            have_now = true;
         }
         int wait = WaitMicros(block->m_tv, now);
         if (wait < 0) {

@@ -4,6 +4,7 @@
 #include "net/connector_mgr.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -140,9 +141,10 @@ TEST_F(ConnectorMgrTest, MultiBlockPacketsUpToOneMebibyteEchoIntact) {
 // Records what a client connection saw.
 class RecordingHandler : public QUOLNET::IConnectorHandler {
   public:
-    bool OnPacket(CConnectorMgr*, ConnId, const char* data, unsigned int len, bool) override {
+    bool OnPacket(CConnectorMgr*, ConnId, const char* data, unsigned int len, bool more) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         packets.emplace_back(data, len);
+        mores.push_back(more);
         m_cv.notify_all();
         return true;
     }
@@ -166,6 +168,7 @@ class RecordingHandler : public QUOLNET::IConnectorHandler {
     std::mutex m_mutex;
     std::condition_variable m_cv;
     std::vector<std::string> packets;
+    std::vector<bool> mores;  // OnPacket's `more`, one per packet
     int connected = 0;
     int closed = 0;
     size_t packets_at_close = 0;
@@ -463,6 +466,88 @@ TEST_F(ConnectorMgrTest, AReplyFollowedAtOnceByACloseIsDeliveredBeforeTheClose) 
         EXPECT_EQ(0u, client.GetConnectionCount());
     }
     peer.Close();
+}
+
+// `more` tells the handler that another packet of the connection follows in this tick: with
+// Peek/Drop, a packet already framed behind it; with the receive callback, bytes already read
+// behind it. Three packets written at once are offered as more, more, last in both modes.
+class MoreFlagTest : public ConnectorMgrTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(MoreFlagTest, ThreePacketsReadTogetherAreOfferedAsMoreMoreLast) {
+    RecordingHandler h;
+    ConnectorMgrOptions o;
+    o.pool = &m_pool;
+    o.use_recv_callback = GetParam();
+    {
+        CConnectorMgr server(&h, o);
+        ASSERT_EQ(0, server.Init());
+        int port = server.Listen("tcp://127.0.0.1:0");
+        ASSERT_GT(port, 0);
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        ASSERT_GE(fd, 0);
+        struct sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(0, connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)));
+        for (int i = 0; i < 400 && h.connected == 0; ++i) {
+            server.RunOnce(25);
+        }
+        ASSERT_EQ(1, h.connected);
+        std::string three = Packet("one") + Packet("two") + Packet("three");
+        ASSERT_TRUE(qntest::WriteAll(fd, three.data(), three.size()));
+        for (int i = 0; i < 400 && h.packets.size() < 3; ++i) {
+            server.RunOnce(25);
+        }
+        ASSERT_EQ(3u, h.packets.size());
+        EXPECT_EQ(Packet("three"), h.packets[2]);
+        EXPECT_EQ((std::vector<bool>{true, true, false}), h.mores);
+        close(fd);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(PeekAndCallback, MoreFlagTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& param) {
+                             return std::string(param.param ? "Callback" : "Peek");
+                         });
+
+// SendCorked from a thread other than the loop's never touches the loop's list of corked
+// connections; its packet leaves when the socket reports writability (queueing onto an
+// empty send queue asks epoll for that).
+TEST_F(ConnectorMgrTest, CorkedSendsFromAForeignThreadArriveWithoutALoopFlush) {
+    ServerThread server(&m_pool);
+    ASSERT_TRUE(server.ok());
+    server.Start();
+    RecordingHandler h;
+    ConnectorMgrOptions o;
+    o.pool = &m_pool;
+    {
+        CConnectorMgr client(&h, o);
+        ASSERT_EQ(0, client.Init());
+        ConnId id = client.Dial(server.url().c_str());
+        ASSERT_NE(0u, id);
+        std::thread loop([&client]() { client.Run(); });
+        ASSERT_TRUE(h.WaitFor([&h]() { return h.connected == 1; }));
+        const int kPackets = 300;
+        std::thread sender([&client, id]() {
+            for (int i = 0; i < kPackets; ++i) {
+                std::string p = Packet("corked " + std::to_string(i));
+                int ret;
+                while ((ret = client.SendCorked(id, p.data(), static_cast<unsigned int>(p.size()))) == 0) {
+                    std::this_thread::yield();  // no room now: retry
+                }
+                ASSERT_EQ(static_cast<int>(p.size()), ret);
+            }
+        });
+        sender.join();
+        ASSERT_TRUE(h.WaitFor([&h]() { return h.packets.size() == kPackets; }));
+        for (int i = 0; i < kPackets; ++i) {
+            EXPECT_EQ(Packet("corked " + std::to_string(i)), h.packets[static_cast<size_t>(i)]);
+        }
+        client.Stop();
+        loop.join();
+    }
+    server.Stop();
 }
 
 TEST(LengthPrefixParser, ReadsTheLengthAndRefusesShortAndOverlongOnes) {

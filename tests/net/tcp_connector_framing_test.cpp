@@ -204,6 +204,37 @@ TEST(TcpConnectorFraming, CallbackReturningZeroLeavesThePacketInTheRing) {
     EXPECT_EQ(p, got[0]);
 }
 
+struct UnframedProbe {
+    QUOLNET::CTcpConnector* c = nullptr;
+    std::vector<int> seen;  // GetUnframedLen() at each callback
+};
+
+int RecordUnframed(const char*, const char*, int, void* arg) {
+    UnframedProbe* probe = static_cast<UnframedProbe*>(arg);
+    probe->seen.push_back(probe->c->GetUnframedLen());
+    return 1;
+}
+
+TEST(TcpConnectorFraming, UnframedLenInTheCallbackCountsTheBytesAfterThePacket) {
+    UnframedProbe probe;
+    HarnessOptions o;
+    o.cb = &RecordUnframed;
+    o.cb_arg = &probe;
+    RecvHarness h(o);
+    ASSERT_TRUE(h.ok());
+    probe.c = &h.c();
+    EXPECT_EQ(0, h.c().GetUnframedLen());  // no block yet
+    // Two whole packets and the first 5 bytes of a third, read in one go.
+    std::string third = MakePacket(30, 3);
+    ASSERT_TRUE(h.Write(MakePacket(20, 1) + MakePacket(10, 2) + third.substr(0, 5)));
+    EXPECT_EQ(35, h.RecvBytes(35));
+    EXPECT_EQ((std::vector<int>{15, 5}), probe.seen);
+    EXPECT_EQ(0, h.c().GetUnframedLen());  // the partial packet's bytes are framed as received
+    ASSERT_TRUE(h.Write(third.substr(5)));
+    EXPECT_EQ(25, h.RecvBytes(25));
+    EXPECT_EQ((std::vector<int>{15, 5, 0}), probe.seen);  // the last packet: nothing follows
+}
+
 struct RingFiller {
     QUOLNET::CTcpConnector* c;
 };
