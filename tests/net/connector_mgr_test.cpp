@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "../../examples/echo_common.h"
+#include "echo_common.h"
 #include "support/log_capture.h"
 #include "support/net_helpers.h"
 

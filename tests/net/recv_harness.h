@@ -27,6 +27,7 @@
 #include "support/connector_peer.h"
 #include "support/log_capture.h"
 #include "support/net_helpers.h"
+#include "support/test_parser.h"
 
 namespace qntest {
 
@@ -61,17 +62,7 @@ class CByteParser : public QUOLNET::IPackParser {
     }
 };
 
-// A packet of `total` bytes for CBe32Parser (total >= 4): the header, then bytes that
-// depend on `seed` and the offset, so misplaced bytes are caught.
-inline std::string MakePacket(int total, uint32_t seed) {
-    std::string p(static_cast<size_t>(total), '\0');
-    uint32_t be = htonl(static_cast<uint32_t>(total));
-    memcpy(&p[0], &be, 4);
-    for (int i = 4; i < total; ++i) {
-        p[static_cast<size_t>(i)] = static_cast<char>((seed * 131u + static_cast<uint32_t>(i) * 7u) & 0xff);
-    }
-    return p;
-}
+// Packets for CBe32Parser come from MakePacket (support/test_parser.h): the same framing.
 
 // A packet of `total` (1..255) bytes for CByteParser.
 inline std::string MakeBytePacket(int total, uint32_t seed) {

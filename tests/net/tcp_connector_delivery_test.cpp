@@ -339,4 +339,34 @@ TEST(TcpConnectorCallback, QueuedAndConsumedPacketsMixed) {
     EXPECT_EQ(static_cast<unsigned>(h.c().GetRecvQCount()), h.pool().GetUsedCount());
 }
 
+// With the ring empty, the blocks in front of the delivered packet's block are released; a
+// packet whose block is not in the receive queue at all (a corrupted state) empties the queue
+// and ends with an error, leaving the packet's description as it was.
+TEST(TcpConnectorCallback, ReleaseWithThePacketsBlockMissingEmptiesTheQueueAndLogs) {
+    RecvHarness h;
+    ASSERT_TRUE(h.ok());
+    NetBuffer* a = h.pool().Allocate(true, false);
+    NetBuffer* b = h.pool().Allocate(true, false);
+    NetBuffer* stray = h.pool().Allocate(true, false);
+    ASSERT_TRUE(a != nullptr && b != nullptr && stray != nullptr);
+    Peer::m_rx_queue(h.c()).Insert(&a->m_node);
+    Peer::m_rx_queue(h.c()).Insert(&b->m_node);
+    Peer::m_rx_packet(h.c()).buffer = stray;  // not in the queue
+    Peer::m_rx_packet(h.c()).start_pos = 10;
+    Peer::m_rx_packet(h.c()).len = 20;
+    ASSERT_EQ(-1, Peer::m_packet_head_idx(h.c()));
+    ASSERT_EQ(3u, h.pool().GetUsedCount());
+    Peer::ReleaseCallBackPacket(h.c());
+    EXPECT_TRUE(h.log().Has(LOG_PRIORITY_DEBUG, "enter CTcpConnector::ReleaseCallBackPacket(), " + h.Who()));
+    EXPECT_TRUE(h.log().Has(LOG_PRIORITY_ERROR, "unexpected error, del_first_node=NULL, " + h.Who()))
+        << h.log().Dump();
+    EXPECT_EQ(0u, Peer::m_rx_queue(h.c()).Count());
+    EXPECT_EQ(1u, h.pool().GetUsedCount());  // a and b went back; the stray block is ours
+    EXPECT_EQ(stray, Peer::m_rx_packet(h.c()).buffer);
+    EXPECT_EQ(10, Peer::m_rx_packet(h.c()).start_pos);
+    EXPECT_EQ(20, Peer::m_rx_packet(h.c()).len);
+    memset(&Peer::m_rx_packet(h.c()), 0, sizeof(Peer::m_rx_packet(h.c())));
+    h.pool().Release(&stray);
+}
+
 }  // namespace

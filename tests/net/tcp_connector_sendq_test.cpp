@@ -197,6 +197,35 @@ TEST(SendQ, EpollFailureWhileArmingIsLoggedAndThePushCompletes) {
         << r.log.Dump();
 }
 
+// A caller that reserved too few blocks (no caller in the library does) runs out of nodes
+// while copying: the error names the packet, and the blocks filled so far, the old tail
+// among them, are dropped: neither queued nor given back to the pool.
+TEST(SendQ, PushWithTooFewReservedBlocksDropsWhatItFilled) {
+    SendRig r;
+    ASSERT_TRUE(r.ok);
+    std::string first = Pattern(100);
+    ASSERT_EQ(100, r.c().SendToQ(first.data(), 100, nullptr));
+    ASSERT_EQ(1u, r.QCount());
+    ASSERT_EQ(1u, r.pool.GetUsedCount());
+    QUOLNET::CBidirList list;
+    ASSERT_TRUE(r.pool.Allocate(1, list, false));  // one block; the packet needs two more
+    r.log.Clear();
+    std::string big = Pattern(140000, 2);  // 65436 into the old tail, 65536 into the block, 9028 left
+    Peer::PushSendQ(r.c(), big.data(), static_cast<int>(big.size()), list);
+    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_ERROR, Fmt("unexpected error, node=NULL, url=%s, local_url=%s, "
+                                                  "len=140000, list_size=0",
+                                                  r.Url().c_str(), r.LocalUrl().c_str())))
+        << r.log.Dump();
+    EXPECT_TRUE(list.IsEmpty());
+    EXPECT_EQ(0u, r.QCount());                      // the old tail went with the filled block
+    EXPECT_FALSE(Peer::m_tx_tail_detached(r.c()));  // a later push may use the queue again
+    EXPECT_EQ(2u, r.pool.GetUsedCount());           // both dropped, neither returned
+    std::string next = Pattern(50, 3);
+    EXPECT_EQ(50, r.c().SendToQ(next.data(), 50, nullptr));
+    EXPECT_EQ(next, r.Queued());
+    EXPECT_EQ(3u, r.pool.GetUsedCount());
+}
+
 TEST(SendQ, IsSendBufEnoughUsesAWrappedRoomWhenOverTheLimit) {
     SendRig r(64, 16);
     ASSERT_TRUE(r.ok);

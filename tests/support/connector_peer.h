@@ -1,5 +1,6 @@
 // CTcpConnectorTestPeer: white-box access to a connector's private state for the library's
-// own tests (the connector names this class as a friend). Each accessor returns a reference.
+// own tests (the connector names this class as a friend). Each field accessor returns a
+// reference; two private operations can be called directly.
 #pragma once
 
 #include "net/tcp_connector.h"
@@ -71,6 +72,14 @@ class CTcpConnectorTestPeer {
     QN_PEER_FIELD(m_recv_callback)
     QN_PEER_FIELD(m_callback_arg)
 #undef QN_PEER_FIELD
+
+    // Private operations, for the paths that only a corrupted state reaches.
+    static void PushSendQ(CTcpConnector& c, const char* buf, int len, CBidirList& list) {
+        c.PushSendQ(buf, len, list, nullptr);
+    }
+    static void ReleaseCallBackPacket(CTcpConnector& c) {
+        c.ReleaseCallBackPacket();
+    }
 };
 
 }  // namespace QUOLNET
