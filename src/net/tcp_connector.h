@@ -246,16 +246,7 @@ class CTcpConnector : public CConnector {
     int m_cb_combine_buf_len;
     Relaxed<int> m_socket;  // written under m_mutex, read by sending threads
     bool m_close_socket;
-    union {
-        struct sockaddr_in m_addr;
-        struct sockaddr_in6 m_addr6;
-    };
-    union {
-        int m_ip;
-        struct in6_addr m_ipv6;
-    };
     int m_port;
-    char m_peer_url[256];   // local address text
     CBidirList m_tx_queue;  // guarded by m_tx_mutex
     CBidirList m_rx_queue;  // guarded by m_rx_mutex
     CNetBufferMgr* m_net_buf_mgr;
@@ -270,7 +261,6 @@ class CTcpConnector : public CConnector {
     RECV_PACKET_STATUS m_rx_status;
     NetBuffer* m_rx_buffer;
     PacketInfo m_rx_packet;
-    PacketInfo m_packet_info[kPacketInfoSize];
     int m_packet_head_idx;  // guarded by m_rx_mutex
     int m_packet_tail_idx;  // guarded by m_rx_mutex
     bool m_is_wait_alloc_big_buffer;
@@ -290,7 +280,6 @@ class CTcpConnector : public CConnector {
     Relaxed<bool> m_is_last_rx_full;
     Relaxed<long> m_rx_packet_cnt;
     Relaxed<int64_t> m_tx_packet_cnt;
-    char m_to_string[512];
 
     std::atomic<bool> m_is_sending;  // the sending role; taken under m_tx_mutex
     // The mask last registered with epoll for m_socket (0: none known). Guarded by
@@ -300,6 +289,20 @@ class CTcpConnector : public CConnector {
     // by m_tx_mutex. A direct write must not start while it is set: the detached tail may
     // hold the rest of a packet whose start is already on the wire.
     bool m_tx_tail_detached = false;
+
+    // Large and rarely touched members come last, so that the fields every packet uses share
+    // a few cache lines instead of being spread around the 24 KB ring.
+    union {
+        struct sockaddr_in m_addr;
+        struct sockaddr_in6 m_addr6;
+    };
+    union {
+        int m_ip;
+        struct in6_addr m_ipv6;
+    };
+    char m_peer_url[256];  // local address text
+    char m_to_string[512];
+    PacketInfo m_packet_info[kPacketInfoSize];  // the ring; guarded by m_rx_mutex
 };
 
 }  // namespace QUOLNET
