@@ -300,6 +300,26 @@ def write_chart(outdir, prefix, rows, labels, results):
     return png
 
 
+def summary_lines(rows, labels, medians):
+    """One line per scenario: each server's median packets/s, with its ratio to the reference.
+    `medians` maps (row key, label) to the median packets/s."""
+    lines = ["| scenario | " + " | ".join(labels) + " |", "| --- |" + " ---: |" * len(labels)]
+    for r in rows:
+        key = row_key(r)
+        ref = medians.get((key, REFERENCE))
+        cells = []
+        for lab in labels:
+            v = medians.get((key, lab))
+            if v is None:
+                cells.append("-")
+            elif lab == REFERENCE or not ref:
+                cells.append(fmt_num(v))
+            else:
+                cells.append("%s (%.2fx)" % (fmt_num(v), v / ref))
+        lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    return lines
+
+
 def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, machine, failures):
     lines = ["# quolnet echo benchmarks" + (" (quick)" if args.quick else ""), ""]
     lines.append("Machine: %s, %s cores, kernel %s; commit %s; %s." % (
@@ -309,6 +329,18 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
                  % (args.server_cpu, args.client_cpu, args.runs, args.warmup, args.duration))
     lines.append("Ratio: the server's median packets/s over %s's. Syscalls/pkt: server syscalls per "
                  "echoed packet in an untimed run (`--syscalls`)." % REFERENCE)
+    lines.append("")
+    lines.append("Summary: median packets/s, in parentheses the ratio to %s." % REFERENCE)
+    lines.append("")
+    medians = {}
+    for r in rows:
+        for lab in labels:
+            m = summarize([x["pps"] for x in results.get((row_key(r), lab), [])])
+            if m is not None:
+                medians[(row_key(r), lab)] = m["med"]
+    lines += summary_lines(rows, labels, medians)
+    lines.append("")
+    lines.append("All figures:")
     lines.append("")
     lines.append("| scenario | server | packets/s | MiB/s | p50 us | p99 us | vs %s | syscalls/pkt |" % REFERENCE)
     lines.append("| --- | --- | ---: | ---: | ---: | ---: | ---: | ---: |")
