@@ -445,7 +445,18 @@ void CConnectorMgr::ServiceConn(Conn* c) {
     }
     if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->close_requested || c->send_failed) {
         BeginClose(c);
-    } else if (c->refused || k->IsWaitAllocBigBuffer()) {
+        return;
+    }
+    // EPOLLIN still set means reading stopped before the socket ran dry (a full ring, no
+    // block, a big packet's chain, or the round limit above). The level-triggered wait would
+    // report those bytes on every tick and spin, so EPOLLIN leaves the registration and the
+    // connection is retried from the pending list instead; reading resumes once a read
+    // reaches would-block again.
+    bool stalled = (k->GetEvent() & EPOLLIN) != 0;
+    if (stalled != c->read_paused && k->PauseReading(stalled) == 0) {
+        c->read_paused = stalled;
+    }
+    if (c->refused || k->IsWaitAllocBigBuffer() || stalled) {
         m_pending.push_back(c);
     }
 }
@@ -495,6 +506,7 @@ void CConnectorMgr::ReleaseFd(Conn* c) {
             c->fd = -1;
             released = true;
         }
+        c->read_paused = false;  // a pause ends with its socket
     }
     if (released) {
         ResumeListeners();

@@ -21,6 +21,10 @@
 //     manager sets EPOLLIN and runs Update again for that connector.
 //   - A connector waiting for the chain of a big packet (IsWaitAllocBigBuffer) is retried
 //     with its Recv() on every tick until the pool can supply the blocks.
+//   - A connection whose reading stopped with bytes still in the socket (any of the cases
+//     above) has EPOLLIN taken out of its registration (CTcpConnector::PauseReading) and
+//     is retried about every millisecond instead, so the level-triggered wait does not
+//     spin on bytes nobody can take; reading resumes once the socket has been drained.
 //
 // Descriptors: the manager owns every descriptor it accepts or dials. Connectors run with
 // SetCloseSocket(false), so neither Update's Disconnect nor Fini closes a descriptor behind
@@ -192,6 +196,7 @@ class CConnectorMgr {
         bool refused = false;          // the handler refused a packet; re-offer later
         bool in_work = false;          // already queued for this tick
         bool corked = false;           // in m_corked
+        bool read_paused = false;      // EPOLLIN out of the registration (PauseReading)
         int attempt = 0;               // connect attempts since the last success
         int backoff_ms = 0;
         uint64_t timer_id = 0;      // retry or connect-timeout timer

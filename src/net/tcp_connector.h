@@ -162,7 +162,19 @@ class CTcpConnector : public CConnector {
     //
     // Write readiness follows the queue: PushSendQ registers EPOLLIN|EPOLLOUT|EPOLLERR when
     // the queue goes from empty to non-empty, Sending registers EPOLLIN|EPOLLERR when it
-    // drains it; a registration equal to the last one made is skipped.
+    // drains it; a registration equal to the last one made is skipped. While the owner has
+    // paused reading (PauseReading), both masks are registered without EPOLLIN.
+
+    // Flow control for the owner. While reading is paused, the socket's epoll registration
+    // leaves out EPOLLIN (the send side still arms and disarms EPOLLOUT), so a
+    // level-triggered loop is not woken over and over for bytes this connector cannot take
+    // now (a full ring, no receive block, a big packet waiting for its chain); the kernel
+    // keeps them, and TCP slows the peer down. Resuming registers EPOLLIN again; bytes that
+    // arrived meanwhile are reported at once. A new registration (Init, Connect) or Close
+    // ends a pause. Any thread; takes m_tx_mutex. Returns 0, or -1 when epoll_ctl failed
+    // (errno kept; the next change of the registration tries again).
+    int PauseReading(bool paused);
+    bool IsReadingPaused();
 
     // Writes one whole packet, straight from `buf` when the socket is known writable
     // (EPOLLOUT in m_events) and nothing is queued; what the socket does not take is
@@ -289,6 +301,8 @@ class CTcpConnector : public CConnector {
     // by m_tx_mutex. A direct write must not start while it is set: the detached tail may
     // hold the rest of a packet whose start is already on the wire.
     bool m_tx_tail_detached = false;
+    // The owner paused reading: registrations leave out EPOLLIN. Guarded by m_tx_mutex.
+    bool m_read_paused = false;
 
     // Large and rarely touched members come last, so that the fields every packet uses share
     // a few cache lines instead of being spread around the 24 KB ring.

@@ -128,6 +128,9 @@ int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_c
 }
 
 int CTcpConnector::SetRegisteredEventsLocked(unsigned int events) {
+    if (m_read_paused) {
+        events &= ~static_cast<unsigned int>(EPOLLIN);  // the owner paused reading
+    }
     if (m_registered_events == events) {
         return 0;  // the registration already has this mask
     }
@@ -145,6 +148,27 @@ int CTcpConnector::SetRegisteredEventsLocked(unsigned int events) {
 void CTcpConnector::SetRegisteredEvents(unsigned int events) {
     AutoLocker locker(&m_tx_mutex);
     m_registered_events = events;
+    m_read_paused = false;  // a new registration (or none) starts with reading on
+}
+
+int CTcpConnector::PauseReading(bool paused) {
+    AutoLocker locker(&m_tx_mutex);
+    if (m_read_paused == paused) {
+        return 0;
+    }
+    m_read_paused = paused;
+    if (m_status == CONNECTOR_STATUS_DISCONNECTED || m_socket < 0) {
+        return 0;  // nothing registered; the next registration starts with reading on
+    }
+    // Keep the write side as it is registered; when that is unknown (a failed change),
+    // report writability: the flush disarms it again if nothing is queued.
+    bool armed = m_registered_events == 0 || (m_registered_events & EPOLLOUT) != 0;
+    return SetRegisteredEventsLocked(armed ? kArmedEvents : kDisarmedEvents);
+}
+
+bool CTcpConnector::IsReadingPaused() {
+    AutoLocker locker(&m_tx_mutex);
+    return m_read_paused;
 }
 
 void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead) {

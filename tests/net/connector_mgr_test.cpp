@@ -550,6 +550,84 @@ TEST_F(ConnectorMgrTest, CorkedSendsFromAForeignThreadArriveWithoutALoopFlush) {
     server.Stop();
 }
 
+// Refuses every packet until `accept` is set; then takes them in order.
+class GateHandler : public QUOLNET::IConnectorHandler {
+  public:
+    void OnConnected(CConnectorMgr*, ConnId conn_id, const char*, bool) override { id = conn_id; }
+    bool OnPacket(CConnectorMgr*, ConnId, const char* data, unsigned int len, bool) override {
+        if (!accept) {
+            return false;
+        }
+        if (len != 12 || CLengthPrefixParser::ReadHeader(data + 4) != static_cast<uint32_t>(count)) {
+            ++bad;
+        }
+        ++count;
+        return true;
+    }
+    bool accept = false;
+    ConnId id = 0;
+    int count = 0;
+    int bad = 0;
+};
+
+// Regression: while the application refused packets and the ring was full, the socket stayed
+// readable and the level-triggered wait returned at once on every tick: the loop spun at
+// full CPU until the application took packets again. Reading is now paused (EPOLLIN out of
+// the registration), the wait finds nothing ready, and reading resumes with the packets.
+TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
+    GateHandler h;
+    ConnectorMgrOptions o;
+    o.pool = &m_pool;
+    {
+        CConnectorMgr server(&h, o);
+        ASSERT_EQ(0, server.Init());
+        int port = server.Listen("tcp://127.0.0.1:0");
+        ASSERT_GT(port, 0);
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        ASSERT_GE(fd, 0);
+        struct sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(0, connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)));
+        for (int i = 0; i < 400 && h.id == 0; ++i) {
+            server.RunOnce(25);
+        }
+        ASSERT_NE(0u, h.id);
+        QUOLNET::CTcpConnector* k = server.GetConnector(h.id);
+        ASSERT_NE(nullptr, k);
+
+        const int kPackets = 1500;  // more than the ring's 1000
+        std::string stream;
+        for (int i = 0; i < kPackets; ++i) {
+            std::string seq(4, '\0');
+            CLengthPrefixParser::WriteHeader(&seq[0], static_cast<uint32_t>(i));
+            stream += Packet(std::string(seq) + "pay!");
+        }
+        ASSERT_TRUE(qntest::WriteAll(fd, stream.data(), stream.size()));
+        for (int i = 0; i < 400 && !k->IsReadingPaused(); ++i) {
+            server.RunOnce(25);
+        }
+        ASSERT_TRUE(k->IsReadingPaused());
+        EXPECT_EQ(1000, k->GetPacketInfoCnt());
+        EXPECT_EQ(0, qntest::RegisteredEvents(server.GetEpollFd(), k->GetSocket()) & EPOLLIN);
+        for (int i = 0; i < 5; ++i) {
+            EXPECT_EQ(0, server.RunOnce(0)) << "tick " << i;  // nothing ready: no spin
+        }
+        EXPECT_EQ(0, h.count);
+
+        h.accept = true;
+        for (int i = 0; i < 400 && h.count < kPackets; ++i) {
+            server.RunOnce(25);
+        }
+        EXPECT_EQ(kPackets, h.count);
+        EXPECT_EQ(0, h.bad);
+        EXPECT_FALSE(k->IsReadingPaused());
+        EXPECT_NE(0, qntest::RegisteredEvents(server.GetEpollFd(), k->GetSocket()) & EPOLLIN);
+        close(fd);
+    }
+}
+
 TEST(LengthPrefixParser, ReadsTheLengthAndRefusesShortAndOverlongOnes) {
     CLengthPrefixParser parser(100);
     char b[4];

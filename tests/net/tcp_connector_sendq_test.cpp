@@ -184,6 +184,44 @@ TEST(SendQ, ARegistrationAlreadyInPlaceIsNotRepeated) {
     EXPECT_EQ(0u, Peer::m_registered_events(r.c()));
 }
 
+// While the owner has paused reading, the send side keeps arming and disarming writability
+// but never registers EPOLLIN; resuming puts it back on the mask in place.
+TEST(SendQ, PausedReadingLeavesEpollinOutOfEveryRegistration) {
+    SendRig r;
+    ASSERT_TRUE(r.ok);
+    const long kArmedNoIn = kArmedMask & ~static_cast<long>(EPOLLIN);
+    const long kDisarmedNoIn = kDisarmedMask & ~static_cast<long>(EPOLLIN);
+    EXPECT_EQ(kArmedMask, r.Registered());  // Init registered 13
+    EXPECT_FALSE(r.c().IsReadingPaused());
+    EXPECT_EQ(0, r.c().PauseReading(true));
+    EXPECT_TRUE(r.c().IsReadingPaused());
+    EXPECT_EQ(kArmedNoIn, r.Registered());
+    EXPECT_EQ(0, r.c().PauseReading(true));  // already paused: nothing changes
+    EXPECT_EQ(kArmedNoIn, r.Registered());
+
+    r.c().SetEvent(EPOLLOUT);
+    EXPECT_EQ(0, r.c().Send());  // nothing queued: writability off, reading still out
+    EXPECT_EQ(kDisarmedNoIn, r.Registered());
+    EXPECT_EQ(3, r.c().SendToQ("abc", 3, nullptr));  // the queue fills: writability on
+    EXPECT_EQ(kArmedNoIn, r.Registered());
+    EXPECT_EQ(3, r.c().Send());
+    EXPECT_EQ("abc", r.ReadPeer(3));
+    EXPECT_EQ(kDisarmedNoIn, r.Registered());
+
+    EXPECT_EQ(0, r.c().PauseReading(false));
+    EXPECT_FALSE(r.c().IsReadingPaused());
+    EXPECT_EQ(kDisarmedMask, r.Registered());
+    EXPECT_EQ(3, r.c().SendToQ("def", 3, nullptr));
+    EXPECT_EQ(kArmedMask, r.Registered());
+
+    // Close ends a pause: the next connection starts with reading on.
+    EXPECT_EQ(0, r.c().PauseReading(true));
+    r.c().Close(nullptr);
+    EXPECT_FALSE(r.c().IsReadingPaused());
+    EXPECT_EQ(0, r.c().PauseReading(true));  // no socket: only remembered, until a registration
+    EXPECT_EQ(0u, Peer::m_registered_events(r.c()));
+}
+
 TEST(SendQ, EpollFailureWhileArmingIsLoggedAndThePushCompletes) {
     SendRig r;
     ASSERT_TRUE(r.ok);

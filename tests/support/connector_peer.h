@@ -62,6 +62,7 @@ class CTcpConnectorTestPeer {
     QN_PEER_FIELD(m_is_sending)
     QN_PEER_FIELD(m_registered_events)
     QN_PEER_FIELD(m_tx_tail_detached)
+    QN_PEER_FIELD(m_read_paused)
     // base fields
     QN_PEER_FIELD(m_status)
     QN_PEER_FIELD(m_url)
