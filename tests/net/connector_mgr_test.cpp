@@ -34,6 +34,21 @@ std::string Packet(const std::string& payload) {
     return p + payload;
 }
 
+// Dials the manager's first listener with a blocking socket; the descriptor, or -1.
+int DialListener(CConnectorMgr& mgr) {
+    struct sockaddr_storage ss;
+    socklen_t len = 0;
+    if (QUOLNET::CTcpListener::ParseURL(mgr.GetListenURL(0).c_str(), &ss, &len, nullptr) != 0) {
+        return -1;
+    }
+    int fd = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
 // An echo server on its own thread.
 class ServerThread {
   public:
@@ -410,11 +425,8 @@ TEST_F(ConnectorMgrTest, BurstOfFiveThousandPacketsIsFullyDeliveredToASlowApplic
         ASSERT_EQ(0, server.Init());
         ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
         std::thread loop([&server]() { server.Run(); });
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        struct sockaddr_storage ss;
-        socklen_t len = 0;
-        ASSERT_EQ(0, QUOLNET::CTcpListener::ParseURL(server.GetListenURL(0).c_str(), &ss, &len, nullptr));
-        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&ss), len));
+        int fd = DialListener(server);
+        ASSERT_GE(fd, 0);
         std::string burst;
         for (uint32_t i = 0; i < 5000; ++i) {
             char p[12];
@@ -481,15 +493,9 @@ TEST_P(MoreFlagTest, ThreePacketsReadTogetherAreOfferedAsMoreMoreLast) {
     {
         CConnectorMgr server(&h, o);
         ASSERT_EQ(0, server.Init());
-        int port = server.Listen("tcp://127.0.0.1:0");
-        ASSERT_GT(port, 0);
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
+        int fd = DialListener(server);
         ASSERT_GE(fd, 0);
-        struct sockaddr_in addr = {};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(0, connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)));
         for (int i = 0; i < 400 && h.connected == 0; ++i) {
             server.RunOnce(25);
         }
@@ -581,15 +587,9 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
     {
         CConnectorMgr server(&h, o);
         ASSERT_EQ(0, server.Init());
-        int port = server.Listen("tcp://127.0.0.1:0");
-        ASSERT_GT(port, 0);
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
+        int fd = DialListener(server);
         ASSERT_GE(fd, 0);
-        struct sockaddr_in addr = {};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(0, connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)));
         for (int i = 0; i < 400 && h.id == 0; ++i) {
             server.RunOnce(25);
         }
