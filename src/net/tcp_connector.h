@@ -245,6 +245,10 @@ class CTcpConnector : public CConnector {
     // Sets the socket's epoll registration to `events` unless it already has that mask.
     // Caller holds m_tx_mutex. 0, or -1 with errno set by epoll_ctl.
     int SetRegisteredEventsLocked(unsigned int events);
+    // The queue-limit refusal shared by Send and SendToQ: when `len` more bytes in fresh
+    // blocks would take the queue over m_max_tx_buf_num, logs the DEBUG line to `cat`, marks
+    // the send side full (counted once per episode) and returns true.
+    bool RefuseOverQueueLimit(int len, LogCategory* cat);
     // Records `events` as the socket's registration after Init/Connect registered it (or 0
     // after Close removed it). Takes m_tx_mutex; callers may hold m_mutex.
     void SetRegisteredEvents(unsigned int events);

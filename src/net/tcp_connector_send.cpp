@@ -62,6 +62,19 @@ bool CTcpConnector::IsExceedMaxTxBufCnt(int len) {
     return static_cast<unsigned int>(blk_cnt) + m_tx_queue.Count() > m_max_tx_buf_num;
 }
 
+bool CTcpConnector::RefuseOverQueueLimit(int len, LogCategory* cat) {
+    if (!IsExceedMaxTxBufCnt(len)) {
+        return false;
+    }
+    QN_LOG(cat, QN_DEBUG, "exceed max tx buf cnt, url=%s, local_url=%s, len=%d", GetURL(), GetLocalURL(),
+           len);
+    if (!m_is_last_tx_full) {
+        m_is_last_tx_full = true;
+        ++m_tx_buf_full_cnt;
+    }
+    return true;
+}
+
 bool CTcpConnector::IsSendBufEnough(unsigned int len) {
     if (m_status != CONNECTOR_STATUS_CONNECTED) {
         return false;
@@ -94,13 +107,7 @@ int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_c
         return -1;
     }
 
-    if (IsExceedMaxTxBufCnt(static_cast<int>(len))) {
-        QN_LOG(cat, QN_DEBUG, "exceed max tx buf cnt, url=%s, local_url=%s, len=%d", GetURL(), GetLocalURL(),
-               static_cast<int>(len));
-        if (!m_is_last_tx_full) {
-            m_is_last_tx_full = true;
-            ++m_tx_buf_full_cnt;
-        }
+    if (RefuseOverQueueLimit(static_cast<int>(len), cat)) {
         return 0;
     }
 
@@ -249,13 +256,7 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
                GetLocalURL(), static_cast<const void*>(buf), static_cast<int>(len));
         return -1;
     }
-    if (IsExceedMaxTxBufCnt(static_cast<int>(len))) {
-        QN_LOG(cat, QN_DEBUG, "exceed max tx buf cnt, url=%s, local_url=%s, len=%d", GetURL(), GetLocalURL(),
-               static_cast<int>(len));
-        if (!m_is_last_tx_full) {
-            m_is_last_tx_full = true;
-            ++m_tx_buf_full_cnt;
-        }
+    if (RefuseOverQueueLimit(static_cast<int>(len), cat)) {
         return 0;
     }
 

@@ -25,6 +25,9 @@
 
 namespace {
 
+using qntest::FdOpen;
+using qntest::Fmt;
+
 // Armed faults and what the seams saw. Tests run on one thread.
 struct Seams {
     int socket_errno = 0;       // nonzero: socket() fails with it
@@ -153,20 +156,6 @@ class NoParser : public QUOLNET::IPackParser {
   public:
     int ParsePackLength(const char*, unsigned int) override { return 0; }
 };
-
-bool FdOpen(int fd) {
-    return fd >= 0 && fcntl(fd, F_GETFD) != -1;
-}
-
-std::string Fmt(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string Fmt(const char* fmt, ...) {
-    char buf[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof(buf), fmt, ap);
-    va_end(ap);
-    return buf;
-}
 
 class ConnectFaultsTest : public ::testing::Test {
   protected:

@@ -23,6 +23,9 @@
 
 namespace {
 
+using qntest::FdOpen;
+using qntest::Fmt;
+
 using QUOLNET::CNetBufferMgr;
 using QUOLNET::CTcpConnector;
 using Peer = QUOLNET::CTcpConnectorTestPeer;
@@ -38,20 +41,6 @@ class NoParser : public QUOLNET::IPackParser {
 // EPOLLHUP to every registration itself. No EPOLLET bit. The exact mask passed to epoll_ctl
 // is pinned by the fault-seam test.
 const long kRegistered = EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP;
-
-bool FdOpen(int fd) {
-    return fd >= 0 && fcntl(fd, F_GETFD) != -1;
-}
-
-std::string Fmt(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string Fmt(const char* fmt, ...) {
-    char buf[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof(buf), fmt, ap);
-    va_end(ap);
-    return buf;
-}
 
 // Accepts and closes whatever the listener has completed, without waiting.
 void DrainListener(int listen_fd) {

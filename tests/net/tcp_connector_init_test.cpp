@@ -34,24 +34,13 @@ extern "C" int __wrap_epoll_ctl(int epfd, int op, int fd, struct epoll_event* ev
 
 namespace {
 
+using qntest::FdOpen;
+using qntest::Fmt;
+
 class FixedParser : public IPackParser {
   public:
     int ParsePackLength(const char*, unsigned int) override { return 4; }
 };
-
-std::string Fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string Fmt(const char* format, ...) {
-    char buf[1024];
-    va_list ap;
-    va_start(ap, format);
-    vsnprintf(buf, sizeof(buf), format, ap);
-    va_end(ap);
-    return buf;
-}
-
-bool FdOpen(int fd) {
-    return fcntl(fd, F_GETFD) != -1;
-}
 
 // The kernel adds EPOLLERR and EPOLLHUP to every registration, so the mask read back from
 // /proc is the requested EPOLLIN|EPOLLOUT|EPOLLERR (13) plus EPOLLHUP. The mask the connector

@@ -3,12 +3,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <cstdarg>
-#include <cstdio>
 
 #include <memory>
 #include <string>
@@ -115,22 +113,41 @@ struct SendRig {
     bool ok = false;
 };
 
+// The owner's loop: waits for writability and flushes until the queue is empty, while the
+// peer's bytes are read into `got`. Returns false on a time-out or a failed flush.
+inline bool DrainAll(SendRig& r, std::string* got, size_t expect_total) {
+    SetSmallBuffers(r.fd, 1 << 20, 0);  // the peer resumes at full speed
+    SetSmallBuffers(r.peer, 0, 1 << 20);
+    std::vector<char> buf(1 << 20);
+    for (int rounds = 0; rounds < 100000; ++rounds) {
+        ssize_t n = recv(r.peer, buf.data(), buf.size(), MSG_DONTWAIT);
+        if (n > 0) {
+            got->append(buf.data(), static_cast<size_t>(n));
+        }
+        if (r.QCount() == 0 && got->size() >= expect_total) {
+            return true;
+        }
+        unsigned int events = 0;
+        void* data = nullptr;
+        if (WaitEpoll(r.epfd, &events, &data, 0) > 0 && (events & EPOLLOUT)) {
+            r.c().SetEvent(EPOLLOUT);
+            if (r.c().Send() < 0) {
+                return false;
+            }
+            continue;
+        }
+        struct pollfd p[2] = {{r.peer, POLLIN, 0}, {r.epfd, POLLIN, 0}};
+        poll(p, 2, 100);
+    }
+    return false;
+}
+
 inline std::string Pattern(size_t n, unsigned seed = 1) {
     std::string s(n, '\0');
     for (size_t i = 0; i < n; ++i) {
         s[i] = static_cast<char>('a' + (i * 7 + seed) % 26);
     }
     return s;
-}
-
-inline std::string Fmt(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-inline std::string Fmt(const char* fmt, ...) {
-    char buf[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(buf, sizeof(buf), fmt, ap);
-    va_end(ap);
-    return buf;
 }
 
 }  // namespace qntest

@@ -122,34 +122,6 @@ bool Eventually(Pred pred) {
     return true;
 }
 
-// Owner loop plus reading peer until the queue is empty and `expect_total` bytes arrived.
-bool DrainAll(SendRig& r, std::string* got, size_t expect_total) {
-    SetSmallBuffers(r.fd, 1 << 20, 0);
-    SetSmallBuffers(r.peer, 0, 1 << 20);
-    std::vector<char> buf(1 << 20);
-    for (int rounds = 0; rounds < 100000; ++rounds) {
-        ssize_t n = recv(r.peer, buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n > 0) {
-            got->append(buf.data(), static_cast<size_t>(n));
-        }
-        if (r.QCount() == 0 && got->size() >= expect_total) {
-            return true;
-        }
-        unsigned int events = 0;
-        void* data = nullptr;
-        if (WaitEpoll(r.epfd, &events, &data, 0) > 0 && (events & EPOLLOUT)) {
-            r.c().SetEvent(EPOLLOUT);
-            if (r.c().Send() < 0) {
-                return false;
-            }
-            continue;
-        }
-        struct pollfd p[2] = {{r.peer, POLLIN, 0}, {r.epfd, POLLIN, 0}};
-        poll(p, 2, 100);
-    }
-    return false;
-}
-
 void Shrink(SendRig& r) {
     SetSmallBuffers(r.fd, 4096, 0);
 }

@@ -1,8 +1,19 @@
 #include "support/log_capture.h"
 
+#include <cstdarg>
+#include <cstdio>
 #include <sstream>
 
 namespace qntest {
+
+std::string Fmt(const char* fmt, ...) {
+    char buf[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(buf, sizeof(buf), fmt, ap);
+    va_end(ap);
+    return buf;
+}
 
 LogCapture::LogCapture(int low_threshold, const char* name) : m_cat(name, low_threshold) {
     QUOLNET::log_set_sink(&m_cat, &LogCapture::Sink, this);

@@ -19,6 +19,9 @@ struct CapturedLog {
     bool is_hex;
 };
 
+// printf-style formatting of an expected message (at most 1023 characters).
+std::string Fmt(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 class LogCapture {
   public:
     // A category named `name` keeping every priority up to `low_threshold`.

@@ -17,6 +17,10 @@
 
 namespace qntest {
 
+bool FdOpen(int fd) {
+    return fd >= 0 && fcntl(fd, F_GETFD) != -1;
+}
+
 int CountOpenFds() {
     DIR* d = opendir("/proc/self/fd");
     if (d == nullptr) {

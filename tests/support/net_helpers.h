@@ -7,6 +7,8 @@ namespace qntest {
 
 // Number of open descriptors of this process (entries of /proc/self/fd).
 int CountOpenFds();
+// Whether fd is an open descriptor of this process.
+bool FdOpen(int fd);
 
 // A listening TCP socket on 127.0.0.1 (or ::1 when ipv6) with an ephemeral port. Closes on
 // destruction.
