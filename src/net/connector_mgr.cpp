@@ -425,12 +425,14 @@ void CConnectorMgr::ServiceConn(Conn* c) {
 
     // Offer what framing produced; when reading stopped with bytes still to take (ring full,
     // no block, a big packet's chain), run the receive side again once packets are gone.
+    bool round_limit = false;  // still making progress: come back next tick, do not pause
     for (int rounds = 0;; ++rounds) {
         int n = Deliver(c);
         if (c->refused || n == 0 || k->GetStatus() != CONNECTOR_STATUS_CONNECTED) {
             break;
         }
         if (rounds >= 16) {
+            round_limit = true;
             m_pending.push_back(c);
             break;
         }
@@ -447,12 +449,12 @@ void CConnectorMgr::ServiceConn(Conn* c) {
         BeginClose(c);
         return;
     }
-    // EPOLLIN still set means reading stopped before the socket ran dry (a full ring, no
-    // block, a big packet's chain, or the round limit above). The level-triggered wait would
-    // report those bytes on every tick and spin, so EPOLLIN leaves the registration and the
-    // connection is retried from the pending list instead; reading resumes once a read
-    // reaches would-block again.
-    bool stalled = (k->GetEvent() & EPOLLIN) != 0;
+    // EPOLLIN still set without the round limit means reading stopped before the socket ran
+    // dry and cannot go on now (a full ring behind a refusing handler, no block, a big
+    // packet's chain). The level-triggered wait would report those bytes on every tick and
+    // spin, so EPOLLIN leaves the registration and the connection is retried from the
+    // pending list instead; reading resumes once a read reaches would-block again.
+    bool stalled = !round_limit && (k->GetEvent() & EPOLLIN) != 0;
     if (stalled != c->read_paused && k->PauseReading(stalled) == 0) {
         c->read_paused = stalled;
     }

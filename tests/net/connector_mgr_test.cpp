@@ -335,7 +335,13 @@ TEST_F(ConnectorMgrTest, AtTheDescriptorLimitServesExistingConnectionsAndAccepts
     server.Stop();
 }
 
-TEST_F(ConnectorMgrTest, SendsFromFourForeignThreadsArriveIntact) {
+// Send and SendCorked from four threads other than the loop's. A corked packet from such a
+// thread never touches the loop's list of corked connections: it leaves when the socket
+// reports writability (queueing onto an empty send queue asks epoll for that).
+class ForeignSendTest : public ConnectorMgrTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(ForeignSendTest, SendsFromFourForeignThreadsArriveIntact) {
+    const bool corked = GetParam();
     ServerThread server(&m_pool);
     ASSERT_TRUE(server.ok());
     server.Start();
@@ -353,14 +359,17 @@ TEST_F(ConnectorMgrTest, SendsFromFourForeignThreadsArriveIntact) {
         const int kPerThread = 500;
         std::vector<std::thread> senders;
         for (int t = 0; t < kThreads; ++t) {
-            senders.emplace_back([&client, id, t]() {
+            senders.emplace_back([&client, id, t, corked]() {
                 for (int i = 0; i < kPerThread; ++i) {
                     std::string payload = std::to_string(t) + ":" + std::to_string(i) + ":";
                     payload.append(static_cast<size_t>(1 + (i * 37) % 3000),
                                    static_cast<char>('a' + (i + t) % 26));
                     std::string p = Packet(payload);
                     int ret;
-                    while ((ret = client.Send(id, p.data(), static_cast<unsigned int>(p.size()))) == 0) {
+                    while ((ret = corked
+                                      ? client.SendCorked(id, p.data(), static_cast<unsigned int>(p.size()))
+                                      : client.Send(id, p.data(), static_cast<unsigned int>(p.size()))) ==
+                           0) {
                         std::this_thread::yield();  // no room now: retry
                     }
                     ASSERT_EQ(static_cast<int>(p.size()), ret);
@@ -387,6 +396,11 @@ TEST_F(ConnectorMgrTest, SendsFromFourForeignThreadsArriveIntact) {
     }
     server.Stop();
 }
+
+INSTANTIATE_TEST_SUITE_P(DirectAndCorked, ForeignSendTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& param) {
+                             return std::string(param.param ? "Corked" : "Direct");
+                         });
 
 // Takes at most a few packets per tick, as a slow application would.
 class SlowHandler : public QUOLNET::IConnectorHandler {
@@ -516,45 +530,6 @@ INSTANTIATE_TEST_SUITE_P(PeekAndCallback, MoreFlagTest, ::testing::Values(false,
                          [](const ::testing::TestParamInfo<bool>& param) {
                              return std::string(param.param ? "Callback" : "Peek");
                          });
-
-// SendCorked from a thread other than the loop's never touches the loop's list of corked
-// connections; its packet leaves when the socket reports writability (queueing onto an
-// empty send queue asks epoll for that).
-TEST_F(ConnectorMgrTest, CorkedSendsFromAForeignThreadArriveWithoutALoopFlush) {
-    ServerThread server(&m_pool);
-    ASSERT_TRUE(server.ok());
-    server.Start();
-    RecordingHandler h;
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
-    {
-        CConnectorMgr client(&h, o);
-        ASSERT_EQ(0, client.Init());
-        ConnId id = client.Dial(server.url().c_str());
-        ASSERT_NE(0u, id);
-        std::thread loop([&client]() { client.Run(); });
-        ASSERT_TRUE(h.WaitFor([&h]() { return h.connected == 1; }));
-        const int kPackets = 300;
-        std::thread sender([&client, id]() {
-            for (int i = 0; i < kPackets; ++i) {
-                std::string p = Packet("corked " + std::to_string(i));
-                int ret;
-                while ((ret = client.SendCorked(id, p.data(), static_cast<unsigned int>(p.size()))) == 0) {
-                    std::this_thread::yield();  // no room now: retry
-                }
-                ASSERT_EQ(static_cast<int>(p.size()), ret);
-            }
-        });
-        sender.join();
-        ASSERT_TRUE(h.WaitFor([&h]() { return h.packets.size() == kPackets; }));
-        for (int i = 0; i < kPackets; ++i) {
-            EXPECT_EQ(Packet("corked " + std::to_string(i)), h.packets[static_cast<size_t>(i)]);
-        }
-        client.Stop();
-        loop.join();
-    }
-    server.Stop();
-}
 
 // Refuses every packet until `accept` is set; then takes them in order.
 class GateHandler : public QUOLNET::IConnectorHandler {
