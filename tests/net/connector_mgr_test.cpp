@@ -603,6 +603,41 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
     }
 }
 
+// A handler that takes every packet never sees reading paused, however much is waiting:
+// rounds that end at the per-tick limit are still making progress.
+TEST_F(ConnectorMgrTest, AFastHandlerIsNeverPaused) {
+    GateHandler h;
+    h.accept = true;
+    ConnectorMgrOptions o;
+    o.pool = &m_pool;
+    {
+        CConnectorMgr server(&h, o);
+        ASSERT_EQ(0, server.Init());
+        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
+        int fd = DialListener(server);
+        ASSERT_GE(fd, 0);
+        const int kPackets = 40000;  // 480 KB: more rounds of the 1000-packet ring than one tick takes
+        std::string stream;
+        for (int i = 0; i < kPackets; ++i) {
+            std::string seq(4, '\0');
+            CLengthPrefixParser::WriteHeader(&seq[0], static_cast<uint32_t>(i));
+            stream += Packet(seq + "pay!");
+        }
+        std::thread writer([fd, &stream]() { qntest::WriteAll(fd, stream.data(), stream.size()); });
+        int paused_ticks = 0;
+        for (int i = 0; i < 4000 && h.count < kPackets; ++i) {
+            server.RunOnce(25);
+            QUOLNET::CTcpConnector* k = h.id != 0 ? server.GetConnector(h.id) : nullptr;
+            paused_ticks += (k != nullptr && k->IsReadingPaused()) ? 1 : 0;
+        }
+        writer.join();
+        EXPECT_EQ(kPackets, h.count);
+        EXPECT_EQ(0, h.bad);
+        EXPECT_EQ(0, paused_ticks);
+        close(fd);
+    }
+}
+
 TEST(LengthPrefixParser, ReadsTheLengthAndRefusesShortAndOverlongOnes) {
     CLengthPrefixParser parser(100);
     char b[4];
