@@ -455,9 +455,7 @@ void CConnectorMgr::ServiceConn(Conn* c) {
     // spin, so EPOLLIN leaves the registration and the connection is retried from the
     // pending list instead; reading resumes once a read reaches would-block again.
     bool stalled = !round_limit && (k->GetEvent() & EPOLLIN) != 0;
-    if (stalled != c->read_paused && k->PauseReading(stalled) == 0) {
-        c->read_paused = stalled;
-    }
+    k->PauseReading(stalled);  // a failed change is applied with the next registration
     if (c->refused || k->IsWaitAllocBigBuffer() || stalled) {
         m_pending.push_back(c);
     }
@@ -508,7 +506,6 @@ void CConnectorMgr::ReleaseFd(Conn* c) {
             c->fd = -1;
             released = true;
         }
-        c->read_paused = false;  // a pause ends with its socket
     }
     if (released) {
         ResumeListeners();
@@ -604,11 +601,17 @@ void CConnectorMgr::ResumeListeners() {
     }
 }
 
-int CConnectorMgr::SendOnLoop(ConnId id, const char* buf, unsigned int len, bool corked) {
+int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool corked) {
     // The loop thread is the only one that adds or removes connections and closes
-    // descriptors, so on it the map and the descriptor need no lock. A reply to the packet
-    // being offered (the common case) skips the lookup too.
-    Conn* c = m_delivering;
+    // descriptors, so on it the map and the descriptor need no lock, and a reply to the
+    // packet being offered (the common case) skips the lookup too. Other threads hold the
+    // lock shared for the lookup and the whole connector call.
+    const bool on_loop = OnLoopThread();
+    std::shared_lock<std::shared_mutex> lock(m_conn_lock, std::defer_lock);
+    if (!on_loop) {
+        lock.lock();
+    }
+    Conn* c = on_loop ? m_delivering : nullptr;
     if (c == nullptr || c->id != id) {
         auto it = m_by_id.find(id);
         if (it == m_by_id.end()) {
@@ -623,41 +626,20 @@ int CConnectorMgr::SendOnLoop(ConnId id, const char* buf, unsigned int len, bool
     int ret = corked ? k->SendToQ(buf, len, nullptr) : k->Send(buf, len, nullptr);
     if (ret < 0) {
         c->send_failed = true;
-        Queue(c);
-    } else if (corked && ret > 0 && !c->corked) {
+    } else if (on_loop && corked && ret > 0 && !c->corked) {
+        // Only the loop's own corked packets join its flush list; one queued by another
+        // thread leaves when the socket reports writability (queueing onto an empty send
+        // queue asks epoll for that).
         c->corked = true;
         m_corked.push_back(c);
     }
-    return ret;
-}
-
-int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool corked) {
-    if (OnLoopThread()) {
-        return SendOnLoop(id, buf, len, corked);
-    }
-    int ret = -1;
-    Conn* failed = nullptr;
-    {
-        std::shared_lock<std::shared_mutex> lock(m_conn_lock);
-        auto it = m_by_id.find(id);
-        if (it == m_by_id.end()) {
-            return -1;
+    if (ret < 0) {
+        if (on_loop) {
+            Queue(c);
+        } else {
+            lock.unlock();
+            Wake();  // the loop closes the connection
         }
-        Conn* c = it->second;
-        CTcpConnector* k = c->connector.get();
-        if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->fd < 0) {
-            return -1;
-        }
-        // Another thread cannot touch the loop's cork list: its queued packet leaves with the
-        // next flush of this connection, at the latest when the socket reports writability.
-        ret = corked ? k->SendToQ(buf, len, nullptr) : k->Send(buf, len, nullptr);
-        if (ret < 0) {
-            c->send_failed = true;
-            failed = c;
-        }
-    }
-    if (failed != nullptr) {
-        Wake();
     }
     return ret;
 }

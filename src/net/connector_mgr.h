@@ -196,7 +196,6 @@ class CConnectorMgr {
         bool refused = false;          // the handler refused a packet; re-offer later
         bool in_work = false;          // already queued for this tick
         bool corked = false;           // in m_corked
-        bool read_paused = false;      // EPOLLIN out of the registration (PauseReading)
         int attempt = 0;               // connect attempts since the last success
         int backoff_ms = 0;
         uint64_t timer_id = 0;      // retry or connect-timeout timer
@@ -236,7 +235,6 @@ class CConnectorMgr {
     void DrainWork();
     void Queue(Conn* conn);
     int SendImpl(ConnId id, const char* buf, unsigned int len, bool corked);
-    int SendOnLoop(ConnId id, const char* buf, unsigned int len, bool corked);
     void CloseNow(ConnId id);
     bool OnLoopThread() const;
 

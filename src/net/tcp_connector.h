@@ -172,7 +172,8 @@ class CTcpConnector : public CConnector {
     // keeps them, and TCP slows the peer down. Resuming registers EPOLLIN again; bytes that
     // arrived meanwhile are reported at once. A new registration (Init, Connect) or Close
     // ends a pause. Any thread; takes m_tx_mutex. Returns 0, or -1 when epoll_ctl failed
-    // (errno kept; the next change of the registration tries again).
+    // (errno kept): the pause (or resume) is still recorded and reaches epoll with the
+    // next change of the registration.
     int PauseReading(bool paused);
     bool IsReadingPaused();
 

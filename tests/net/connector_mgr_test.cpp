@@ -34,6 +34,19 @@ std::string Packet(const std::string& payload) {
     return p + payload;
 }
 
+// `n` packets of 12 bytes: the header, the sequence number i, and ~i.
+std::string SequencePackets(uint32_t n) {
+    std::string out;
+    for (uint32_t i = 0; i < n; ++i) {
+        char p[12];
+        CLengthPrefixParser::WriteHeader(p, 12);
+        CLengthPrefixParser::WriteHeader(p + 4, i);
+        CLengthPrefixParser::WriteHeader(p + 8, ~i);
+        out.append(p, 12);
+    }
+    return out;
+}
+
 // Dials the manager's first listener with a blocking socket; the descriptor, or -1.
 int DialListener(CConnectorMgr& mgr) {
     struct sockaddr_storage ss;
@@ -441,14 +454,7 @@ TEST_F(ConnectorMgrTest, BurstOfFiveThousandPacketsIsFullyDeliveredToASlowApplic
         std::thread loop([&server]() { server.Run(); });
         int fd = DialListener(server);
         ASSERT_GE(fd, 0);
-        std::string burst;
-        for (uint32_t i = 0; i < 5000; ++i) {
-            char p[12];
-            CLengthPrefixParser::WriteHeader(p, 12);
-            CLengthPrefixParser::WriteHeader(p + 4, i);
-            CLengthPrefixParser::WriteHeader(p + 8, ~i);
-            burst.append(p, 12);
-        }
+        std::string burst = SequencePackets(5000);
         ASSERT_TRUE(qntest::WriteAll(fd, burst.data(), burst.size()));
         std::string done = Packet("done");
         std::string back(done.size(), '\0');
@@ -573,12 +579,7 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
         ASSERT_NE(nullptr, k);
 
         const int kPackets = 1500;  // more than the ring's 1000
-        std::string stream;
-        for (int i = 0; i < kPackets; ++i) {
-            std::string seq(4, '\0');
-            CLengthPrefixParser::WriteHeader(&seq[0], static_cast<uint32_t>(i));
-            stream += Packet(std::string(seq) + "pay!");
-        }
+        std::string stream = SequencePackets(kPackets);
         ASSERT_TRUE(qntest::WriteAll(fd, stream.data(), stream.size()));
         for (int i = 0; i < 400 && !k->IsReadingPaused(); ++i) {
             server.RunOnce(25);
@@ -617,12 +618,7 @@ TEST_F(ConnectorMgrTest, AFastHandlerIsNeverPaused) {
         int fd = DialListener(server);
         ASSERT_GE(fd, 0);
         const int kPackets = 40000;  // 480 KB: more rounds of the 1000-packet ring than one tick takes
-        std::string stream;
-        for (int i = 0; i < kPackets; ++i) {
-            std::string seq(4, '\0');
-            CLengthPrefixParser::WriteHeader(&seq[0], static_cast<uint32_t>(i));
-            stream += Packet(seq + "pay!");
-        }
+        std::string stream = SequencePackets(kPackets);
         std::thread writer([fd, &stream]() { qntest::WriteAll(fd, stream.data(), stream.size()); });
         int paused_ticks = 0;
         for (int i = 0; i < 4000 && h.count < kPackets; ++i) {
