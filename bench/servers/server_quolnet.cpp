@@ -43,27 +43,22 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
     bool OnPacket(QUOLNET::CConnectorMgr* mgr, QUOLNET::ConnId id, const char* data, unsigned int len,
                   bool more) override {
         if (!m_sink) {
-            // Packets of one connection arrive back to back, so one remembered id is enough
-            // to keep the last packet of a corked run corked too.
-            bool cork = m_cork && (more || id == m_last_id);
-            int ret = cork ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
+            // The last packet of a run (more false) joins the corked ones in Send.
+            int ret = m_cork && more ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
             if (ret == 0)
                 return false;  // no room now: offered again shortly
-            m_last_id = more ? id : 0;
         }
         ++m_packets;
         m_bytes += len;
         return true;
     }
-    void OnTick(QUOLNET::CConnectorMgr*) override { m_last_id = 0; }
 
     uint64_t Packets() const { return m_packets; }
     uint64_t Bytes() const { return m_bytes; }
 
   private:
     bool m_sink;
-    bool m_cork;                    // false: every reply is a direct Send
-    QUOLNET::ConnId m_last_id = 0;  // see OnPacket; cleared at the end of each tick
+    bool m_cork;  // false: every reply is a direct Send
     uint64_t m_packets = 0;
     uint64_t m_bytes = 0;
 };

@@ -623,6 +623,9 @@ int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool c
     if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->fd < 0) {
         return -1;
     }
+    // A direct send behind replies corked in this tick would first have to flush them and
+    // then write again; it joins them instead and leaves with the same flush.
+    corked = corked || (on_loop && c->corked);
     int ret = corked ? k->SendToQ(buf, len, nullptr) : k->Send(buf, len, nullptr);
     if (ret < 0) {
         c->send_failed = true;

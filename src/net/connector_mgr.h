@@ -129,9 +129,12 @@ class CConnectorMgr {
     // Run); other threads use Post.
     ConnId Dial(const char* url, const DialOptions& options = DialOptions());
 
-    // Sends one whole packet. Any thread. Returns len, 0 when there is no room now (try
-    // later), -1 when the id is unknown or the connection is not established, or another
-    // negative code when the write failed (the connection is then closed by the loop).
+    // Sends one whole packet. Any thread. On the loop thread, a packet for a connection
+    // that already has replies corked in this tick joins them (it leaves with the same
+    // flush, in order), so `more ? SendCorked : Send` sends a whole run with one write.
+    // Returns len, 0 when there is no room now (try later), -1 when the id is unknown or
+    // the connection is not established, or another negative code when the write failed
+    // (the connection is then closed by the loop).
     int Send(ConnId id, const char* buf, unsigned int len);
     // Queues one whole packet; on the loop thread, the loop flushes each corked connection
     // once at the end of the tick. From another thread the packet leaves when the socket

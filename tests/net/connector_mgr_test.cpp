@@ -500,6 +500,60 @@ TEST_F(ConnectorMgrTest, AReplyFollowedAtOnceByACloseIsDeliveredBeforeTheClose) 
     peer.Close();
 }
 
+// The handler pattern `more ? SendCorked : Send`: the last reply of a run is sent with Send,
+// which joins the replies corked before it instead of flushing them and writing again, so
+// the whole run is still queued when the handler returns and leaves with one flush.
+class CorkingEcho : public QUOLNET::IConnectorHandler {
+  public:
+    void OnConnected(CConnectorMgr*, ConnId conn_id, const char*, bool) override { id = conn_id; }
+    bool OnPacket(CConnectorMgr* mgr, ConnId conn, const char* data, unsigned int len, bool more) override {
+        int ret = more ? mgr->SendCorked(conn, data, len) : mgr->Send(conn, data, len);
+        queued_after.push_back(mgr->GetConnector(conn)->GetSendQCount());
+        return ret != 0;
+    }
+    ConnId id = 0;
+    std::vector<int> queued_after;  // send queue blocks after each reply
+};
+
+TEST_F(ConnectorMgrTest, TheLastReplyOfACorkedRunJoinsTheCork) {
+    CorkingEcho h;
+    ConnectorMgrOptions o;
+    o.pool = &m_pool;
+    {
+        CConnectorMgr server(&h, o);
+        ASSERT_EQ(0, server.Init());
+        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
+        int fd = DialListener(server);
+        ASSERT_GE(fd, 0);
+        for (int i = 0; i < 400 && h.id == 0; ++i) {
+            server.RunOnce(25);
+        }
+        ASSERT_NE(0u, h.id);
+        // One lone packet first: it is written at once (nothing is queued after it).
+        std::string lone = Packet("lone");
+        ASSERT_TRUE(qntest::WriteAll(fd, lone.data(), lone.size()));
+        for (int i = 0; i < 400 && h.queued_after.size() < 1; ++i) {
+            server.RunOnce(25);
+        }
+        std::string got(lone.size(), '\0');
+        ASSERT_TRUE(qntest::ReadExactly(fd, &got[0], got.size()));
+        EXPECT_EQ(lone, got);
+        std::string three = Packet("one") + Packet("two") + Packet("three");
+        ASSERT_TRUE(qntest::WriteAll(fd, three.data(), three.size()));
+        for (int i = 0; i < 400 && h.queued_after.size() < 4; ++i) {
+            server.RunOnce(25);
+        }
+        ASSERT_EQ(4u, h.queued_after.size());
+        // The lone packet's direct write left nothing queued (a block is at most queued while
+        // the run is corked); the last reply of the run left all three in one queued block.
+        EXPECT_EQ((std::vector<int>{0, 1, 1, 1}), h.queued_after);
+        got.assign(three.size(), '\0');
+        ASSERT_TRUE(qntest::ReadExactly(fd, &got[0], got.size()));
+        EXPECT_EQ(three, got);  // in order, after the end-of-tick flush
+        close(fd);
+    }
+}
+
 // `more` tells the handler that another packet of the connection follows in this tick: with
 // Peek/Drop, a packet already framed behind it; with the receive callback, bytes already read
 // behind it. Three packets written at once are offered as more, more, last in both modes.
