@@ -47,11 +47,14 @@ std::string SequencePackets(uint32_t n) {
     return out;
 }
 
-// Dials the manager's first listener with a blocking socket; the descriptor, or -1.
-int DialListener(CConnectorMgr& mgr) {
+// Initialises `mgr`, listens on an ephemeral loopback port and dials it with a blocking
+// socket (the kernel completes the connection without the loop). The client descriptor, or
+// -1.
+int ListenAndDial(CConnectorMgr& mgr) {
     struct sockaddr_storage ss;
     socklen_t len = 0;
-    if (QUOLNET::CTcpListener::ParseURL(mgr.GetListenURL(0).c_str(), &ss, &len, nullptr) != 0) {
+    if (mgr.Init() != 0 || mgr.Listen("tcp://127.0.0.1:0") <= 0 ||
+        QUOLNET::CTcpListener::ParseURL(mgr.GetListenURL(0).c_str(), &ss, &len, nullptr) != 0) {
         return -1;
     }
     int fd = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -60,6 +63,16 @@ int DialListener(CConnectorMgr& mgr) {
         fd = -1;
     }
     return fd;
+}
+
+// Runs the loop on this thread until done() holds (at most 400 ticks of up to 25 ms each);
+// returns done().
+template <typename Done>
+bool Pump(CConnectorMgr& mgr, Done done) {
+    for (int i = 0; i < 400 && !done(); ++i) {
+        mgr.RunOnce(25);
+    }
+    return done();
 }
 
 // An echo server on its own thread.
@@ -449,11 +462,9 @@ TEST_F(ConnectorMgrTest, BurstOfFiveThousandPacketsIsFullyDeliveredToASlowApplic
     o.pool = &m_pool;
     {
         CConnectorMgr server(&h, o);
-        ASSERT_EQ(0, server.Init());
-        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
-        std::thread loop([&server]() { server.Run(); });
-        int fd = DialListener(server);
+        int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
+        std::thread loop([&server]() { server.Run(); });
         std::string burst = SequencePackets(5000);
         ASSERT_TRUE(qntest::WriteAll(fd, burst.data(), burst.size()));
         std::string done = Packet("done");
@@ -521,28 +532,20 @@ TEST_F(ConnectorMgrTest, TheLastReplyOfACorkedRunJoinsTheCork) {
     o.pool = &m_pool;
     {
         CConnectorMgr server(&h, o);
-        ASSERT_EQ(0, server.Init());
-        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
-        int fd = DialListener(server);
+        int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
-        for (int i = 0; i < 400 && h.id == 0; ++i) {
-            server.RunOnce(25);
-        }
+        Pump(server, [&]() { return h.id != 0; });
         ASSERT_NE(0u, h.id);
         // One lone packet first: it is written at once (nothing is queued after it).
         std::string lone = Packet("lone");
         ASSERT_TRUE(qntest::WriteAll(fd, lone.data(), lone.size()));
-        for (int i = 0; i < 400 && h.queued_after.size() < 1; ++i) {
-            server.RunOnce(25);
-        }
+        Pump(server, [&]() { return h.queued_after.size() >= 1; });
         std::string got(lone.size(), '\0');
         ASSERT_TRUE(qntest::ReadExactly(fd, &got[0], got.size()));
         EXPECT_EQ(lone, got);
         std::string three = Packet("one") + Packet("two") + Packet("three");
         ASSERT_TRUE(qntest::WriteAll(fd, three.data(), three.size()));
-        for (int i = 0; i < 400 && h.queued_after.size() < 4; ++i) {
-            server.RunOnce(25);
-        }
+        Pump(server, [&]() { return h.queued_after.size() >= 4; });
         ASSERT_EQ(4u, h.queued_after.size());
         // The lone packet's direct write left nothing queued (a block is at most queued while
         // the run is corked); the last reply of the run left all three in one queued block.
@@ -566,19 +569,13 @@ TEST_P(MoreFlagTest, ThreePacketsReadTogetherAreOfferedAsMoreMoreLast) {
     o.use_recv_callback = GetParam();
     {
         CConnectorMgr server(&h, o);
-        ASSERT_EQ(0, server.Init());
-        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
-        int fd = DialListener(server);
+        int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
-        for (int i = 0; i < 400 && h.connected == 0; ++i) {
-            server.RunOnce(25);
-        }
+        Pump(server, [&]() { return h.connected != 0; });
         ASSERT_EQ(1, h.connected);
         std::string three = Packet("one") + Packet("two") + Packet("three");
         ASSERT_TRUE(qntest::WriteAll(fd, three.data(), three.size()));
-        for (int i = 0; i < 400 && h.packets.size() < 3; ++i) {
-            server.RunOnce(25);
-        }
+        Pump(server, [&]() { return h.packets.size() >= 3; });
         ASSERT_EQ(3u, h.packets.size());
         EXPECT_EQ(Packet("three"), h.packets[2]);
         EXPECT_EQ((std::vector<bool>{true, true, false}), h.mores);
@@ -621,13 +618,9 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
     o.pool = &m_pool;
     {
         CConnectorMgr server(&h, o);
-        ASSERT_EQ(0, server.Init());
-        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
-        int fd = DialListener(server);
+        int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
-        for (int i = 0; i < 400 && h.id == 0; ++i) {
-            server.RunOnce(25);
-        }
+        Pump(server, [&]() { return h.id != 0; });
         ASSERT_NE(0u, h.id);
         QUOLNET::CTcpConnector* k = server.GetConnector(h.id);
         ASSERT_NE(nullptr, k);
@@ -635,9 +628,7 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
         const int kPackets = 1500;  // more than the ring's 1000
         std::string stream = SequencePackets(kPackets);
         ASSERT_TRUE(qntest::WriteAll(fd, stream.data(), stream.size()));
-        for (int i = 0; i < 400 && !k->IsReadingPaused(); ++i) {
-            server.RunOnce(25);
-        }
+        Pump(server, [&]() { return k->IsReadingPaused(); });
         ASSERT_TRUE(k->IsReadingPaused());
         EXPECT_EQ(1000, k->GetPacketInfoCnt());
         EXPECT_EQ(0, qntest::RegisteredEvents(server.GetEpollFd(), k->GetSocket()) & EPOLLIN);
@@ -647,9 +638,7 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
         EXPECT_EQ(0, h.count);
 
         h.accept = true;
-        for (int i = 0; i < 400 && h.count < kPackets; ++i) {
-            server.RunOnce(25);
-        }
+        Pump(server, [&]() { return h.count >= kPackets; });
         EXPECT_EQ(kPackets, h.count);
         EXPECT_EQ(0, h.bad);
         EXPECT_FALSE(k->IsReadingPaused());
@@ -667,9 +656,7 @@ TEST_F(ConnectorMgrTest, AFastHandlerIsNeverPaused) {
     o.pool = &m_pool;
     {
         CConnectorMgr server(&h, o);
-        ASSERT_EQ(0, server.Init());
-        ASSERT_GT(server.Listen("tcp://127.0.0.1:0"), 0);
-        int fd = DialListener(server);
+        int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
         const int kPackets = 40000;  // 480 KB: more rounds of the 1000-packet ring than one tick takes
         std::string stream = SequencePackets(kPackets);
