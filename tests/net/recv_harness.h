@@ -84,6 +84,14 @@ struct HarnessOptions {
     void* cb_arg = nullptr;
     bool with_log = true;
     bool byte_parser = false;
+
+    // Defaults with a receive callback.
+    static HarnessOptions Callback(QUOLNET::RecvPkgCallback fn, void* arg) {
+        HarnessOptions o;
+        o.cb = fn;
+        o.cb_arg = arg;
+        return o;
+    }
 };
 
 class RecvHarness {

@@ -243,10 +243,7 @@ int Record(const char* url, const char* data, int len, void* arg) {
 
 TEST(TcpConnectorCallback, ConsumedPacketsReleaseTheirBlocksAtOnce) {
     CbState st;
-    HarnessOptions o;
-    o.cb = &Record;
-    o.cb_arg = &st;
-    RecvHarness h(o);
+    RecvHarness h(HarnessOptions::Callback(&Record, &st));
     ASSERT_TRUE(h.ok());
     std::string p1 = MakePacket(40000, 1), p2 = MakePacket(40000, 2);
     ASSERT_TRUE(h.Write(p1 + p2));
@@ -262,10 +259,7 @@ TEST(TcpConnectorCallback, ConsumedPacketsReleaseTheirBlocksAtOnce) {
 
 TEST(TcpConnectorCallback, BigPacketIsJoinedIntoTheCallbackBuffer) {
     CbState st;
-    HarnessOptions o;
-    o.cb = &Record;
-    o.cb_arg = &st;
-    RecvHarness h(o);
+    RecvHarness h(HarnessOptions::Callback(&Record, &st));
     ASSERT_TRUE(h.ok());
     std::string p = MakePacket(200000, 7);
     ASSERT_TRUE(h.Write(p));
@@ -278,9 +272,7 @@ TEST(TcpConnectorCallback, BigPacketIsJoinedIntoTheCallbackBuffer) {
 
 TEST(TcpConnectorCallback, BigPacketTooLongForTheCallbackBufferGoesToTheRing) {
     CbState st;
-    HarnessOptions o;
-    o.cb = &Record;
-    o.cb_arg = &st;
+    HarnessOptions o = HarnessOptions::Callback(&Record, &st);
     o.cb_combine_len = 100000;
     RecvHarness h(o);
     ASSERT_TRUE(h.ok());
@@ -298,9 +290,7 @@ TEST(TcpConnectorCallback, BigPacketTooLongForTheCallbackBufferGoesToTheRing) {
 TEST(TcpConnectorCallback, QueuedAndConsumedPacketsMixed) {
     CbState st;
     st.keep_every = 3;
-    HarnessOptions o;
-    o.cb = &Record;
-    o.cb_arg = &st;
+    HarnessOptions o = HarnessOptions::Callback(&Record, &st);
     o.with_log = false;
     RecvHarness h(o);
     ASSERT_TRUE(h.ok());

@@ -190,10 +190,7 @@ int KeepNothing(const char*, const char*, int, void* arg) {
 
 TEST(TcpConnectorFraming, CallbackReturningZeroLeavesThePacketInTheRing) {
     int calls = 0;
-    HarnessOptions o;
-    o.cb = &KeepNothing;
-    o.cb_arg = &calls;
-    RecvHarness h(o);
+    RecvHarness h(HarnessOptions::Callback(&KeepNothing, &calls));
     ASSERT_TRUE(h.ok());
     std::string p = MakePacket(40, 4);
     ASSERT_TRUE(h.Write(p));
@@ -217,10 +214,7 @@ int RecordUnframed(const char*, const char*, int, void* arg) {
 
 TEST(TcpConnectorFraming, UnframedLenInTheCallbackCountsTheBytesAfterThePacket) {
     UnframedProbe probe;
-    HarnessOptions o;
-    o.cb = &RecordUnframed;
-    o.cb_arg = &probe;
-    RecvHarness h(o);
+    RecvHarness h(HarnessOptions::Callback(&RecordUnframed, &probe));
     ASSERT_TRUE(h.ok());
     probe.c = &h.c();
     EXPECT_EQ(0, h.c().GetUnframedLen());  // no block yet
@@ -249,10 +243,7 @@ int FillRingBehindTheBack(const char*, const char*, int, void* arg) {
 
 TEST(TcpConnectorFraming, RingOverflowAtPushLeavesTheTailAdvanced) {
     RingFiller filler{nullptr};
-    HarnessOptions o;
-    o.cb = &FillRingBehindTheBack;
-    o.cb_arg = &filler;
-    RecvHarness h(o);
+    RecvHarness h(HarnessOptions::Callback(&FillRingBehindTheBack, &filler));
     ASSERT_TRUE(h.ok());
     filler.c = &h.c();
     ASSERT_TRUE(h.Write(MakePacket(12, 1)));
