@@ -120,6 +120,12 @@ class ConnectorMgrTest : public ::testing::Test {
         EXPECT_EQ(0u, m_pool.GetUsedCount());
         EXPECT_EQ(m_fds_before, qntest::CountOpenFds());
     }
+    // Default options on the fixture's pool.
+    ConnectorMgrOptions PoolOptions() {
+        ConnectorMgrOptions o;
+        o.pool = &m_pool;
+        return o;
+    }
     QUOLNET::CNetBufferMgr m_pool{8192};
     int m_fds_before = 0;
 };
@@ -136,10 +142,8 @@ TEST_F(ConnectorMgrTest, TwoHundredClientsEachExchangeAThousandVerifiedPackets) 
     cfg.sizes = {1, 60, 333};
     cfg.depth = 8;
     echo::EchoClient client(cfg);
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
     {
-        CConnectorMgr mgr(&client, o);
+        CConnectorMgr mgr(&client, PoolOptions());
         ASSERT_EQ(0, mgr.Init());
         ASSERT_TRUE(client.Start(&mgr));
         mgr.AddTimer(60000, 0, [&mgr]() { mgr.Stop(); });  // bound
@@ -164,10 +168,8 @@ TEST_F(ConnectorMgrTest, MultiBlockPacketsUpToOneMebibyteEchoIntact) {
     cfg.packets = 12;
     cfg.sizes = {65532, 65533, 65536, 131072, 1048576, 1048576 + 1000, 7};
     echo::EchoClient client(cfg);
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
     {
-        CConnectorMgr mgr(&client, o);
+        CConnectorMgr mgr(&client, PoolOptions());
         ASSERT_EQ(0, mgr.Init());
         ASSERT_TRUE(client.Start(&mgr));
         mgr.AddTimer(30000, 0, [&mgr]() { mgr.Stop(); });
@@ -372,10 +374,8 @@ TEST_P(ForeignSendTest, SendsFromFourForeignThreadsArriveIntact) {
     ASSERT_TRUE(server.ok());
     server.Start();
     RecordingHandler h;
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
     {
-        CConnectorMgr client(&h, o);
+        CConnectorMgr client(&h, PoolOptions());
         ASSERT_EQ(0, client.Init());
         ConnId id = client.Dial(server.url().c_str());
         ASSERT_NE(0u, id);
@@ -428,40 +428,43 @@ INSTANTIATE_TEST_SUITE_P(DirectAndCorked, ForeignSendTest, ::testing::Values(fal
                              return std::string(param.param ? "Corked" : "Direct");
                          });
 
-// Takes at most a few packets per tick, as a slow application would.
-class SlowHandler : public QUOLNET::IConnectorHandler {
+// Takes the numbered packets of SequencePackets and checks them and their order. Refuses
+// every packet while `accept` is false, and more than `per_tick` in one tick when that is
+// set (a slow application); replies "done" once `done_at` packets were taken.
+class SequenceHandler : public QUOLNET::IConnectorHandler {
   public:
-    bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool) override {
-        if (taken_this_tick >= 7) {
+    void OnConnected(CConnectorMgr*, ConnId conn_id, const char*, bool) override { id = conn_id; }
+    bool OnPacket(CConnectorMgr* mgr, ConnId conn, const char* data, unsigned int len, bool) override {
+        if (!accept || (per_tick > 0 && taken_this_tick >= per_tick)) {
             return false;
         }
         ++taken_this_tick;
-        if (len != 12 || CLengthPrefixParser::ReadHeader(data) != 12) {
+        if (len != 12 || CLengthPrefixParser::ReadHeader(data) != 12 ||
+            CLengthPrefixParser::ReadHeader(data + 4) != static_cast<uint32_t>(count)) {
             ++bad;
-        } else {
-            uint32_t seq = CLengthPrefixParser::ReadHeader(data + 4);
-            if (seq != static_cast<uint32_t>(count)) {
-                ++bad;
-            }
         }
-        if (++count == 5000) {
+        if (++count == done_at) {
             std::string done = Packet("done");
-            mgr->Send(id, done.data(), static_cast<unsigned int>(done.size()));
+            mgr->Send(conn, done.data(), static_cast<unsigned int>(done.size()));
         }
         return true;
     }
     void OnTick(CConnectorMgr*) override { taken_this_tick = 0; }
+    bool accept = true;
+    int per_tick = 0;  // 0: no limit
+    int done_at = 0;   // 0: no reply
+    ConnId id = 0;
     int taken_this_tick = 0;
     int count = 0;
     int bad = 0;
 };
 
 TEST_F(ConnectorMgrTest, BurstOfFiveThousandPacketsIsFullyDeliveredToASlowApplication) {
-    SlowHandler h;
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
+    SequenceHandler h;
+    h.per_tick = 7;
+    h.done_at = 5000;
     {
-        CConnectorMgr server(&h, o);
+        CConnectorMgr server(&h, PoolOptions());
         int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
         std::thread loop([&server]() { server.Run(); });
@@ -482,10 +485,8 @@ TEST_F(ConnectorMgrTest, BurstOfFiveThousandPacketsIsFullyDeliveredToASlowApplic
 TEST_F(ConnectorMgrTest, AReplyFollowedAtOnceByACloseIsDeliveredBeforeTheClose) {
     qntest::Listener peer;
     RecordingHandler h;
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
     {
-        CConnectorMgr client(&h, o);
+        CConnectorMgr client(&h, PoolOptions());
         ASSERT_EQ(0, client.Init());
         ASSERT_NE(0u, client.Dial(peer.url().c_str()));
         for (int i = 0; i < 400 && h.connected == 0; ++i) {
@@ -528,10 +529,8 @@ class CorkingEcho : public QUOLNET::IConnectorHandler {
 
 TEST_F(ConnectorMgrTest, TheLastReplyOfACorkedRunJoinsTheCork) {
     CorkingEcho h;
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
     {
-        CConnectorMgr server(&h, o);
+        CConnectorMgr server(&h, PoolOptions());
         int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
         Pump(server, [&]() { return h.id != 0; });
@@ -588,36 +587,15 @@ INSTANTIATE_TEST_SUITE_P(PeekAndCallback, MoreFlagTest, ::testing::Values(false,
                              return std::string(param.param ? "Callback" : "Peek");
                          });
 
-// Refuses every packet until `accept` is set; then takes them in order.
-class GateHandler : public QUOLNET::IConnectorHandler {
-  public:
-    void OnConnected(CConnectorMgr*, ConnId conn_id, const char*, bool) override { id = conn_id; }
-    bool OnPacket(CConnectorMgr*, ConnId, const char* data, unsigned int len, bool) override {
-        if (!accept) {
-            return false;
-        }
-        if (len != 12 || CLengthPrefixParser::ReadHeader(data + 4) != static_cast<uint32_t>(count)) {
-            ++bad;
-        }
-        ++count;
-        return true;
-    }
-    bool accept = false;
-    ConnId id = 0;
-    int count = 0;
-    int bad = 0;
-};
-
 // Regression: while the application refused packets and the ring was full, the socket stayed
 // readable and the level-triggered wait returned at once on every tick: the loop spun at
 // full CPU until the application took packets again. Reading is now paused (EPOLLIN out of
 // the registration), the wait finds nothing ready, and reading resumes with the packets.
 TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
-    GateHandler h;
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
+    SequenceHandler h;
+    h.accept = false;
     {
-        CConnectorMgr server(&h, o);
+        CConnectorMgr server(&h, PoolOptions());
         int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
         Pump(server, [&]() { return h.id != 0; });
@@ -650,12 +628,9 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
 // A handler that takes every packet never sees reading paused, however much is waiting:
 // rounds that end at the per-tick limit are still making progress.
 TEST_F(ConnectorMgrTest, AFastHandlerIsNeverPaused) {
-    GateHandler h;
-    h.accept = true;
-    ConnectorMgrOptions o;
-    o.pool = &m_pool;
+    SequenceHandler h;
     {
-        CConnectorMgr server(&h, o);
+        CConnectorMgr server(&h, PoolOptions());
         int fd = ListenAndDial(server);
         ASSERT_GE(fd, 0);
         const int kPackets = 40000;  // 480 KB: more rounds of the 1000-packet ring than one tick takes
