@@ -180,6 +180,19 @@ class RecvHarness {
         return total;
     }
 
+    // Makes a fresh pool block, consumed up to `pos`, the block being read: appended to the
+    // receive queue, with the next packet expected at `pos`. Null when the pool is empty.
+    QUOLNET::NetBuffer* InstallReadBlock(int pos) {
+        QUOLNET::NetBuffer* b = m_pool.Allocate(true, false);
+        if (b != nullptr) {
+            b->m_read_pos = b->m_write_pos = pos;
+            Peer::m_rx_queue(*m_conn).Insert(&b->m_node);
+            Peer::m_rx_buffer(*m_conn) = b;
+            Peer::m_rx_packet(*m_conn) = QUOLNET::PacketInfo{b, pos, 0, 0};
+        }
+        return b;
+    }
+
     // Peeks and drops every queued packet, appending copies to `out`.
     int DrainRing(std::vector<std::string>* out) {
         int n = 0;

@@ -43,12 +43,8 @@ TEST(TcpConnectorFraming, FullSizePacketAtOffsetOneIsMovedToAFreshBlock) {
     RecvHarness h;
     ASSERT_TRUE(h.ok());
     // A block in which one byte has already been consumed by an earlier packet.
-    QUOLNET::NetBuffer* old_block = h.pool().Allocate(true, false);
+    QUOLNET::NetBuffer* old_block = h.InstallReadBlock(1);
     ASSERT_NE(nullptr, old_block);
-    old_block->m_read_pos = old_block->m_write_pos = 1;
-    Peer::m_rx_queue(h.c()).Insert(&old_block->m_node);
-    Peer::m_rx_buffer(h.c()) = old_block;
-    Peer::m_rx_packet(h.c()) = QUOLNET::PacketInfo{old_block, 1, 0, 0};
 
     std::string p = MakePacket(65536, 2);
     ASSERT_TRUE(h.Write(p.substr(0, 1000)));

@@ -52,12 +52,8 @@ TEST(TcpConnectorRecv, ReadOfZeroBytesEndsRecvWithTheTotal) {
 TEST(TcpConnectorRecv, FullBlockYieldsZeroWithoutSystemCall) {
     RecvHarness h;
     ASSERT_TRUE(h.ok());
-    QUOLNET::NetBuffer* b = h.pool().Allocate(true, false);
+    QUOLNET::NetBuffer* b = h.InstallReadBlock(65536);
     ASSERT_NE(nullptr, b);
-    b->m_read_pos = b->m_write_pos = 65536;
-    Peer::m_rx_queue(h.c()).Insert(&b->m_node);
-    Peer::m_rx_buffer(h.c()) = b;
-    Peer::m_rx_packet(h.c()) = QUOLNET::PacketInfo{b, 65536, 0, 0};
     Peer::m_rx_status(h.c()) = QUOLNET::RECV_SINGLE_BUFFER_BODY_STATUS;
 
     ASSERT_TRUE(h.Write("abcd"));

@@ -176,6 +176,18 @@ TEST(SendSeam, BlockThatWaited2500usGivesCost2500) {
     EXPECT_EQ(0.25f, Peer::m_tx_avg_wait_time(r.c()));
 }
 
+// Starts a direct Send of `p` on a thread of its own, which the send gate holds inside its
+// socket write; the caller waits for it with WaitArrived, opens the gate and joins the
+// thread. *ret receives Send's result.
+std::thread StartHeldSend(SendRig& r, const std::string& p, int* ret) {
+    r.c().SetEvent(EPOLLOUT);
+    g_send_gate.Reset();
+    return std::thread([&r, &p, ret] {
+        g_send_gate.Arm(pthread_self());
+        *ret = r.c().Send(p.data(), p.size(), nullptr);
+    });
+}
+
 // Split 3: the rest of a partial direct write must go ahead of a packet that another thread
 // queued while the write was in progress.
 TEST(SendSeam, RestOfAPartialWriteGoesAheadOfPacketsQueuedDuringTheWrite) {
@@ -183,13 +195,8 @@ TEST(SendSeam, RestOfAPartialWriteGoesAheadOfPacketsQueuedDuringTheWrite) {
     ASSERT_TRUE(r.ok);
     Shrink(r);
     std::string p = Pattern(300000, 1), q = Pattern(100, 2);
-    r.c().SetEvent(EPOLLOUT);
     int ra = 0;
-    g_send_gate.Reset();
-    std::thread a([&] {
-        g_send_gate.Arm(pthread_self());
-        ra = r.c().Send(p.data(), p.size(), nullptr);
-    });
+    std::thread a = StartHeldSend(r, p, &ra);
     ASSERT_TRUE(g_send_gate.WaitArrived());
     EXPECT_EQ(100, r.c().Send(q.data(), q.size(), nullptr));  // role busy: queued
     EXPECT_EQ(q, r.Queued());
@@ -211,13 +218,8 @@ TEST(SendSeam, RoleIsKeptUntilTheRestIsQueued) {
     ASSERT_TRUE(r.ok);
     Shrink(r);
     std::string p = Pattern(300000, 3), q = Pattern(100, 4);
-    r.c().SetEvent(EPOLLOUT);
     int ra = 0;
-    g_send_gate.Reset();
-    std::thread a([&] {
-        g_send_gate.Arm(pthread_self());
-        ra = r.c().Send(p.data(), p.size(), nullptr);
-    });
+    std::thread a = StartHeldSend(r, p, &ra);
     ASSERT_TRUE(g_send_gate.WaitArrived());
     EXPECT_EQ(100, r.c().Send(q.data(), q.size(), nullptr));
     ASSERT_EQ(1, r.log.CountPrefix(LOG_PRIORITY_DEBUG, "enter CTcpConnector::PushSendQ()"));
