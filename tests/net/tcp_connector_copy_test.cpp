@@ -83,6 +83,17 @@ class CopyFromTest : public ::testing::Test {
         close(m_ep);
         close(m_ep2);
     }
+    // Binds the source to the accepted socket on the first epoll instance and the
+    // destination to the same socket on the second, as a hand-over between two loops does.
+    ::testing::AssertionResult BindPair(Conn& src, Conn& dst) {
+        if (src.c->Init(kUrl, &m_parser, m_ep, m_server) != 0) {
+            return ::testing::AssertionFailure() << "source Init failed";
+        }
+        if (dst.c->Init(kUrl, &m_parser, m_ep2, m_server) != 0) {
+            return ::testing::AssertionFailure() << "destination Init failed";
+        }
+        return ::testing::AssertionSuccess();
+    }
     int m_ep = -1, m_ep2 = -1, m_client = -1, m_server = -1;
     CNetBufferMgr m_pool{256};
     qntest::BigEndianLengthParser m_parser{kCombineLen};
@@ -122,8 +133,7 @@ TEST_F(CopyFromTest, DifferentSocketIsRefusedAndFlagged) {
 TEST_F(CopyFromTest, NonEmptyDestinationIsRefusedAndFlagged) {
     Conn a(&m_pool, &m_log_src);
     Conn b(&m_pool, &m_log_dst);
-    ASSERT_EQ(0, a.c->Init(kUrl, &m_parser, m_ep, m_server));
-    ASSERT_EQ(0, b.c->Init(kUrl, &m_parser, m_ep2, m_server));
+    ASSERT_TRUE(BindPair(a, b));
     ASSERT_EQ(5, b.c->SendToQ("hello", 5, nullptr));  // one queued send block
     EXPECT_EQ(-3, b.c->CopyFrom(*a.c));
     EXPECT_TRUE(m_log_dst.Has(QUOLNET::LOG_PRIORITY_ERROR,
@@ -140,8 +150,7 @@ TEST_F(CopyFromTest, PoolExhaustionFailsTheQueueCopies) {
     CNetBufferMgr small_pool(3, 0);
     Conn a(&small_pool, &m_log_src);
     Conn b(&small_pool, &m_log_dst);
-    ASSERT_EQ(0, a.c->Init(kUrl, &m_parser, m_ep, m_server));
-    ASSERT_EQ(0, b.c->Init(kUrl, &m_parser, m_ep2, m_server));
+    ASSERT_TRUE(BindPair(a, b));
     std::string big(65536 * 2, 'x');
     ASSERT_EQ(static_cast<int>(big.size()), a.c->SendToQ(big.data(), big.size(), nullptr));  // 2 blocks
     EXPECT_EQ(-4, b.c->CopyFrom(*a.c));
@@ -156,8 +165,7 @@ TEST_F(CopyFromTest, PoolExhaustionFailsTheQueueCopies) {
     Conn c(&small_pool, &m_log_dst);
     ASSERT_TRUE(qntest::TcpPair(&m_client, &m_server));
     Conn d(&small_pool, &m_log_src);
-    ASSERT_EQ(0, d.c->Init(kUrl, &m_parser, m_ep, m_server));
-    ASSERT_EQ(0, c.c->Init(kUrl, &m_parser, m_ep2, m_server));
+    ASSERT_TRUE(BindPair(d, c));
     std::string p = qntest::MakePacket(65536 + 100, 3);
     ASSERT_TRUE(qntest::WriteAll(m_client, p.data(), 65536 + 50));
     ASSERT_GT(RecvBytes(*d.c, m_server, 65536 + 50), 0);
@@ -173,8 +181,7 @@ TEST_F(CopyFromTest, PoolExhaustionFailsTheQueueCopies) {
 TEST_F(CopyFromTest, EmptyRingCopiesQueuesAndReceivePointersWithoutAWalk) {
     Conn a(&m_pool, &m_log_src);
     Conn b(&m_pool, &m_log_dst);
-    ASSERT_EQ(0, a.c->Init(kUrl, &m_parser, m_ep, m_server));
-    ASSERT_EQ(0, b.c->Init(kUrl, &m_parser, m_ep2, m_server));
+    ASSERT_TRUE(BindPair(a, b));
     std::string p = qntest::MakePacket(1000, 5);
     ASSERT_TRUE(qntest::WriteAll(m_client, p.data(), 500));  // half a packet
     ASSERT_EQ(500, RecvBytes(*a.c, m_server, 500));
