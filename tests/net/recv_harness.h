@@ -209,6 +209,13 @@ class RecvHarness {
         }
     }
 
+    // Peeks and drops every queued packet; copies of them, oldest first.
+    std::vector<std::string> DrainAll() {
+        std::vector<std::string> out;
+        DrainRing(&out);
+        return out;
+    }
+
   private:
     HarnessOptions m_opt;
     LogCapture m_log;

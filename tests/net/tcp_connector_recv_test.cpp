@@ -186,9 +186,7 @@ TEST(TcpConnectorRecv, ChainAllocationFailureLogsOnceAndRetries) {
     ASSERT_TRUE(h.Write(p.substr(1000)));
     EXPECT_EQ(static_cast<long>(p.size()) - 1000, h.RecvBytes(static_cast<long>(p.size()) - 1000));
     EXPECT_FALSE(static_cast<bool>(Peer::m_is_last_rx_full(h.c())));
-    std::vector<std::string> got;
-    EXPECT_EQ(1, h.DrainRing(&got));
-    EXPECT_EQ(p, got[0]);
+    EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
 }
 
 TEST(TcpConnectorRecv, ExactMultipleOfBlockLeavesLastBlockUnlimited) {
@@ -206,9 +204,7 @@ TEST(TcpConnectorRecv, ExactMultipleOfBlockLeavesLastBlockUnlimited) {
         EXPECT_EQ(Peer::m_rx_buffer(h.c()), q.Tail()->pData);
         auto* last = static_cast<QUOLNET::NetBuffer*>(q.Tail()->pPrev->pData);
         EXPECT_EQ(extra == 0 ? 65536 : 1, last->m_limit_pos) << "extra=" << extra;
-        std::vector<std::string> got;
-        EXPECT_EQ(1, h.DrainRing(&got));
-        EXPECT_EQ(p, got[0]);
+        EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
     }
 }
 
@@ -223,9 +219,7 @@ TEST(TcpConnectorRecv, HeaderSplitOverTwoReads) {
     EXPECT_EQ(0, h.c().GetPacketInfoCnt());
     ASSERT_TRUE(h.Write(p.substr(2)));
     EXPECT_EQ(18, h.RecvBytes(18));
-    std::vector<std::string> got;
-    EXPECT_EQ(1, h.DrainRing(&got));
-    EXPECT_EQ(p, got[0]);
+    EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
 }
 
 TEST(TcpConnectorRecv, NegativeParserResultFailsWithMinus1) {
