@@ -75,6 +75,15 @@ void CTcpConnector::Reset() {
     m_rx_packet_cnt = 0;
     m_tx_packet_cnt = 0;
     m_wait_alloc_starttime = 0;
+    // Connection state of the half-close, progress and close-cause accessors. The
+    // keep-writing setting is configuration and stays.
+    m_peer_closed = false;
+    m_tx_bytes = 0;
+    m_rx_bytes = 0;
+    m_last_io_result = 0;
+    m_last_errno = 0;
+    m_read_errno = 0;
+    m_write_errno = 0;
 }
 
 int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int socket) {
@@ -346,6 +355,17 @@ void CTcpConnector::Update() {
     if (events & (EPOLLERR | EPOLLHUP)) {
         QN_LOG(m_log_cat, QN_INFO, "m_events=%d, prepare disconnect, url=%s, local_url=%s, m_socket=%d",
                static_cast<int>(events), GetURL(), GetLocalURL(), static_cast<int>(m_socket));
+        if (m_status != CONNECTOR_STATUS_DISCONNECTED && m_socket >= 0) {
+            // The cause, read while the descriptor is still open: ECONNREFUSED for a refused
+            // dial, ECONNRESET for a reset, 0 for a plain hang-up.
+            int so_error = 0;
+            socklen_t so_len = sizeof(so_error);
+            if (getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &so_error, &so_len) != 0) {
+                so_error = errno;
+            }
+            m_last_io_result = 0;
+            m_last_errno = so_error;
+        }
         Disconnect(nullptr);
     }
 
@@ -366,21 +386,33 @@ void CTcpConnector::Update() {
         if (ret < 0) {
             QN_LOG(m_log_cat, QN_ERROR, "Send() failed, url=%s, local_url=%s, ret=%d", GetURL(),
                    GetLocalURL(), ret);
+            m_last_io_result = ret;
+            m_last_errno = m_write_errno.load();
             Disconnect(nullptr);
             return;
         }
     }
-    if ((m_events.load() & EPOLLIN) && !m_is_wait_alloc_big_buffer) {
+    // After the peer's end of stream (kept writable) the receive side is over: an owner's
+    // SetEvent(EPOLLIN) does not bring reading back.
+    bool reading_over = m_peer_closed && m_keep_writing_after_peer_close;
+    if ((m_events.load() & EPOLLIN) && !m_is_wait_alloc_big_buffer && !reading_over) {
         int ret = Recv();
         if (ret >= 0) {
             return;
         }
-        if (ret == -10000) {
+        if (ret == kPeerClosed) {
+            if (m_keep_writing_after_peer_close) {
+                return;  // Recv stopped reading; the connection stays up for the replies
+            }
+            m_last_io_result = ret;
+            m_last_errno = 0;
             Disconnect(nullptr);
             return;
         }
         QN_LOG(m_log_cat, QN_ERROR, "Recv() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(),
                ret);
+        m_last_io_result = ret;
+        m_last_errno = m_read_errno;
         Disconnect(nullptr);
     }
 }
@@ -483,7 +515,16 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
     m_rx_status = that.m_rx_status;
     m_is_wait_alloc_big_buffer = that.m_is_wait_alloc_big_buffer;
     memcpy(m_peer_url, that.m_peer_url, sizeof(m_peer_url));
+    m_tx_bytes = that.m_tx_bytes.load();
+    m_rx_bytes = that.m_rx_bytes.load();
+    m_keep_writing_after_peer_close = that.m_keep_writing_after_peer_close;
     SetEvent(that.GetEvent());
+    if (that.m_peer_closed) {
+        m_peer_closed = true;
+        if (m_keep_writing_after_peer_close) {
+            StopReadingAtPeerClose();  // this registration must not report the ended stream
+        }
+    }
     return 0;
 }
 

@@ -32,6 +32,15 @@
 // registration) the new descriptor stays open in GetSocket() with status 0, where Close does
 // nothing; a later Connect or Fini forgets it. An owner that sees those codes closes
 // GetSocket() itself.
+//
+// Writes: every send(2) passes MSG_NOSIGNAL, so a write to a connection the peer has reset
+// fails with EPIPE instead of raising SIGPIPE; the library leaves the process's signal
+// handling alone.
+//
+// The peer's end of stream: by default a read that returns end of stream ends the
+// connection (Update disconnects). With SetKeepWritingAfterPeerClose(true) the connector
+// instead stops reading for good and stays connected, so that replies still go out; see
+// SetKeepWritingAfterPeerClose.
 #pragma once
 
 #include <netinet/in.h>
@@ -78,6 +87,23 @@ class CTcpConnector : public CConnector {
   public:
     static constexpr int kPacketInfoSize = 1000;  // slots in the packet ring
 
+    // ---- result codes (the values are part of the interface) ----
+    // Recv, ReadSocket, RecvToBuffer: the peer ended its stream (recv returned 0).
+    static constexpr int kPeerClosed = -10000;
+    // A socket call failed (recv, send, or the epoll_ctl of a flush); Recv also returns it
+    // when the chain of a big packet is broken. The errno is kept for GetLastErrno.
+    static constexpr int kIoFailed = -1;
+    // Send: not connected, or a null buffer / zero length. SendToQ: a null buffer / zero
+    // length.
+    static constexpr int kSendInvalid = -1;
+    // Send, SendToQ: refused for lack of room (queue limit or pool); try again later.
+    static constexpr int kSendNoRoom = 0;
+    // ParseNetBuffer (hence Recv): the parser reported a malformed header, or the ring
+    // overflowed.
+    static constexpr int kParseMalformed = -1;
+    // ParseNetBuffer: the packet is longer than the combine buffer.
+    static constexpr int kParseTooLong = -2;
+
     // `combine_buf` (length `combine_buf_len`) joins multi-block packets for Peek and bounds
     // the longest packet accepted; `cb_combine_buf` does the same for the callback. Blocks
     // come from `net_buffer_mgr`, at most `max_send_buf_num` queued for sending and
@@ -113,6 +139,63 @@ class CTcpConnector : public CConnector {
     // nonzero value means more data follows the packet being delivered, so the next packet
     // is likely to be delivered in the same call; an owner can cork its replies on it.
     int GetUnframedLen() const { return m_rx_buffer != nullptr ? m_rx_buffer->ReadRemaining() : 0; }
+
+    // ---- the peer's end of stream ----
+
+    // Off (the default): a read that returns end of stream makes Update disconnect, as for
+    // any failure. On: Update does not disconnect then. The connector records the peer's
+    // close (IsPeerClosed), keeps every packet already framed in the ring (and has already
+    // offered each to the receive callback), stops reading for good (EPOLLIN leaves the
+    // socket's epoll registration and m_events; neither Update nor Recv reads again, and an
+    // owner's SetEvent(EPOLLIN) does not resume reading) and stays connected: Send, SendToQ
+    // and the flush on EPOLLOUT work as before, so replies still reach the peer. Bytes of a
+    // packet left incomplete by the close are never framed. A reset or an error (EPOLLERR,
+    // EPOLLHUP, a failed recv or send) still disconnects at once. Ending the connection
+    // afterwards is the owner's job: typically it waits for the send queue to drain
+    // (GetSendQCount() == 0), shuts down its sending side and closes.
+    // A configuration, not connection state: Reset (so Connect) keeps it, CopyFrom copies it.
+    // Owner's thread, before the connection carries traffic.
+    void SetKeepWritingAfterPeerClose(bool on) { m_keep_writing_after_peer_close = on; }
+    bool GetKeepWritingAfterPeerClose() const { return m_keep_writing_after_peer_close; }
+    // True once a read returned the peer's end of stream on this connection (in either mode).
+    // Reset clears it; CopyFrom copies it. Any thread (relaxed read).
+    bool IsPeerClosed() const { return m_peer_closed; }
+
+    // ---- progress, for the owner's deadlines (owner's thread; no lock) ----
+
+    // Bytes written to the socket by this connection, by direct writes and queue flushes
+    // together. Reset clears it, CopyFrom copies it. A relaxed read of a counter that the
+    // holder of the sending role advances after each send(2) that took bytes.
+    int64_t GetSentBytes() const { return m_tx_bytes; }
+    // Bytes read from the socket by this connection. Reset clears it, CopyFrom copies it.
+    int64_t GetRecvBytes() const { return m_rx_bytes; }
+    // Whether bytes of a packet that is not yet complete have been read: the packet's length
+    // is known and not all of its bytes are here (a big packet's chain in progress included,
+    // and a packet waiting for a block to be moved into), or bytes that do not yet make a
+    // whole header (or that the parser calls malformed) wait unframed. False when nothing
+    // is read beyond whole packets: in particular when whole packets wait unframed only
+    // because the ring is full, or when only a block is lacking for the next read. Those
+    // waiting packets are checked with the parser, one call per packet (only while the
+    // ring is or just was full), so the answer does not depend on when framing last ran.
+    // Update thread only.
+    bool HasPartialPacket();
+    // Complete packets received on this connection (the counter behind the first-packet
+    // dump). Reset clears it, CopyFrom copies it.
+    long GetRecvPacketCount() const { return m_rx_packet_cnt; }
+
+    // ---- why Update ended the connection ----
+
+    // The result that made Update disconnect: the negative result of Recv or Send() (for
+    // example kIoFailed, kParseMalformed, kParseTooLong), kPeerClosed for the peer's end of
+    // stream, or 0 when Update has not ended the connection or ended it for EPOLLERR /
+    // EPOLLHUP. Reset clears it.
+    int GetLastIoResult() const { return m_last_io_result; }
+    // The errno that goes with it: of the failing recv or send (or of the flush's
+    // epoll_ctl), the socket's pending error (SO_ERROR) when EPOLLERR or EPOLLHUP ended the
+    // connection (0 for a hang-up without an error), or 0 (end of stream, framing errors,
+    // not ended by Update). Reset clears it. A send error comes from whichever thread last
+    // failed a write on this connection.
+    int GetLastErrno() const { return m_last_errno; }
     void GetIPAndPort(int& ip, int& port) override;
     // Dials the parsed URL without blocking, registering the socket with epoll first
     // (EPOLLIN|EPOLLOUT|EPOLLERR, level-triggered, data.ptr = this). Returns 0 with status 1
@@ -143,9 +226,13 @@ class CTcpConnector : public CConnector {
 
     // ---- receive path ----
 
-    // Reads and frames what the socket holds. Returns bytes read (>= 0), -10000 when the
-    // peer closed, or another negative code on failure. Update calls it; an owner calls it
-    // directly to retry a connector that IsWaitAllocBigBuffer() (Update skips those).
+    // Reads and frames what the socket holds. Returns bytes read (>= 0), kPeerClosed when
+    // the peer ended its stream, or another negative code on failure. Update calls it; an
+    // owner calls it directly to retry a connector that IsWaitAllocBigBuffer() (Update skips
+    // those). With SetKeepWritingAfterPeerClose(true), the read that meets the end of
+    // stream also stops reading for good (see there) and still returns kPeerClosed; an owner
+    // that calls Recv itself then keeps the connection (IsPeerClosed() is true); later calls
+    // return 0 without reading.
     int Recv();
     // The oldest packet, in place (<= 65536 bytes) or joined into the combine buffer. Valid
     // until the next Drop (or the next Peek of a multi-block packet). Ring consumer thread.
@@ -243,9 +330,17 @@ class CTcpConnector : public CConnector {
     int Sending(LogCategory* log_cat);
     // One send(2). Bytes taken, 0 on would-block (EPOLLOUT cleared in m_events), -1 otherwise.
     int WriteSocket(const char* buf, int len, LogCategory* log_cat);
-    // Sets the socket's epoll registration to `events` unless it already has that mask.
-    // Caller holds m_tx_mutex. 0, or -1 with errno set by epoll_ctl.
+    // Sets the socket's epoll registration to `events` unless it already has that mask;
+    // EPOLLIN is left out while reading is paused or stopped. Caller holds m_tx_mutex. 0, or
+    // -1 with errno set by epoll_ctl.
     int SetRegisteredEventsLocked(unsigned int events);
+    // Registers the current mask again after the reading side changed (paused, resumed or
+    // stopped), keeping the write side as it is registered. Caller holds m_tx_mutex. 0, or
+    // -1 with errno set by epoll_ctl.
+    int ReapplyRegistrationLocked();
+    // The peer's end of stream with SetKeepWritingAfterPeerClose(true): records it and
+    // stops reading for good. Update thread.
+    void StopReadingAtPeerClose();
     // The queue-limit refusal shared by Send and SendToQ: when `len` more bytes in fresh
     // blocks would take the queue over m_max_tx_buf_num, logs the DEBUG line to `cat`, marks
     // the send side full (counted once per episode) and returns true.
@@ -308,6 +403,24 @@ class CTcpConnector : public CConnector {
     bool m_tx_tail_detached = false;
     // The owner paused reading: registrations leave out EPOLLIN. Guarded by m_tx_mutex.
     bool m_read_paused = false;
+    // Reading stopped for good at the peer's end of stream: registrations leave out EPOLLIN
+    // whatever PauseReading says. Guarded by m_tx_mutex; a new registration clears it.
+    bool m_read_stopped = false;
+
+    // Configuration (survives Reset): keep the connection writable after the peer's close.
+    bool m_keep_writing_after_peer_close = false;
+    Relaxed<bool> m_peer_closed;  // a read returned end of stream (update thread writes)
+    // Progress counters (see GetSentBytes/GetRecvBytes). m_tx_bytes is advanced by the
+    // holder of the sending role, m_rx_bytes by the update thread.
+    Relaxed<int64_t> m_tx_bytes;
+    Relaxed<int64_t> m_rx_bytes;
+    // Close cause (see GetLastIoResult/GetLastErrno), written by Update.
+    Relaxed<int> m_last_io_result;
+    Relaxed<int> m_last_errno;
+    // errno of the last failed recv (update thread; Recv clears it on entry) and of the last
+    // failed send (any thread holding the sending role).
+    int m_read_errno = 0;
+    Relaxed<int> m_write_errno;
 
     // Large and rarely touched members come last, so that the fields every packet uses share
     // a few cache lines instead of being spread around the 24 KB ring.

@@ -108,6 +108,7 @@ int CTcpConnector::RecvToBuffer(NetBuffer* buffer) {
     int cnt = ReadSocket(buffer->m_buf + buffer->m_write_pos, buffer->WriteRemaining());
     if (cnt >= 1) {
         buffer->AddWritePosition(cnt);
+        m_rx_bytes += cnt;
     }
     return cnt;
 }
@@ -122,13 +123,14 @@ int CTcpConnector::ReadSocket(void* buf, int len) {
             m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN));
             return 0;
         }
+        m_read_errno = err;
         QN_LOG(m_log_cat, QN_ERROR, "recv data from socket failed! url=%s, local_url=%s, errno=%d", GetURL(),
                GetLocalURL(), err);
-        return -1;
+        return kIoFailed;
     }
     if (cnt == 0) {
         QN_LOG(m_log_cat, QN_INFO, "socket is closed by peer! url=%s, local_url=%s", GetURL(), GetLocalURL());
-        return -10000;
+        return kPeerClosed;
     }
     return static_cast<int>(cnt);
 }
@@ -140,6 +142,10 @@ int CTcpConnector::ReadSocket(void* buf, int len) {
 int CTcpConnector::Recv() {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::Recv(), url=%s, local_url=%s, m_rx_status=%d", GetURL(),
            GetLocalURL(), static_cast<int>(m_rx_status));
+    m_read_errno = 0;
+    if (m_peer_closed && m_keep_writing_after_peer_close) {
+        return 0;  // reading stopped for good at the peer's end of stream
+    }
     int total_recv_cnt = 0;
     for (;;) {
         if (m_rx_status == ALLOC_MULTI_BUFFER_BODY_STATUS) {
@@ -179,8 +185,14 @@ int CTcpConnector::Recv() {
             if (recv_cnt == 0) {
                 return total_recv_cnt;
             }
-            if (recv_cnt == -10000) {
-                return -10000;
+            if (recv_cnt == kPeerClosed) {
+                // Everything read before the end of stream has been framed: framing ran
+                // after every read and only asked for more bytes.
+                m_peer_closed = true;
+                if (m_keep_writing_after_peer_close) {
+                    StopReadingAtPeerClose();
+                }
+                return kPeerClosed;
             }
             if (recv_cnt < 0) {
                 QN_LOG(m_log_cat, QN_ERROR, "recv data failed! url=%s, local_url=%s, recv_cnt=%d", GetURL(),
@@ -249,7 +261,7 @@ int CTcpConnector::RecvMultiBufferBody() {
             QN_LOG(m_log_cat, QN_ERROR,
                    "unexpected exception, url=%s, local_url=%s, big_packet_len=%d, recv_queue_cnt=%d",
                    GetURL(), GetLocalURL(), m_rx_packet.len, static_cast<int>(m_rx_queue.Count()));
-            return -1;
+            return kIoFailed;
         }
         // Drop, on a consumer thread, reads m_rx_buffer under the mutex to know where to stop.
         AutoLocker locker(&m_rx_mutex);
@@ -310,7 +322,7 @@ int CTcpConnector::ParseNetBuffer() {
                 QN_LOG(m_log_cat, QN_ERROR,
                        "parse packet length failed! url=%s, local_url=%s, parse_len=%d, read_remaining=%d",
                        GetURL(), GetLocalURL(), len, read_remaining);
-                return -1;
+                return kParseMalformed;
             }
             if (len == 0) {
                 m_rx_status = RECV_PACKET_HEAD_STATUS;
@@ -319,7 +331,7 @@ int CTcpConnector::ParseNetBuffer() {
             if (len > m_combine_buf_len) {
                 QN_LOG(m_log_cat, QN_ERROR, "packet_len(%d) > m_combine_buf_len(%d), url=%s, local_url=%s",
                        len, m_combine_buf_len, GetURL(), GetLocalURL());
-                return -2;
+                return kParseTooLong;
             }
             m_rx_packet.len = len;
             parse_succ = true;
@@ -423,7 +435,7 @@ int CTcpConnector::ParseNetBuffer() {
                 QN_LOG(m_log_cat, QN_ERROR,
                        "unexpected exception, m_packet_info full, url=%s, local_url=%s, head(%d)", GetURL(),
                        GetLocalURL(), m_packet_head_idx);
-                return -1;
+                return kParseMalformed;
             }
             m_packet_info[next] = m_rx_packet;
         }
@@ -435,6 +447,30 @@ int CTcpConnector::ParseNetBuffer() {
             m_rx_packet.start_pos = m_rx_buffer->m_read_pos;
         }
     }
+}
+
+bool CTcpConnector::HasPartialPacket() {
+    if (m_rx_packet.len > 0) {
+        // The length is known; the packet is filed (and m_rx_packet cleared) once complete.
+        return m_rx_packet.recv_len < m_rx_packet.len;
+    }
+    if (m_rx_buffer == nullptr || m_parser == nullptr) {
+        return false;
+    }
+    // No length yet: the unread bytes of the current block are what framing has not looked
+    // at. They are whole packets waiting for ring room, or the start of one. The packet
+    // being framed always starts in m_rx_buffer while its length is unknown.
+    const char* p = m_rx_buffer->ReadBuf();
+    int left = m_rx_buffer->ReadRemaining();
+    while (left > 0) {
+        int len = m_parser->ParsePackLength(p, static_cast<unsigned int>(left));
+        if (len <= 0 || len > left) {
+            return true;  // an incomplete header or packet (or one framing will refuse)
+        }
+        p += len;
+        left -= len;
+    }
+    return false;
 }
 
 // ---------------------------------------------------------------------------------------

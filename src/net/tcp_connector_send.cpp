@@ -104,11 +104,11 @@ int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_c
         const char* buf_text = buf == nullptr ? "(null)" : "";
         QN_LOG(cat, QN_ERROR, "invalid argument, url=%s, local_url=%s, buf=%p, len=%d", GetURL(), buf_text,
                static_cast<const void*>(GetLocalURL()), static_cast<int>(len));
-        return -1;
+        return kSendInvalid;
     }
 
     if (RefuseOverQueueLimit(static_cast<int>(len), cat)) {
-        return 0;
+        return kSendNoRoom;
     }
 
     CBidirList buffer_list;
@@ -125,7 +125,7 @@ int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_c
             gettimeofday(&now, nullptr);
             StoreTv(m_send_buf_full_tv, now.tv_sec, now.tv_usec);
         }
-        return 0;
+        return kSendNoRoom;
     }
 
     m_is_last_tx_full = false;
@@ -135,8 +135,8 @@ int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_c
 }
 
 int CTcpConnector::SetRegisteredEventsLocked(unsigned int events) {
-    if (m_read_paused) {
-        events &= ~static_cast<unsigned int>(EPOLLIN);  // the owner paused reading
+    if (m_read_paused || m_read_stopped) {
+        events &= ~static_cast<unsigned int>(EPOLLIN);  // the owner paused reading, or it is over
     }
     if (m_registered_events == events) {
         return 0;  // the registration already has this mask
@@ -156,6 +156,17 @@ void CTcpConnector::SetRegisteredEvents(unsigned int events) {
     AutoLocker locker(&m_tx_mutex);
     m_registered_events = events;
     m_read_paused = false;  // a new registration (or none) starts with reading on
+    m_read_stopped = false;
+}
+
+int CTcpConnector::ReapplyRegistrationLocked() {
+    if (m_status == CONNECTOR_STATUS_DISCONNECTED || m_socket < 0) {
+        return 0;  // nothing registered; the next registration starts with reading on
+    }
+    // Keep the write side as it is registered; when that is unknown (a failed change),
+    // report writability: the flush disarms it again if nothing is queued.
+    bool armed = m_registered_events == 0 || (m_registered_events & EPOLLOUT) != 0;
+    return SetRegisteredEventsLocked(armed ? kArmedEvents : kDisarmedEvents);
 }
 
 int CTcpConnector::PauseReading(bool paused) {
@@ -164,13 +175,25 @@ int CTcpConnector::PauseReading(bool paused) {
         return 0;
     }
     m_read_paused = paused;
-    if (m_status == CONNECTOR_STATUS_DISCONNECTED || m_socket < 0) {
-        return 0;  // nothing registered; the next registration starts with reading on
+    return ReapplyRegistrationLocked();
+}
+
+void CTcpConnector::StopReadingAtPeerClose() {
+    m_peer_closed = true;
+    AutoLocker locker(&m_tx_mutex);
+    // The ended stream stays readable for a level-triggered epoll: it must leave the
+    // registration, or the owner's loop would be woken for it on every wait.
+    m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN));
+    if (m_read_stopped) {
+        return;
     }
-    // Keep the write side as it is registered; when that is unknown (a failed change),
-    // report writability: the flush disarms it again if nothing is queued.
-    bool armed = m_registered_events == 0 || (m_registered_events & EPOLLOUT) != 0;
-    return SetRegisteredEventsLocked(armed ? kArmedEvents : kDisarmedEvents);
+    m_read_stopped = true;
+    if (ReapplyRegistrationLocked() != 0) {
+        // Recorded all the same: the next change of the registration leaves EPOLLIN out.
+        int err = errno;
+        QN_LOG(m_log_cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(),
+               GetLocalURL(), err);
+    }
 }
 
 bool CTcpConnector::IsReadingPaused() {
@@ -249,15 +272,15 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
 
     if (m_status != CONNECTOR_STATUS_CONNECTED) {
         QN_LOG(cat, QN_ERROR, "invalid status(%d)", static_cast<int>(m_status));
-        return -1;
+        return kSendInvalid;
     }
     if (buf == nullptr || len == 0) {
         QN_LOG(cat, QN_ERROR, "invalid argument, url=%s, local_url=%s, buf=%p, len=%d", GetURL(),
                GetLocalURL(), static_cast<const void*>(buf), static_cast<int>(len));
-        return -1;
+        return kSendInvalid;
     }
     if (RefuseOverQueueLimit(static_cast<int>(len), cat)) {
-        return 0;
+        return kSendNoRoom;
     }
 
     // Take the role only for a socket known to be writable. Whether bytes are waiting is
@@ -312,7 +335,7 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
             QN_LOG(cat, QN_WARN, "allocate send buffer failed, url=%s, local_url=%s, len=%d", GetURL(),
                    GetLocalURL(), static_cast<int>(len));
         }
-        return 0;
+        return kSendNoRoom;
     }
 
     int total_send_cnt = 0;
@@ -387,9 +410,10 @@ int CTcpConnector::Sending(LogCategory* log_cat) {
             if (node == nullptr) {
                 if (SetRegisteredEventsLocked(kDisarmedEvents) != 0) {
                     int err = errno;
+                    m_write_errno = err;
                     QN_LOG(cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(),
                            GetLocalURL(), err);
-                    return -1;
+                    return kIoFailed;
                 }
                 return total_send_cnt;
             }
@@ -440,8 +464,12 @@ int CTcpConnector::WriteSocket(const char* buf, int len, LogCategory* log_cat) {
     QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::WriteSocket(), url=%s, local_url=%s, len=%d", GetURL(),
            GetLocalURL(), len);
 
-    int cnt = static_cast<int>(send(m_socket, buf, static_cast<size_t>(len), 0));
+    // MSG_NOSIGNAL: a reset peer makes this call fail with EPIPE instead of raising SIGPIPE.
+    int cnt = static_cast<int>(send(m_socket, buf, static_cast<size_t>(len), MSG_NOSIGNAL));
     if (cnt != -1) {
+        if (cnt > 0) {
+            m_tx_bytes += cnt;  // only the holder of the sending role gets here
+        }
         return cnt;
     }
     int err = errno;
@@ -449,10 +477,11 @@ int CTcpConnector::WriteSocket(const char* buf, int len, LogCategory* log_cat) {
         m_events.fetch_and(~static_cast<unsigned int>(EPOLLOUT));
         return 0;
     }
+    m_write_errno = err;
     // EINTR included: the owner decides what to do with a connection whose write failed.
     QN_LOG(cat, QN_ERROR, "send data to server failed, url=%s, local_url=%s, send_len=%d, err=%d", GetURL(),
            GetLocalURL(), len, err);
-    return -1;
+    return kIoFailed;
 }
 
 int CTcpConnector::GetConstantSendBufFullMS() {

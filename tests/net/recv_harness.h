@@ -134,6 +134,7 @@ class RecvHarness {
     LogCapture& log() { return m_log; }
     CBe32Parser& parser() { return m_parser; }
     int client() const { return m_client; }
+    int epoll() const { return m_epoll; }
     char* combine() { return m_combine.data(); }
     char* cb_combine() { return m_cb_combine.data(); }
     // "url=..., local_url=..." as the connector writes it.

@@ -20,7 +20,10 @@ int __real_gettimeofday(struct timeval* tv, void* tz);
 
 namespace {
 
-std::atomic<int> g_eintr_count{0};  // sends still to fail with EINTR
+std::atomic<int> g_eintr_count{0};      // sends still to fail with EINTR
+std::atomic<int> g_send_calls{0};       // every send(2) the connector made
+std::atomic<int> g_send_flags_or{0};    // the flags of all of them, OR-ed
+std::atomic<int> g_send_flags_and{~0};  // and AND-ed
 
 // A one-shot gate: the thread that arrives first waits until the test opens it.
 class Gate {
@@ -79,6 +82,9 @@ struct timeval g_fixed_tv;
 }  // namespace
 
 extern "C" ssize_t __wrap_send(int fd, const void* buf, size_t len, int flags) {
+    g_send_calls.fetch_add(1);
+    g_send_flags_or.fetch_or(flags);
+    g_send_flags_and.fetch_and(flags);
     if (g_eintr_count.load() > 0) {
         g_eintr_count.fetch_sub(1);
         errno = EINTR;
@@ -124,6 +130,27 @@ bool Eventually(Pred pred) {
 
 void Shrink(SendRig& r) {
     SetSmallBuffers(r.fd, 4096, 0);
+}
+
+// Every write passes MSG_NOSIGNAL and nothing else, so that a reset peer gives EPIPE
+// instead of a process-wide SIGPIPE: the direct write, its queued rest and a flush.
+TEST(SendSeam, EveryWritePassesMsgNosignalOnly) {
+    SendRig r(64, 32);
+    ASSERT_TRUE(r.ok);
+    Shrink(r);
+    g_send_calls = 0;
+    g_send_flags_or = 0;
+    g_send_flags_and = ~0;
+    std::string p = Pattern(300000, 11), q = Pattern(1000, 12);
+    r.c().SetEvent(EPOLLOUT);
+    ASSERT_EQ(300000, r.c().Send(p.data(), p.size(), nullptr));  // partly written, rest queued
+    ASSERT_EQ(1000, r.c().SendToQ(q.data(), q.size(), nullptr));
+    std::string got;
+    ASSERT_TRUE(DrainAll(r, &got, p.size() + q.size()));
+    EXPECT_EQ(p + q, got);
+    EXPECT_GE(g_send_calls.load(), 2);
+    EXPECT_EQ(MSG_NOSIGNAL, g_send_flags_or.load());
+    EXPECT_EQ(MSG_NOSIGNAL, g_send_flags_and.load());
 }
 
 TEST(SendSeam, EintrFromADirectWriteIsAFailure) {
