@@ -178,7 +178,6 @@ class EchoClient : public QUOLNET::IConnectorHandler {
             }
             m_conns[id].index = i;
         }
-        m_pump_timer = mgr->AddTimer(2, 2, [this]() { PumpAll(); });
         return true;
     }
 
@@ -214,19 +213,29 @@ class EchoClient : public QUOLNET::IConnectorHandler {
         return true;
     }
 
-    void OnClosed(CConnectorMgr*, ConnId id, bool) override {
+    void OnClosed(CConnectorMgr*, ConnId id, const QUOLNET::CloseInfo& info) override {
         auto it = m_conns.find(id);
         if (it == m_conns.end()) {
             return;
         }
         if (!it->second.done) {
-            Error(it->second.connected ? "connection lost" : "cannot connect", id);
+            Error(it->second.connected ? "connection lost" : "cannot connect", id, &info);
         }
         m_conns.erase(it);
         CheckDone();
     }
 
+    void OnWritable(CConnectorMgr*, ConnId id) override {
+        auto it = m_conns.find(id);
+        if (it != m_conns.end()) {
+            Pump(id, it->second);
+        }
+    }
+
     void OnTick(CConnectorMgr*) override {
+        if (SendingOver() && !m_finished) {
+            PumpAll();  // connections idle since the duration ended are done now
+        }
         if (m_cfg.progress) {
             int64_t now = NowUs();
             if (now - m_last_progress_us >= 200000) {
@@ -324,8 +333,8 @@ class EchoClient : public QUOLNET::IConnectorHandler {
             unsigned int total = static_cast<unsigned int>(c.blocked.size());
             int64_t now = NowUs();
             int ret = m_mgr->Send(id, c.blocked.data(), total);
-            if (ret == 0) {
-                return;  // no room now; the pump timer retries
+            if (ret == CConnectorMgr::kSendNoRoom) {
+                return;  // no room now; OnWritable resumes this connection
             }
             if (ret < 0) {
                 Error("send failed", id);
@@ -367,10 +376,13 @@ class EchoClient : public QUOLNET::IConnectorHandler {
         m_mgr->Stop();
     }
 
-    void Error(const char* what, ConnId id) {
+    void Error(const char* what, ConnId id, const QUOLNET::CloseInfo* info = nullptr) {
         ++m_summary.errors;
         if (m_summary.errors <= 10) {
-            fprintf(stderr, "error: %s on connection %llu\n", what, static_cast<unsigned long long>(id));
+            fprintf(stderr, "error: %s on connection %llu%s%s (%s)\n", what,
+                    static_cast<unsigned long long>(id), info != nullptr ? ": " : "",
+                    info != nullptr ? QUOLNET::CloseReasonName(info->reason) : "",
+                    info != nullptr && info->error != 0 ? strerror(info->error) : "-");
         }
     }
 
@@ -382,7 +394,6 @@ class EchoClient : public QUOLNET::IConnectorHandler {
     int64_t m_start_us = 0;
     int64_t m_end_us = 0;
     int64_t m_last_progress_us = 0;
-    uint64_t m_pump_timer = 0;
     bool m_finished = false;
 };
 

@@ -7,15 +7,37 @@
 namespace {
 
 void Usage(FILE* out) {
+    QUOLNET::ConnectorMgrOptions d;
     fprintf(
         out,
-        "usage: echo_server [--listen URL] [--stats SECONDS] [--max-packet BYTES]\n"
-        "  --listen URL        where to listen (default tcp://127.0.0.1:7000; port 0 picks a free port)\n"
-        "  --stats SECONDS     print the connector statistics table every SECONDS (default 0: only at exit)\n"
-        "  --max-packet BYTES  longest packet accepted, 4-byte header included (default %u)\n"
+        "usage: echo_server [--listen URL] [--stats SECONDS] [--max-packet BYTES] [limits]\n"
+        "  --listen URL              where to listen (default tcp://127.0.0.1:7000; port 0 picks a free "
+        "port)\n"
+        "  --stats SECONDS           print the connector statistics table every SECONDS (default 0: only at "
+        "exit)\n"
+        "  --max-packet BYTES        longest packet accepted, 4-byte header included (default %u)\n"
+        "limits (defaults protect a server started as it is; 0 turns a deadline off):\n"
+        "  --pool-blocks N           64 KiB blocks in the pool (default %u)\n"
+        "  --pool-reserve N          shed stalled connections below N free blocks (default 0: pool/8)\n"
+        "  --max-send-blocks N       blocks one connection may queue for sending (default %u)\n"
+        "  --max-recv-blocks N       blocks one connection may hold for receiving (default %u)\n"
+        "  --send-stall-ms MS        close a connection whose send queue has not shrunk (default %d)\n"
+        "  --packet-deadline-ms MS   close a connection whose packet is not completed (default %d)\n"
+        "  --idle-timeout-ms MS      close a connection with no traffic (default %d: off)\n"
         "Packets are a 4-byte big-endian length (counting itself) followed by the payload.\n"
         "Stops on SIGINT or SIGTERM and prints the statistics table.\n",
-        QUOLNET::CLengthPrefixParser::kDefaultMaxPacketLen);
+        QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen, d.pool_blocks, d.max_send_blocks,
+        d.max_recv_blocks, d.send_stall_ms, d.packet_deadline_ms, d.idle_timeout_ms);
+}
+
+template <size_t N, typename F>
+int IntFlagIndex(F (&flags)[N], const char* name) {
+    for (size_t i = 0; i < N; ++i) {
+        if (strcmp(flags[i].name, name) == 0) {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
 }
 
 }  // namespace
@@ -23,10 +45,26 @@ void Usage(FILE* out) {
 int main(int argc, char** argv) {
     const char* url = "tcp://127.0.0.1:7000";
     long long stats = 0;
-    long long max_packet = QUOLNET::CLengthPrefixParser::kDefaultMaxPacketLen;
+    QUOLNET::ConnectorMgrOptions options;
+    long long max_packet = options.max_packet_len;
+    // Integer options: flag, where it goes, largest value.
+    struct IntFlag {
+        const char* name;
+        long long value;
+        long long max;
+    } flags[] = {
+        {"--pool-blocks", options.pool_blocks, 1 << 24},
+        {"--pool-reserve", options.pool_reserve_blocks, 1 << 24},
+        {"--max-send-blocks", options.max_send_blocks, 1 << 24},
+        {"--max-recv-blocks", options.max_recv_blocks, 1 << 24},
+        {"--send-stall-ms", options.send_stall_ms, 1 << 30},
+        {"--packet-deadline-ms", options.packet_deadline_ms, 1 << 30},
+        {"--idle-timeout-ms", options.idle_timeout_ms, 1 << 30},
+    };
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
         const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
+        const int fi = IntFlagIndex(flags, a);
         if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
             Usage(stdout);
             return 0;
@@ -38,6 +76,8 @@ int main(int argc, char** argv) {
         } else if (strcmp(a, "--max-packet") == 0 && v != nullptr &&
                    echo::ParseCount(v, 0x7fffffff, &max_packet) && max_packet >= 4) {
             ++i;
+        } else if (fi >= 0 && v != nullptr && echo::ParseCount(v, flags[fi].max, &flags[fi].value)) {
+            ++i;
         } else {
             fprintf(stderr, "echo_server: bad argument '%s'\n", a);
             Usage(stderr);
@@ -47,7 +87,13 @@ int main(int argc, char** argv) {
     echo::RequireURL("echo_server", url);
 
     echo::EchoServerHandler handler;
-    QUOLNET::ConnectorMgrOptions options;
+    options.pool_blocks = static_cast<unsigned int>(flags[0].value);
+    options.pool_reserve_blocks = static_cast<unsigned int>(flags[1].value);
+    options.max_send_blocks = static_cast<unsigned int>(flags[2].value);
+    options.max_recv_blocks = static_cast<unsigned int>(flags[3].value);
+    options.send_stall_ms = static_cast<int>(flags[4].value);
+    options.packet_deadline_ms = static_cast<int>(flags[5].value);
+    options.idle_timeout_ms = static_cast<int>(flags[6].value);
     options.stats_interval_sec = static_cast<int>(stats);
     options.max_packet_len = static_cast<unsigned int>(max_packet);
     QUOLNET::CConnectorMgr mgr(&handler, options);

@@ -13,6 +13,43 @@ class CConnectorMgr;
 
 typedef uint64_t ConnId;  // 0 is never a valid id
 
+// Why a connection ended (CloseInfo::reason).
+enum class CloseReason : int {
+    kPeerClosed = 0,     // the peer ended its stream; what we had to send was sent first
+    kReset = 1,          // the peer reset the connection (ECONNRESET, EPIPE); `error` holds errno
+    kIoError = 2,        // another socket error; `error` holds errno
+    kFramingError = 3,   // the parser refused the peer's bytes; `error` holds its code
+    kClosedLocally = 4,  // Close or Abort by the application, or the manager's destruction
+    kLimit = 5,          // a limit of ConnectorMgrOptions; `limit` names it
+    kDialRefused = 6,    // a dial was given up after failing; `error` holds errno (0 if unknown)
+    kDialTimeout = 7,    // a dial was given up after its connect timeout
+};
+constexpr int kCloseReasonCount = 8;
+
+// Which limit closed a connection (CloseInfo::limit when the reason is kLimit).
+enum class CloseLimit : int {
+    kNone = 0,
+    kSendStall = 1,       // the send queue did not shrink for send_stall_ms
+    kPacketDeadline = 2,  // a packet was started and not completed within packet_deadline_ms
+    kIdleTimeout = 3,     // nothing read or written for idle_timeout_ms
+    kPoolPressure = 4,    // shed while stalled, holding the most blocks, when the pool ran short
+    kPacketTooLong = 5,   // a packet announced longer than max_packet_len
+    kRecvBlocks = 6,      // a packet that could never fit under max_recv_blocks
+};
+constexpr int kCloseLimitCount = 7;
+
+// Short stable names for logs and statistics ("peer_closed", "send_stall", ...).
+const char* CloseReasonName(CloseReason reason);
+const char* CloseLimitName(CloseLimit limit);
+
+// What OnClosed is told about the end of a connection.
+struct CloseInfo {
+    CloseReason reason = CloseReason::kClosedLocally;
+    int error = 0;                         // errno, or the parser's code for kFramingError
+    CloseLimit limit = CloseLimit::kNone;  // for kLimit
+    bool reconnecting = false;             // a dialled connection that redials (same id)
+};
+
 class IConnectorHandler {
   public:
     virtual ~IConnectorHandler() {}
@@ -38,14 +75,23 @@ class IConnectorHandler {
     // once its ring of 1000 packets is full, so the peer is slowed down by TCP.
     virtual bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool more) = 0;
 
-    // The connection has ended; every packet that arrived before the end was offered first.
-    // `reconnecting` is true for a dialled connection with reconnect enabled: the id stays
-    // valid and OnConnected follows when a new connection is made. A dial that never
-    // connected and is given up is reported here too (with reconnecting false).
-    virtual void OnClosed(CConnectorMgr* mgr, ConnId id, bool reconnecting) {
+    // A Send or SendCorked on this connection returned CConnectorMgr::kSendNoRoom and there
+    // is room again: the send queue is at most half full and the pool has blocks to spare.
+    // Called once per refusal episode; the next refusal arms it again.
+    virtual void OnWritable(CConnectorMgr* mgr, ConnId id) {
         (void)mgr;
         (void)id;
-        (void)reconnecting;
+    }
+
+    // The connection has ended; every packet that arrived before the end was offered first
+    // (not after Abort or Close, which stop delivery). `info` says why. With
+    // info.reconnecting (a dialled connection with reconnect enabled) the id stays valid and
+    // OnConnected follows when a new connection is made. A dial that never connected and is
+    // given up is reported here too (kDialRefused or kDialTimeout, not reconnecting).
+    virtual void OnClosed(CConnectorMgr* mgr, ConnId id, const CloseInfo& info) {
+        (void)mgr;
+        (void)id;
+        (void)info;
     }
 
     // Called once at the end of every loop iteration (after packets, accepts and timers).

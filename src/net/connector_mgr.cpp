@@ -1,26 +1,23 @@
 // CConnectorMgr: epoll loop, accepting, dialling, delivery, closing, timers and statistics.
 #include "net/connector_mgr.h"
+#include "net/connector_mgr_log.h"
 
 #include <errno.h>
-#include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace QUOLNET {
 
-#define QN_MGR_LOG(prio, ...)                                                             \
-    do {                                                                                  \
-        LogCategory* qn_cat_ = m_options.log_cat;                                         \
-        if (qn_cat_ != nullptr && log_can_write(qn_cat_, (prio), 0, 0) != 0) {            \
-            LogLocation qn_loc_ = {"src/net/connector_mgr", __LINE__, __func__, nullptr}; \
-            LogRecord qn_rec_ = {(prio), nullptr, 0, &qn_loc_, 0, 0, 0, 0, 0};            \
-            log_write(qn_cat_, &qn_rec_, __VA_ARGS__);                                    \
-        }                                                                                 \
-    } while (0)
+namespace {
+// Framing's refusal of a packet that could never fit under the receive block limit.
+const int kParseTooManyBlocks = -3;
+}  // namespace
 
 CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptions& options)
     : m_handler(handler),
@@ -39,10 +36,13 @@ CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptio
       m_running_cancelled(false),
       m_stop(false),
       m_stats_requested(false),
-      m_next_stats_ms(0) {
+      m_next_stats_ms(0),
+      m_pool_reserve(0),
+      m_next_sweep_ms(0),
+      m_last_shed_ms(0),
+      m_too_large_cnt(0) {
+    m_initialised = false;
     memset(m_last_err, 0, sizeof(m_last_err));
-    // send() is called without MSG_NOSIGNAL: a reset peer must fail the write, not kill us.
-    signal(SIGPIPE, SIG_IGN);
 }
 
 CConnectorMgr::~CConnectorMgr() {
@@ -58,8 +58,9 @@ CConnectorMgr::~CConnectorMgr() {
         }
         ReleaseFd(c);
         DestroyConn(c);
+        ++m_close_cnt[static_cast<int>(CloseReason::kClosedLocally)];
         if (m_handler != nullptr) {
-            m_handler->OnClosed(this, id, false);
+            m_handler->OnClosed(this, id, CloseInfo());
         }
     }
     for (Conn* c : m_graveyard) {
@@ -84,48 +85,82 @@ int64_t CConnectorMgr::NowMs() {
 }
 
 int CConnectorMgr::Init() {
-    if (m_epoll >= 0) {
+    if (m_initialised) {
         return 0;
     }
+    if (m_options.log_cat == nullptr) {
+        m_default_log.reset(new (std::nothrow) LogCategory("quolnet", LOG_PRIORITY_WARN));
+        m_options.log_cat = m_default_log.get();  // null when even that failed: no logging
+    }
+    if (m_options.max_packet_len < 16) {
+        m_options.max_packet_len = 16;
+    }
+    // Everything made here is undone on failure, so a later Init starts afresh.
+    auto fail = [this](const char* what) {
+        int err = errno;
+        QN_MGR_LOG(LOG_PRIORITY_ERROR, "Init: %s failed, errno=%d", what, err);
+        if (m_wake_fd >= 0) {
+            ::close(m_wake_fd);
+            m_wake_fd = -1;
+        }
+        if (m_epoll >= 0) {
+            ::close(m_epoll);
+            m_epoll = -1;
+        }
+        m_pool = nullptr;
+        m_own_pool.reset();
+        m_parser = nullptr;
+        m_own_parser.reset();
+        m_combine_buf.reset();
+        m_cb_combine_buf.reset();
+        errno = err;
+        return -1;
+    };
     m_epoll = epoll_create1(EPOLL_CLOEXEC);
     if (m_epoll < 0) {
-        QN_MGR_LOG(LOG_PRIORITY_ERROR, "epoll_create1() failed, errno=%d", errno);
-        return -1;
+        return fail("epoll_create1()");
     }
     m_wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (m_wake_fd < 0) {
-        QN_MGR_LOG(LOG_PRIORITY_ERROR, "eventfd() failed, errno=%d", errno);
-        return -1;
+        return fail("eventfd()");
     }
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     ev.events = EPOLLIN;
     ev.data.ptr = &m_wake_tag;
     if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_wake_fd, &ev) != 0) {
-        QN_MGR_LOG(LOG_PRIORITY_ERROR, "epoll_ctl(ADD eventfd) failed, errno=%d", errno);
-        return -1;
+        return fail("epoll_ctl(ADD eventfd)");
     }
     if (m_options.pool != nullptr) {
         m_pool = m_options.pool;
     } else {
-        m_own_pool.reset(new CNetBufferMgr(m_options.pool_blocks));
+        m_own_pool.reset(new (std::nothrow) CNetBufferMgr(m_options.pool_blocks));
         m_pool = m_own_pool.get();
     }
     if (m_options.parser != nullptr) {
         m_parser = m_options.parser;
     } else {
-        m_own_parser.reset(new CLengthPrefixParser(m_options.max_packet_len));
+        m_own_parser.reset(new (std::nothrow) CLengthPrefixParser(m_options.max_packet_len));
         m_parser = m_own_parser.get();
     }
-    if (m_options.max_packet_len < 16) {
-        m_options.max_packet_len = 16;
+    m_combine_buf.reset(new (std::nothrow) char[m_options.max_packet_len]);
+    m_cb_combine_buf.reset(new (std::nothrow) char[m_options.max_packet_len]);
+    if (m_pool == nullptr || m_parser == nullptr || m_combine_buf == nullptr || m_cb_combine_buf == nullptr) {
+        errno = ENOMEM;
+        return fail("allocating the pool, the parser or the combine buffers");
     }
-    m_combine_buf.reset(new char[m_options.max_packet_len]);
-    m_cb_combine_buf.reset(new char[m_options.max_packet_len]);
-    m_events.resize(m_options.max_events > 0 ? m_options.max_events : 256);
+    try {
+        m_events.resize(m_options.max_events > 0 ? m_options.max_events : 256);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return fail("allocating the event array");
+    }
+    m_pool_reserve =
+        m_options.pool_reserve_blocks != 0 ? m_options.pool_reserve_blocks : m_pool->GetMaxBlockNum() / 8;
     if (m_options.stats_interval_sec > 0) {
         m_next_stats_ms = NowMs() + m_options.stats_interval_sec * 1000LL;
     }
+    m_initialised = true;
     return 0;
 }
 
@@ -166,6 +201,8 @@ CConnectorMgr::Conn* CConnectorMgr::NewConn(const char* url) {
         static_cast<int>(m_options.max_packet_len), m_last_err, m_pool, m_options.max_send_blocks,
         m_options.max_recv_blocks, m_options.use_recv_callback ? &CConnectorMgr::RecvCallback : nullptr, c));
     c->connector->SetLogCat(m_options.log_cat);
+    // The peer's end of stream stops reading only; replies are flushed before the close.
+    c->connector->SetKeepWritingAfterPeerClose(true);
     return c;
 }
 
@@ -202,6 +239,7 @@ ConnId CConnectorMgr::Dial(const char* url, const DialOptions& options) {
 void CConnectorMgr::StartConnect(Conn* c) {
     CTcpConnector* k = c->connector.get();
     c->timer_id = 0;
+    c->close_info_set = false;
     ++c->attempt;
     int ret = 0;
     {
@@ -217,13 +255,15 @@ void CConnectorMgr::StartConnect(Conn* c) {
         }
     }
     if (ret != 0) {
+        int err = errno;
         QN_MGR_LOG(LOG_PRIORITY_WARN, "connect attempt %d to %s failed, ret=%d", c->attempt, c->url.c_str(),
                    ret);
-        c->state = CONN_WAIT_RETRY;
+        SetCloseInfo(c, CloseReason::kDialRefused, err);
+        SetState(c, CONN_WAIT_RETRY);
         OnDialFailed(c);
         return;
     }
-    c->state = CONN_CONNECTING;
+    SetState(c, CONN_CONNECTING);
     if (k->GetStatus() == CONNECTOR_STATUS_CONNECTED) {
         // Completed at once; Update reports it on the first tick through the same path.
         Queue(c);
@@ -248,28 +288,36 @@ void CConnectorMgr::StartConnect(Conn* c) {
                 conn->connector->Disconnect(nullptr);
             }
             ReleaseFd(conn);
-            conn->state = CONN_WAIT_RETRY;
+            SetCloseInfo(conn, CloseReason::kDialTimeout, ETIMEDOUT);
+            SetState(conn, CONN_WAIT_RETRY);
             OnDialFailed(conn);
         });
     }
 }
 
 void CConnectorMgr::OnDialFailed(Conn* c) {
-    bool retry = c->dial.reconnect && !c->close_requested && !m_stop.load() &&
+    bool retry = c->dial.reconnect && !c->close_requested && !c->graceful && !m_stop.load() &&
                  (c->dial.max_attempts <= 0 || c->attempt < c->dial.max_attempts);
     if (retry) {
+        c->close_info_set = false;
         ScheduleRetry(c);
         return;
     }
+    if (c->close_requested || c->graceful) {
+        SetCloseInfo(c, CloseReason::kClosedLocally, 0);
+    }
+    SetCloseInfo(c, CloseReason::kDialRefused, 0);  // when nothing more precise was recorded
     ConnId id = c->id;
+    CloseInfo info = c->close_info;
     DestroyConn(c);
+    ++m_close_cnt[static_cast<int>(info.reason)];
     if (m_handler != nullptr) {
-        m_handler->OnClosed(this, id, false);
+        m_handler->OnClosed(this, id, info);
     }
 }
 
 void CConnectorMgr::ScheduleRetry(Conn* c) {
-    c->state = CONN_WAIT_RETRY;
+    SetState(c, CONN_WAIT_RETRY);
     int delay = c->backoff_ms > 0 ? c->backoff_ms : std::max(1, c->dial.backoff_initial_ms);
     c->backoff_ms = std::min(delay * 2, std::max(delay, c->dial.backoff_max_ms));
     QN_MGR_LOG(LOG_PRIORITY_INFO, "dial %s failed (attempt %d), retrying in %d ms", c->url.c_str(),
@@ -295,10 +343,12 @@ int CConnectorMgr::RecvCallback(const char* url, const char* data, int len, void
     (void)url;
     Conn* c = static_cast<Conn*>(arg);
     CConnectorMgr* mgr = c->mgr;
+    if (c->close_requested || c->graceful) {
+        return 1;  // delivery has ended: the packet is dropped
+    }
     // Keep arrival order: while packets wait in the ring, later ones queue behind them.
-    if (c->close_requested || c->refused || c->connector->GetPacketInfoCnt() > 0 ||
-        mgr->m_handler == nullptr) {
-        return c->close_requested ? 1 : 0;
+    if (c->refused || c->connector->GetPacketInfoCnt() > 0 || mgr->m_handler == nullptr) {
+        return 0;
     }
     mgr->m_delivering = c;
     bool more = c->connector->GetUnframedLen() > 0;
@@ -318,12 +368,13 @@ int CConnectorMgr::Deliver(Conn* c) {
     // Only framing adds packets, and it runs on this thread outside Deliver; so the count
     // taken once here only falls, by one per Drop, while the handler is offered packets.
     int left = k->GetPacketInfoCnt();
-    while (!c->close_requested && left > 0) {
+    while (!c->close_requested && !c->graceful && left > 0) {
         const char* buf = nullptr;
         unsigned int len = 0;
         int ret = k->Peek(&buf, len, nullptr);
         if (ret != 0) {
             QN_MGR_LOG(LOG_PRIORITY_ERROR, "Peek() failed, url=%s, ret=%d; closing", c->url.c_str(), ret);
+            SetCloseInfo(c, CloseReason::kFramingError, ret);
             c->close_requested = true;
             break;
         }
@@ -345,6 +396,13 @@ int CConnectorMgr::Deliver(Conn* c) {
     return n;
 }
 
+void CConnectorMgr::DropRing(Conn* c) {
+    CTcpConnector* k = c->connector.get();
+    for (int left = k->GetPacketInfoCnt(); left > 0; --left) {
+        k->Drop();
+    }
+}
+
 void CConnectorMgr::RetryBigWait(Conn* c) {
     CTcpConnector* k = c->connector.get();
     int ret = k->Recv();
@@ -356,75 +414,102 @@ void CConnectorMgr::RetryBigWait(Conn* c) {
     }
 }
 
+void CConnectorMgr::SetState(Conn* c, ConnState state) {
+    c->state = state;
+    switch (state) {
+        case CONN_ESTABLISHED:
+        case CONN_DRAINING:
+            // After the peer's end of stream replies are still welcome; after Close not.
+            c->gate = c->graceful || c->close_requested ? kGateClosing : kGateOpen;
+            break;
+        case CONN_LINGER:
+        case CONN_CLOSING:
+            c->gate = kGateClosing;
+            break;
+        default:
+            c->gate = kGateClosed;
+            break;
+    }
+}
+
+// Every transition of a connection starts here; see the diagram in the header.
 void CConnectorMgr::ServiceConn(Conn* c) {
     CTcpConnector* k = c->connector.get();
     if (c->dead) {
         return;
     }
-    if (c->state == CONN_WAIT_RETRY) {
-        if (c->close_requested) {
-            ConnId id = c->id;
-            DestroyConn(c);
-            if (m_handler != nullptr) {
-                m_handler->OnClosed(this, id, false);
+    switch (c->state) {
+        case CONN_WAIT_RETRY:
+            if (c->close_requested || c->graceful) {
+                OnDialFailed(c);  // reported as closed locally
             }
-        }
-        return;
-    }
-    if (c->state == CONN_CLOSING) {
-        Deliver(c);
-        if (c->close_requested || k->GetPacketInfoCnt() == 0) {
-            FinishClose(c);
-        } else if (c->refused) {
-            m_pending.push_back(c);
-        }
-        return;
-    }
-    if (c->state == CONN_CONNECTING && c->close_requested) {
-        {
-            std::unique_lock<std::shared_mutex> lock(m_conn_lock);
-            k->Disconnect(nullptr);
-        }
-        ReleaseFd(c);
-        c->state = CONN_WAIT_RETRY;
-        OnDialFailed(c);
-        return;
+            return;
+        case CONN_CLOSING:
+            Deliver(c);
+            if (c->close_requested || k->GetPacketInfoCnt() == 0) {
+                FinishClose(c);
+            } else if (c->refused) {
+                m_pending.push_back(c);
+            }
+            return;
+        case CONN_DRAINING:
+        case CONN_LINGER:
+            ServiceDraining(c);
+            return;
+        case CONN_CONNECTING:
+            if (c->close_requested || c->graceful) {
+                {
+                    std::unique_lock<std::shared_mutex> lock(m_conn_lock);
+                    k->Disconnect(nullptr);
+                }
+                ReleaseFd(c);
+                SetState(c, CONN_WAIT_RETRY);
+                OnDialFailed(c);
+                return;
+            }
+            break;
+        case CONN_ESTABLISHED:
+            break;
     }
 
     if (k->GetStatus() == CONNECTOR_STATUS_CONNECTED && k->IsWaitAllocBigBuffer()) {
         RetryBigWait(c);
     }
     k->Update();
-    int status = k->GetStatus();
     if (c->state == CONN_CONNECTING) {
-        if (status == CONNECTOR_STATUS_CONNECTED) {
-            if (c->timer_id != 0) {
-                CancelTimer(c->timer_id);
-                c->timer_id = 0;
-            }
-            c->state = CONN_ESTABLISHED;
-            c->was_established = true;
-            c->attempt = 0;
-            c->backoff_ms = 0;
-            if (m_handler != nullptr) {
-                m_handler->OnConnected(this, c->id, c->url.c_str(), false);
-            }
-        } else if (status == CONNECTOR_STATUS_DISCONNECTED) {
-            if (c->timer_id != 0) {
-                CancelTimer(c->timer_id);
-                c->timer_id = 0;
-            }
-            ReleaseFd(c);
-            c->state = CONN_WAIT_RETRY;
-            OnDialFailed(c);
-            return;
-        } else {
+        int status = k->GetStatus();
+        if (status == CONNECTOR_STATUS_CONNECTING) {
             return;
         }
+        if (c->timer_id != 0) {
+            CancelTimer(c->timer_id);
+            c->timer_id = 0;
+        }
+        if (status == CONNECTOR_STATUS_DISCONNECTED) {
+            ReleaseFd(c);
+            SetCloseInfo(c, CloseReason::kDialRefused, k->GetLastErrno());
+            SetState(c, CONN_WAIT_RETRY);
+            OnDialFailed(c);
+            return;
+        }
+        SetState(c, CONN_ESTABLISHED);
+        c->was_established = true;
+        c->attempt = 0;
+        c->backoff_ms = 0;
+        c->tx_progress_ms = c->rx_progress_ms = c->active_ms = NowMs();
+        if (m_handler != nullptr) {
+            m_handler->OnConnected(this, c->id, c->url.c_str(), false);
+        }
     }
+    ServiceEstablished(c);
+}
 
+// An established connection after its Update: offers what framing produced, and decides
+// whether it closes, drains or pauses its reading.
+void CConnectorMgr::ServiceEstablished(Conn* c) {
+    CTcpConnector* k = c->connector.get();
     // Offer what framing produced; when reading stopped with bytes still to take (ring full,
-    // no block, a big packet's chain), run the receive side again once packets are gone.
+    // no block, a big packet's next block), run the receive side again once packets are gone.
     bool round_limit = false;  // still making progress: come back next tick, do not pause
     for (int rounds = 0;; ++rounds) {
         int n = Deliver(c);
@@ -449,10 +534,14 @@ void CConnectorMgr::ServiceConn(Conn* c) {
         BeginClose(c);
         return;
     }
+    if (c->graceful || k->IsPeerClosed()) {
+        EnterDraining(c);
+        return;
+    }
     // EPOLLIN still set without the round limit means reading stopped before the socket ran
     // dry and cannot go on now (a full ring behind a refusing handler, no block, a big
-    // packet's chain). The level-triggered wait would report those bytes on every tick and
-    // spin, so EPOLLIN leaves the registration and the connection is retried from the
+    // packet's next block). The level-triggered wait would report those bytes on every tick
+    // and spin, so EPOLLIN leaves the registration and the connection is retried from the
     // pending list instead; reading resumes once a read reaches would-block again.
     bool stalled = !round_limit && (k->GetEvent() & EPOLLIN) != 0;
     k->PauseReading(stalled);  // a failed change is applied with the next registration
@@ -461,8 +550,75 @@ void CConnectorMgr::ServiceConn(Conn* c) {
     }
 }
 
+void CConnectorMgr::EnterDraining(Conn* c) {
+    if (c->graceful) {
+        SetCloseInfo(c, CloseReason::kClosedLocally, 0);
+        c->refused = false;
+    } else {
+        SetCloseInfo(c, CloseReason::kPeerClosed, 0);
+    }
+    if (c->tx_progress_ms == 0 || c->connector->GetSendQCount() == 0) {
+        c->tx_progress_ms = NowMs();  // the flush's stall deadline counts from here
+    }
+    SetState(c, CONN_DRAINING);
+    c->connector->PauseReading(false);  // a graceful close reads (and drops) to the end
+    ServiceDraining(c);
+}
+
+// DRAINING: reading has stopped (the peer ended its stream) or is dropped (Close); what is
+// queued is flushed by Update on writability, and once nothing is left the sending side is
+// shut down. LINGER: after Close, the peer's bytes are read and dropped until its end of
+// stream, so that closing the descriptor cannot turn into a reset that destroys what we
+// sent. The flush is bounded by send_stall_ms and the linger by kLingerMs (both by Sweep).
+void CConnectorMgr::ServiceDraining(Conn* c) {
+    CTcpConnector* k = c->connector.get();
+    if (!c->close_requested && !c->send_failed) {
+        k->Update();
+    }
+    if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->close_requested || c->send_failed) {
+        // A reset or an error now means replies were lost: that, not the drain's reason, is
+        // what the application hears. A hang-up (both directions shut) is the drain's
+        // ordinary end and keeps its reason.
+        int ret = k->GetLastIoResult();
+        bool benign = k->GetLastErrno() == 0 && (ret == 0 || ret == CTcpConnector::kPeerClosed);
+        if (!c->close_requested && !benign) {
+            c->close_info_set = false;
+        }
+        BeginClose(c);
+        return;
+    }
+    if (c->graceful) {
+        DropRing(c);
+    } else {
+        Deliver(c);
+        if (c->refused) {
+            m_pending.push_back(c);
+        }
+    }
+    if (c->state == CONN_DRAINING) {
+        bool ring_done = c->graceful || (k->GetPacketInfoCnt() == 0 && !c->refused);
+        if (!ring_done || c->corked || k->GetSendQCount() != 0) {
+            return;  // writability, the corked flush or the re-offer brings it back
+        }
+        ::shutdown(c->fd, SHUT_WR);
+        if (k->IsPeerClosed()) {
+            BeginClose(c);
+            return;
+        }
+        SetState(c, CONN_LINGER);
+        c->linger_until_ms = NowMs() + kLingerMs;
+    }
+    if (k->IsPeerClosed()) {
+        BeginClose(c);
+    }
+}
+
 void CConnectorMgr::BeginClose(Conn* c) {
     CTcpConnector* k = c->connector.get();
+    if (c->close_requested && !c->graceful) {
+        SetCloseInfo(c, CloseReason::kClosedLocally, 0);
+    }
+    SetCloseInfoFromConnector(c);
     if (k->GetStatus() != CONNECTOR_STATUS_DISCONNECTED) {
         k->Disconnect(nullptr);
     }
@@ -471,9 +627,9 @@ void CConnectorMgr::BeginClose(Conn* c) {
         CancelTimer(c->timer_id);
         c->timer_id = 0;
     }
-    c->state = CONN_CLOSING;
+    SetState(c, CONN_CLOSING);
     Deliver(c);
-    if (c->close_requested || k->GetPacketInfoCnt() == 0) {
+    if (c->close_requested || c->graceful || k->GetPacketInfoCnt() == 0) {
         FinishClose(c);
     } else {
         m_pending.push_back(c);
@@ -481,19 +637,62 @@ void CConnectorMgr::BeginClose(Conn* c) {
 }
 
 void CConnectorMgr::FinishClose(Conn* c) {
-    bool reconnect = !c->accepted && c->dial.reconnect && !c->close_requested && !m_stop.load();
+    bool reconnect =
+        !c->accepted && c->dial.reconnect && !c->close_requested && !c->graceful && !m_stop.load();
     ConnId id = c->id;
     bool report = c->was_established || !reconnect;
+    SetCloseInfoFromConnector(c);
+    CloseInfo info = c->close_info;
+    info.reconnecting = reconnect;
+    ++m_close_cnt[static_cast<int>(info.reason)];
+    if (info.reason == CloseReason::kLimit) {
+        ++m_limit_cnt[static_cast<int>(info.limit)];
+    }
     c->was_established = false;
     c->refused = false;
     c->send_failed = false;
+    c->close_info_set = false;
     if (reconnect) {
         ScheduleRetry(c);
     } else {
         DestroyConn(c);
     }
     if (report && m_handler != nullptr) {
-        m_handler->OnClosed(this, id, reconnect);
+        m_handler->OnClosed(this, id, info);
+    }
+}
+
+void CConnectorMgr::SetCloseInfo(Conn* c, CloseReason reason, int error, CloseLimit limit) {
+    if (c->close_info_set) {
+        return;
+    }
+    c->close_info_set = true;
+    c->close_info = CloseInfo();
+    c->close_info.reason = reason;
+    c->close_info.error = error;
+    c->close_info.limit = limit;
+}
+
+// Reads the cause the connector recorded when it disconnected (or when a write failed).
+void CConnectorMgr::SetCloseInfoFromConnector(Conn* c) {
+    if (c->close_info_set) {
+        return;
+    }
+    CTcpConnector* k = c->connector.get();
+    int ret = k->GetLastIoResult();
+    int err = k->GetLastErrno();
+    if (err == ECONNRESET || err == EPIPE) {
+        SetCloseInfo(c, CloseReason::kReset, err);
+    } else if (err != 0) {
+        SetCloseInfo(c, CloseReason::kIoError, err);
+    } else if (ret == 0 || ret == CTcpConnector::kPeerClosed) {
+        SetCloseInfo(c, CloseReason::kPeerClosed, 0);
+    } else if (ret == CTcpConnector::kParseTooLong) {
+        SetCloseInfo(c, CloseReason::kLimit, ret, CloseLimit::kPacketTooLong);
+    } else if (ret == kParseTooManyBlocks) {
+        SetCloseInfo(c, CloseReason::kLimit, ret, CloseLimit::kRecvBlocks);
+    } else {
+        SetCloseInfo(c, CloseReason::kFramingError, ret);
     }
 }
 
@@ -557,8 +756,9 @@ void CConnectorMgr::AcceptAll(size_t idx) {
         }
         c->connector->SetCloseSocket(false);
         c->fd = fd;
-        c->state = CONN_ESTABLISHED;
+        SetState(c, CONN_ESTABLISHED);
         c->was_established = true;
+        c->tx_progress_ms = c->rx_progress_ms = c->active_ms = NowMs();
         AddConn(c);
         if (m_handler != nullptr) {
             m_handler->OnConnected(this, c->id, c->url.c_str(), true);
@@ -602,6 +802,9 @@ void CConnectorMgr::ResumeListeners() {
 }
 
 int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool corked) {
+    if (buf == nullptr || len == 0) {
+        return kSendBadArgs;
+    }
     // The loop thread is the only one that adds or removes connections and closes
     // descriptors, so on it the map and the descriptor need no lock, and a reply to the
     // packet being offered (the common case) skips the lookup too. Other threads hold the
@@ -615,13 +818,33 @@ int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool c
     if (c == nullptr || c->id != id) {
         auto it = m_by_id.find(id);
         if (it == m_by_id.end()) {
-            return -1;
+            return kSendUnknownId;
         }
         c = it->second;
     }
+    int gate = c->gate;
+    if (gate != kGateOpen) {
+        return gate == kGateClosed ? kSendNotConnected : kSendClosing;
+    }
     CTcpConnector* k = c->connector.get();
-    if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->fd < 0) {
-        return -1;
+    if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->fd < 0 || c->send_failed) {
+        return kSendClosing;
+    }
+    // A packet over the queue limit, or over what the pool lends to senders, can never be
+    // accepted: say so instead of "no room" for ever.
+    uint64_t block = static_cast<uint64_t>(m_pool->GetBlockSize());
+    uint64_t pool_room =
+        static_cast<uint64_t>(m_pool->GetMaxBlockNum() - m_pool->GetMaxBlockNum() / 8) * block;
+    if (len > static_cast<uint64_t>(m_options.max_send_blocks) * block || len > pool_room) {
+        ++m_too_large_cnt;
+        if (on_loop && !c->too_large_logged) {
+            c->too_large_logged = true;
+            QN_MGR_LOG(LOG_PRIORITY_WARN,
+                       "send refused, packet of %u bytes can never fit the send queue (%u blocks), id=%llu, "
+                       "url=%s",
+                       len, m_options.max_send_blocks, static_cast<unsigned long long>(id), c->url.c_str());
+        }
+        return kSendTooLarge;
     }
     // A direct send behind replies corked in this tick would first have to flush them and
     // then write again; it joins them instead and leaves with the same flush.
@@ -629,20 +852,32 @@ int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool c
     int ret = corked ? k->SendToQ(buf, len, nullptr) : k->Send(buf, len, nullptr);
     if (ret < 0) {
         c->send_failed = true;
-    } else if (on_loop && corked && ret > 0 && !c->corked) {
-        // Only the loop's own corked packets join its flush list; one queued by another
-        // thread leaves when the socket reports writability (queueing onto an empty send
-        // queue asks epoll for that).
-        c->corked = true;
-        m_corked.push_back(c);
-    }
-    if (ret < 0) {
         if (on_loop) {
             Queue(c);
         } else {
             lock.unlock();
             Wake();  // the loop closes the connection
         }
+        return kSendFailed;
+    }
+    if (ret == 0) {
+        if (!c->want_room) {
+            c->want_room = true;
+            if (on_loop) {
+                m_want_room.push_back(id);
+            } else {
+                std::lock_guard<std::mutex> room_lock(m_want_room_mutex);
+                m_want_room_foreign.push_back(id);
+            }
+        }
+        return kSendNoRoom;
+    }
+    if (on_loop && corked && !c->corked) {
+        // Only the loop's own corked packets join its flush list; one queued by another
+        // thread leaves when the socket reports writability (queueing onto an empty send
+        // queue asks epoll for that).
+        c->corked = true;
+        m_corked.push_back(c);
     }
     return ret;
 }
@@ -655,21 +890,35 @@ int CConnectorMgr::SendCorked(ConnId id, const char* buf, unsigned int len) {
     return SendImpl(id, buf, len, true);
 }
 
-void CConnectorMgr::CloseNow(ConnId id) {
+void CConnectorMgr::CloseNow(ConnId id, bool graceful) {
     auto it = m_by_id.find(id);
     if (it == m_by_id.end()) {
         return;
     }
-    it->second->close_requested = true;
-    Queue(it->second);
+    Conn* c = it->second;
+    if (graceful) {
+        c->graceful = true;
+    } else {
+        c->close_requested = true;
+    }
+    SetState(c, c->state);  // nothing more is accepted from here on
+    Queue(c);
 }
 
 void CConnectorMgr::Close(ConnId id) {
     if (OnLoopThread()) {
-        CloseNow(id);
+        CloseNow(id, true);
         return;
     }
-    Post([this, id]() { CloseNow(id); });
+    Post([this, id]() { CloseNow(id, true); });
+}
+
+void CConnectorMgr::Abort(ConnId id) {
+    if (OnLoopThread()) {
+        CloseNow(id, false);
+        return;
+    }
+    Post([this, id]() { CloseNow(id, false); });
 }
 
 void CConnectorMgr::Post(std::function<void()> fn) {
@@ -775,6 +1024,8 @@ void CConnectorMgr::FlushCorked() {
         if (ret < 0) {
             c->send_failed = true;
             Queue(c);
+        } else if (c->state == CONN_DRAINING) {
+            Queue(c);  // its flush may be complete now
         }
     }
 }
@@ -812,6 +1063,12 @@ int CConnectorMgr::RunOnce(int timeout_ms) {
     }
     if (!m_pending.empty()) {
         bound(kRefusedRetryMs);
+    }
+    if (!m_by_id.empty()) {
+        bound(m_next_sweep_ms - now);
+    }
+    if (!m_want_room.empty()) {
+        bound(10);  // room may come back from the pool, which raises no event
     }
     if (m_next_stats_ms > 0) {
         bound(m_next_stats_ms - now);
@@ -879,6 +1136,14 @@ int CConnectorMgr::RunOnce(int timeout_ms) {
     DrainWork();
 
     now = NowMs();
+    Sweep(now);
+    RelievePressure(now);
+    DrainWork();
+    NotifyRoom();
+    DrainWork();
+    FlushCorked();
+    DrainWork();
+
     bool periodic = m_next_stats_ms > 0 && now >= m_next_stats_ms;
     if (periodic) {
         m_next_stats_ms = now + m_options.stats_interval_sec * 1000LL;
@@ -918,10 +1183,25 @@ std::string CConnectorMgr::FormatStats() {
     std::sort(all.begin(), all.end(), [](const Conn* a, const Conn* b) { return a->id < b->id; });
     char line[512];
     std::string out;
-    snprintf(line, sizeof(line), "connections: %zu, pool blocks in use: %u (peak %u) of %u\n", all.size(),
-             m_pool != nullptr ? m_pool->GetUsedCount() : 0u,
+    snprintf(line, sizeof(line), "connections: %zu, pool blocks in use: %u (peak %u) of %u, free %u\n",
+             all.size(), m_pool != nullptr ? m_pool->GetUsedCount() : 0u,
              m_pool != nullptr ? m_pool->GetPeakUsedCount() : 0u,
-             m_pool != nullptr ? m_pool->GetMaxBlockNum() : 0u);
+             m_pool != nullptr ? m_pool->GetMaxBlockNum() : 0u, m_pool != nullptr ? PoolFree() : 0u);
+    out += line;
+    out += "closed:";
+    for (int i = 0; i < kCloseReasonCount; ++i) {
+        snprintf(line, sizeof(line), " %s %llu", CloseReasonName(static_cast<CloseReason>(i)),
+                 static_cast<unsigned long long>(m_close_cnt[i]));
+        out += line;
+    }
+    out += "; limits:";
+    for (int i = 1; i < kCloseLimitCount; ++i) {
+        snprintf(line, sizeof(line), " %s %llu", CloseLimitName(static_cast<CloseLimit>(i)),
+                 static_cast<unsigned long long>(m_limit_cnt[i]));
+        out += line;
+    }
+    snprintf(line, sizeof(line), "; sends too large %llu\n",
+             static_cast<unsigned long long>(m_too_large_cnt.load()));
     out += line;
     snprintf(line, sizeof(line), "\t\t%-10s%-30s%-30s%-8s%-8s%-8s%-8s%-8s%-8s%-8s%-8s%-30s\n", "accepted",
              "url", "local_url", "ring_mx", "ring_av", "txw_mx", "txw_av", "tx_full", "rxw_mx", "rxw_av",

@@ -18,6 +18,7 @@
 
 #include "echo_common.h"
 #include "support/log_capture.h"
+#include "support/mgr_helpers.h"
 #include "support/net_helpers.h"
 
 namespace {
@@ -27,53 +28,10 @@ using QUOLNET::CLengthPrefixParser;
 using QUOLNET::ConnectorMgrOptions;
 using QUOLNET::ConnId;
 
-// Builds one length-prefixed packet whose payload is `payload`.
-std::string Packet(const std::string& payload) {
-    std::string p(4, '\0');
-    CLengthPrefixParser::WriteHeader(&p[0], static_cast<uint32_t>(payload.size() + 4));
-    return p + payload;
-}
-
-// `n` packets of 12 bytes: the header, the sequence number i, and ~i.
-std::string SequencePackets(uint32_t n) {
-    std::string out;
-    for (uint32_t i = 0; i < n; ++i) {
-        char p[12];
-        CLengthPrefixParser::WriteHeader(p, 12);
-        CLengthPrefixParser::WriteHeader(p + 4, i);
-        CLengthPrefixParser::WriteHeader(p + 8, ~i);
-        out.append(p, 12);
-    }
-    return out;
-}
-
-// Initialises `mgr`, listens on an ephemeral loopback port and dials it with a blocking
-// socket (the kernel completes the connection without the loop). The client descriptor, or
-// -1.
-int ListenAndDial(CConnectorMgr& mgr) {
-    struct sockaddr_storage ss;
-    socklen_t len = 0;
-    if (mgr.Init() != 0 || mgr.Listen("tcp://127.0.0.1:0") <= 0 ||
-        QUOLNET::CTcpListener::ParseURL(mgr.GetListenURL(0).c_str(), &ss, &len, nullptr) != 0) {
-        return -1;
-    }
-    int fd = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
-        close(fd);
-        fd = -1;
-    }
-    return fd;
-}
-
-// Runs the loop on this thread until done() holds (at most 400 ticks of up to 25 ms each);
-// returns done().
-template <typename Done>
-bool Pump(CConnectorMgr& mgr, Done done) {
-    for (int i = 0; i < 400 && !done(); ++i) {
-        mgr.RunOnce(25);
-    }
-    return done();
-}
+using qntest::ListenAndDial;
+using qntest::Packet;
+using qntest::Pump;
+using qntest::SequencePackets;
 
 // An echo server on its own thread.
 class ServerThread {
@@ -196,7 +154,8 @@ class RecordingHandler : public QUOLNET::IConnectorHandler {
         ++connected;
         m_cv.notify_all();
     }
-    void OnClosed(CConnectorMgr*, ConnId, bool) override {
+    void OnClosed(CConnectorMgr*, ConnId, const QUOLNET::CloseInfo& info) override {
+        last_close = info;
         std::lock_guard<std::mutex> lock(m_mutex);
         ++closed;
         packets_at_close = packets.size();
@@ -213,6 +172,7 @@ class RecordingHandler : public QUOLNET::IConnectorHandler {
     std::vector<std::string> packets;
     std::vector<bool> mores;  // OnPacket's `more`, one per packet
     int connected = 0;
+    QUOLNET::CloseInfo last_close;
     int closed = 0;
     size_t packets_at_close = 0;
 };

@@ -1,0 +1,255 @@
+// CConnectorMgr's limits: the sweep that enforces the send-stall, packet and idle
+// deadlines, shedding under pool pressure, the room notification and the close counters.
+//
+// Nothing here keeps a timer per connection. Sweep walks the connections once every
+// SweepPeriodMs() and compares what each has moved since (bytes written, bytes read,
+// packets completed) with what it holds; RelievePressure is a constant-time check of the
+// pool on every tick that walks the connections only when the pool is short, at most once
+// every kShedIntervalMs.
+#include <errno.h>
+
+#include <algorithm>
+
+#include "net/connector_mgr.h"
+#include "net/connector_mgr_log.h"
+
+namespace QUOLNET {
+
+namespace {
+const int kShedIntervalMs = 50;  // at most one pressure walk this often
+}
+
+const char* CloseReasonName(CloseReason reason) {
+    switch (reason) {
+        case CloseReason::kPeerClosed:
+            return "peer_closed";
+        case CloseReason::kReset:
+            return "reset";
+        case CloseReason::kIoError:
+            return "io_error";
+        case CloseReason::kFramingError:
+            return "framing_error";
+        case CloseReason::kClosedLocally:
+            return "closed_locally";
+        case CloseReason::kLimit:
+            return "limit";
+        case CloseReason::kDialRefused:
+            return "dial_refused";
+        case CloseReason::kDialTimeout:
+            return "dial_timeout";
+    }
+    return "unknown";
+}
+
+const char* CloseLimitName(CloseLimit limit) {
+    switch (limit) {
+        case CloseLimit::kNone:
+            return "none";
+        case CloseLimit::kSendStall:
+            return "send_stall";
+        case CloseLimit::kPacketDeadline:
+            return "packet_deadline";
+        case CloseLimit::kIdleTimeout:
+            return "idle_timeout";
+        case CloseLimit::kPoolPressure:
+            return "pool_pressure";
+        case CloseLimit::kPacketTooLong:
+            return "packet_too_long";
+        case CloseLimit::kRecvBlocks:
+            return "recv_blocks";
+    }
+    return "unknown";
+}
+
+uint64_t CConnectorMgr::GetCloseCount(CloseReason reason) const {
+    int i = static_cast<int>(reason);
+    return i >= 0 && i < kCloseReasonCount ? static_cast<uint64_t>(m_close_cnt[i]) : 0;
+}
+
+uint64_t CConnectorMgr::GetLimitCloseCount(CloseLimit limit) const {
+    int i = static_cast<int>(limit);
+    return i >= 0 && i < kCloseLimitCount ? static_cast<uint64_t>(m_limit_cnt[i]) : 0;
+}
+
+unsigned int CConnectorMgr::PoolFree() const {
+    unsigned int max = m_pool->GetMaxBlockNum();
+    unsigned int used = m_pool->GetUsedCount();
+    return used < max ? max - used : 0;
+}
+
+// The sweep runs often enough that each deadline is kept to within a quarter of itself,
+// and at least every kSweepMs.
+int CConnectorMgr::SweepPeriodMs() const {
+    int period = kSweepMs;
+    for (int d : {m_options.send_stall_ms, m_options.packet_deadline_ms, m_options.idle_timeout_ms}) {
+        if (d > 0) {
+            period = std::min(period, std::max(5, d / 4));
+        }
+    }
+    return period;
+}
+
+// Updates what the sweep knows of a connection's progress.
+void CConnectorMgr::Track(Conn* c, int64_t now) {
+    CTcpConnector* k = c->connector.get();
+    int64_t tx = k->GetSentBytes();
+    int64_t rx = k->GetRecvBytes();
+    long packets = k->GetRecvPacketCount();
+    if (tx != c->tx_bytes_seen || k->GetSendQCount() == 0) {
+        c->tx_progress_ms = now;
+    }
+    if (tx != c->tx_bytes_seen || rx != c->rx_bytes_seen) {
+        c->active_ms = now;
+    }
+    bool partial = k->HasPartialPacket();
+    if (!partial || rx != c->rx_bytes_seen) {
+        c->rx_progress_ms = now;
+    }
+    if (!partial) {
+        c->partial_since_ms = 0;
+    } else if (c->partial_since_ms == 0 || packets != c->rx_packets_seen) {
+        c->partial_since_ms = now;  // a new packet has begun since the last look
+    }
+    c->tx_bytes_seen = tx;
+    c->rx_bytes_seen = rx;
+    c->rx_packets_seen = packets;
+}
+
+bool CConnectorMgr::IsStalled(const Conn* c, int64_t now) const {
+    bool tx_stalled = c->connector->GetSendQCount() > 0 && now - c->tx_progress_ms >= kPressureGraceMs;
+    bool rx_stalled = c->partial_since_ms != 0 && now - c->rx_progress_ms >= kPressureGraceMs;
+    return tx_stalled || rx_stalled;
+}
+
+void CConnectorMgr::CloseForLimit(Conn* c, CloseLimit limit, const char* detail) {
+    QN_MGR_LOG(LOG_PRIORITY_WARN, "closing connection %llu, url=%s: %s limit (%s)",
+               static_cast<unsigned long long>(c->id), c->url.c_str(), CloseLimitName(limit), detail);
+    c->close_info_set = false;  // the limit is why it ends, whatever was recorded before
+    SetCloseInfo(c, CloseReason::kLimit, 0, limit);
+    BeginClose(c);
+}
+
+void CConnectorMgr::Sweep(int64_t now) {
+    if (now < m_next_sweep_ms) {
+        return;
+    }
+    m_next_sweep_ms = now + SweepPeriodMs();
+    struct Due {
+        Conn* conn;
+        CloseLimit limit;  // kNone: a linger that ran out (an ordinary close)
+        const char* detail;
+    };
+    std::vector<Due> due;
+    for (auto& kv : m_by_id) {
+        Conn* c = kv.second;
+        if (c->dead ||
+            (c->state != CONN_ESTABLISHED && c->state != CONN_DRAINING && c->state != CONN_LINGER)) {
+            continue;
+        }
+        Track(c, now);
+        CTcpConnector* k = c->connector.get();
+        if (c->state == CONN_LINGER && now >= c->linger_until_ms) {
+            due.push_back(Due{c, CloseLimit::kNone, ""});
+        } else if (m_options.send_stall_ms > 0 && k->GetSendQCount() > 0 &&
+                   now - c->tx_progress_ms >= m_options.send_stall_ms) {
+            due.push_back(Due{c, CloseLimit::kSendStall, "send queue not shrinking"});
+        } else if (m_options.packet_deadline_ms > 0 && c->state == CONN_ESTABLISHED &&
+                   c->partial_since_ms != 0 && now - c->partial_since_ms >= m_options.packet_deadline_ms) {
+            due.push_back(Due{c, CloseLimit::kPacketDeadline, "packet not completed"});
+        } else if (m_options.idle_timeout_ms > 0 && c->state == CONN_ESTABLISHED &&
+                   now - c->active_ms >= m_options.idle_timeout_ms) {
+            due.push_back(Due{c, CloseLimit::kIdleTimeout, "no traffic"});
+        }
+    }
+    // Closing changes m_by_id, so it waits until the walk is over.
+    for (const Due& d : due) {
+        if (d.conn->dead || d.conn->state == CONN_CLOSING) {
+            continue;
+        }
+        if (d.limit == CloseLimit::kNone) {
+            BeginClose(d.conn);  // the peer never ended its stream; its reason stays
+        } else {
+            CloseForLimit(d.conn, d.limit, d.detail);
+        }
+    }
+}
+
+void CConnectorMgr::RelievePressure(int64_t now) {
+    if (m_pool_reserve == 0 || PoolFree() >= m_pool_reserve || now - m_last_shed_ms < kShedIntervalMs) {
+        return;
+    }
+    m_last_shed_ms = now;
+    std::vector<std::pair<unsigned int, Conn*>> held;  // (blocks, connection)
+    for (auto& kv : m_by_id) {
+        Conn* c = kv.second;
+        if (c->dead ||
+            (c->state != CONN_ESTABLISHED && c->state != CONN_DRAINING && c->state != CONN_LINGER)) {
+            continue;
+        }
+        Track(c, now);
+        if (!IsStalled(c, now)) {
+            continue;  // making progress: never shed
+        }
+        unsigned int blocks =
+            static_cast<unsigned int>(c->connector->GetSendQCount() + c->connector->GetRecvQCount());
+        if (blocks > 0) {
+            held.push_back(std::make_pair(blocks, c));
+        }
+    }
+    std::sort(held.begin(), held.end(),
+              [](const std::pair<unsigned int, Conn*>& a, const std::pair<unsigned int, Conn*>& b) {
+                  return a.first != b.first ? a.first > b.first : a.second->id < b.second->id;
+              });
+    unsigned int free_blocks = PoolFree();
+    for (auto& h : held) {
+        if (free_blocks >= m_pool_reserve) {
+            break;
+        }
+        CloseForLimit(h.second, CloseLimit::kPoolPressure, "pool short; stalled while holding blocks");
+        free_blocks += h.first;
+    }
+}
+
+// Tells the handler about connections that refused a Send for want of room and have room
+// again: the send queue at most half full and blocks for it in the pool.
+void CConnectorMgr::NotifyRoom() {
+    {
+        std::lock_guard<std::mutex> lock(m_want_room_mutex);
+        if (!m_want_room_foreign.empty()) {
+            m_want_room.insert(m_want_room.end(), m_want_room_foreign.begin(), m_want_room_foreign.end());
+            m_want_room_foreign.clear();
+        }
+    }
+    if (m_want_room.empty()) {
+        return;
+    }
+    std::vector<ConnId> ready;
+    size_t kept = 0;
+    for (size_t i = 0; i < m_want_room.size(); ++i) {
+        auto it = m_by_id.find(m_want_room[i]);
+        if (it == m_by_id.end() || it->second->dead) {
+            continue;
+        }
+        Conn* c = it->second;
+        CTcpConnector* k = c->connector.get();
+        if (c->gate != kGateOpen) {
+            c->want_room = false;
+            continue;
+        }
+        if (static_cast<unsigned int>(k->GetSendQCount()) * 2 <= m_options.max_send_blocks &&
+            k->IsSendBufEnough(1)) {
+            c->want_room = false;
+            ready.push_back(c->id);
+        } else {
+            m_want_room[kept++] = m_want_room[i];
+        }
+    }
+    m_want_room.resize(kept);
+    for (ConnId id : ready) {
+        if (m_handler != nullptr) {
+            m_handler->OnWritable(this, id);
+        }
+    }
+}
+
+}  // namespace QUOLNET
