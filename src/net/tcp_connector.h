@@ -288,7 +288,7 @@ class CTcpConnector : public CConnector {
     // Otherwise the packet is queued (SendToQ). Any thread; no mutex is held across send.
     // Returns len, 0 when refused for lack of room (retry later), -1 for a wrong status or
     // bad arguments, or a negative code from the socket (the owner should disconnect; the
-    // blocks reserved for that packet stay out of the pool until the pool is destroyed).
+    // blocks reserved for that packet have gone back to the pool).
     // `log_cat` null selects the connector's category.
     int Send(const char* buf, unsigned int len, LogCategory* log_cat) override;
     // Flushes the send queue; the owner's thread calls it (through Update) on writability.
@@ -345,7 +345,10 @@ class CTcpConnector : public CConnector {
     // leftovers stay in `list` for the caller to release) and queues them: behind the queue
     // after topping up its tail, or, with `ahead`, before everything queued (the remainder
     // of a direct write, whose start is already on the wire). Caller-supplied blocks only;
-    // never allocates.
+    // never allocates. Should `list` hold too few blocks (no caller in the library lets it),
+    // nothing of the packet is queued: its blocks go back to the pool and the queue's old
+    // tail returns with only the bytes it held before (ERROR "unexpected error, node=NULL,
+    // ...").
     void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false);
     // Writes queued blocks until the queue is empty or the socket would block. Caller holds
     // the sending role. Bytes written, or negative.
