@@ -2,9 +2,17 @@
 
 #include <sys/time.h>
 
+#include <cassert>
 #include <new>
 
 namespace QUOLNET {
+
+namespace {
+
+// The pool's own category: ERROR and above, to the process-wide output (stderr by default).
+LogCategory g_pool_log_cat("quolnet.pool", LOG_PRIORITY_ERROR);
+
+}  // namespace
 
 CNetBufferMgr::CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks, int min_big_packet_len)
     : m_max_block_num(max_block_num),
@@ -34,7 +42,9 @@ NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timev
         }
         buf->m_uid = static_cast<int>(m_all.size());
         m_all.push_back(buf);
+        m_out.push_back(0);
     }
+    m_out[static_cast<size_t>(buf->m_uid)] = 1;
     buf->Clear();
     buf->m_is_rx_buf = is_rx ? 1 : 0;
     buf->m_is_big_buf = is_big ? 1 : 0;
@@ -48,12 +58,37 @@ NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timev
     return buf;
 }
 
-void CNetBufferMgr::GiveBackLocked(NetBuffer* buf) {
+bool CNetBufferMgr::GiveBackLocked(NetBuffer* buf) {
+    size_t uid = static_cast<size_t>(buf->m_uid);
+    if (buf->m_uid < 0 || uid >= m_all.size() || m_all[uid] != buf || m_out[uid] == 0) {
+        ++m_double_release_cnt;
+        return false;  // already free (or not ours): linking it again would corrupt the free list
+    }
+    m_out[uid] = 0;
     buf->m_node.pData = buf;
     // Last in, first out: the block handed out next is the one whose memory is still warm in
     // the cache, so a steady load cycles through a few blocks instead of the whole pool.
     m_free.InsertHead(&buf->m_node);
     --m_used;
+    return true;
+}
+
+void CNetBufferMgr::ReportDoubleRelease(NetBuffer* buf) {
+    LogCategory* cat = m_log_cat != nullptr ? m_log_cat : &g_pool_log_cat;
+    if (log_can_write(cat, LOG_PRIORITY_ERROR, 0, 0) != 0) {
+        LogLocation loc = {"src/net/net_buffer_mgr", __LINE__, __func__, nullptr};
+        LogRecord rec = {LOG_PRIORITY_ERROR, nullptr, 0, &loc, 0, 0, 0, 0, 0};
+        log_write(cat, &rec, "release of a block that is not out refused, block=%p, uid=%d",
+                  static_cast<void*>(buf), buf->m_uid);
+    }
+#ifndef NDEBUG
+    assert(!m_assert_on_double_release && "a pool block was released twice");
+#endif
+}
+
+unsigned long CNetBufferMgr::GetDoubleReleaseCount() {
+    AutoLocker locker(&m_mutex);
+    return m_double_release_cnt;
 }
 
 NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
@@ -101,17 +136,30 @@ void CNetBufferMgr::Release(NetBuffer** buf) {
     if (buf == nullptr || *buf == nullptr) {
         return;
     }
+    bool ok = false;
     {
         AutoLocker locker(&m_mutex);
-        GiveBackLocked(*buf);
+        ok = GiveBackLocked(*buf);
+    }
+    if (!ok) {
+        ReportDoubleRelease(*buf);
     }
     *buf = nullptr;
 }
 
 void CNetBufferMgr::Release(CBidirList& list) {
-    AutoLocker locker(&m_mutex);
-    while (LIST_NODE* n = list.RemoveHead()) {
-        GiveBackLocked(static_cast<NetBuffer*>(n->pData));
+    std::vector<NetBuffer*> refused;
+    {
+        AutoLocker locker(&m_mutex);
+        while (LIST_NODE* n = list.RemoveHead()) {
+            NetBuffer* b = static_cast<NetBuffer*>(n->pData);
+            if (!GiveBackLocked(b)) {
+                refused.push_back(b);
+            }
+        }
+    }
+    for (NetBuffer* b : refused) {
+        ReportDoubleRelease(b);
     }
 }
 

@@ -24,12 +24,22 @@
 // least this long is flagged as waiting for a big buffer, and the update driver stops
 // reading that socket until the owner retries (the kernel keeps the bytes meanwhile).
 //
+// A block released while it is not out (released twice, or not made by this pool) is
+// refused loudly: it is not put on the free list again (which would hand it to two borrowers
+// at once), the refusal is counted (GetDoubleReleaseCount) and logged at ERROR, once per
+// occurrence, with the block's address ("release of a block that is not out refused,
+// block=%p, uid=%d" to the pool's category: SetLogCat, by default a category of its own,
+// "quolnet.pool", that writes ERROR and above to the process-wide log output), and in a build
+// without NDEBUG it also fails an assert, unless SetAssertOnDoubleRelease(false) turned that
+// off (tests that check the counting do so, so that they run in every build).
+//
 // All operations are thread-safe; one internal mutex guards the free list and counters.
 #pragma once
 
 #include <vector>
 
 #include "common/mutex.h"
+#include "log/log.h"
 #include "net/bi_list.h"
 #include "net/net_buffer.h"
 
@@ -81,21 +91,36 @@ class CNetBufferMgr {
     unsigned int GetPeakUsedCount();  // most blocks out at once since construction
     int GetRxReserveBlocks() const { return m_rx_reserve_blocks; }
 
+    // Releases refused because the block was not out (see above). Any thread.
+    unsigned long GetDoubleReleaseCount();
+    // Where refusals are logged; null selects the pool's own category. Set before use.
+    void SetLogCat(LogCategory* cat) { m_log_cat = cat; }
+    // Whether a refusal also fails an assert in builds without NDEBUG (default true).
+    void SetAssertOnDoubleRelease(bool on) { m_assert_on_double_release = on; }
+
   private:
     // Takes a block from the free list or makes one; caller holds m_mutex and has checked
     // the limit.
     NetBuffer* TakeLocked(bool is_rx, bool is_big, const struct timeval* now);  // null now: m_tv zero
-    void GiveBackLocked(NetBuffer* buf);
+    // Puts an out block back on the free list and returns true; refuses (false, counted) a
+    // block that is not out.
+    bool GiveBackLocked(NetBuffer* buf);
+    // Logs a refused release (pool mutex not held) and asserts when asked to.
+    void ReportDoubleRelease(NetBuffer* buf);
 
     const unsigned int m_max_block_num;
     const int m_rx_reserve_blocks;
     const int m_min_big_packet_len;
 
     Mutex m_mutex;
-    CBidirList m_free;              // guarded by m_mutex
-    std::vector<NetBuffer*> m_all;  // every block ever made; guarded by m_mutex
-    unsigned int m_used;            // guarded by m_mutex
-    unsigned int m_peak_used;       // guarded by m_mutex
+    CBidirList m_free;                       // guarded by m_mutex
+    std::vector<NetBuffer*> m_all;           // every block ever made; guarded by m_mutex
+    unsigned int m_used;                     // guarded by m_mutex
+    unsigned int m_peak_used;                // guarded by m_mutex
+    std::vector<unsigned char> m_out;        // per block uid: 1 while handed out; guarded by m_mutex
+    unsigned long m_double_release_cnt = 0;  // guarded by m_mutex
+    LogCategory* m_log_cat = nullptr;
+    bool m_assert_on_double_release = true;
 };
 
 }  // namespace QUOLNET

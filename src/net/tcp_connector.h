@@ -65,7 +65,7 @@ namespace QUOLNET {
 enum RECV_PACKET_STATUS : unsigned int {
     RECV_PACKET_HEAD_STATUS = 0,         // (the rest of) a packet header
     RECV_SINGLE_BUFFER_BODY_STATUS = 1,  // the body of a packet that fits in one block
-    ALLOC_MULTI_BUFFER_BODY_STATUS = 2,  // blocks for a packet longer than one block
+    ALLOC_MULTI_BUFFER_BODY_STATUS = 2,  // the next block of a packet longer than one block
     RECV_MULTI_BUFFER_BODY_STATUS = 3,   // the body of a packet spanning a chain of blocks
     WAIT_PARSE_PACKET_STATUS = 4,        // bytes were read and must be parsed
 };
@@ -103,6 +103,13 @@ class CTcpConnector : public CConnector {
     static constexpr int kParseMalformed = -1;
     // ParseNetBuffer: the packet is longer than the combine buffer.
     static constexpr int kParseTooLong = -2;
+    // ParseNetBuffer: the packet could never be received under this connection's block cap:
+    // the blocks it needs from where it starts exceed m_max_rx_buf_num (logged ERROR
+    // "packet_len(%d) needs %d blocks > m_max_rx_buf_num(%d), url=%s, local_url=%s").
+    // Checked when the length is learnt, after the combine-buffer check; nothing is
+    // consumed. An addition to the codes above, made so that such a packet is refused at
+    // once instead of stalling the connection at the cap for ever.
+    static constexpr int kParseOverRxCap = -3;
 
     // `combine_buf` (length `combine_buf_len`) joins multi-block packets for Peek and bounds
     // the longest packet accepted; `cb_combine_buf` does the same for the callback. Blocks
@@ -133,6 +140,17 @@ class CTcpConnector : public CConnector {
     // ORs epoll readiness bits into m_events.
     void SetEvent(unsigned int events) override;
     unsigned int GetEvent() override;
+    // Big packets (longer than one block) are received into a chain of blocks that grows
+    // with the bytes: the next block is taken only when the one being read is full and the
+    // packet still lacks bytes, so a connection never holds more than one block beyond what
+    // its received bytes need (a peer cannot reserve memory it does not send). Blocks count
+    // against m_max_rx_buf_num; a block refused by that cap or by the pool is a shortage
+    // (WARN once per run of shortages, counted in the statistics) and is retried.
+    // IsWaitAllocBigBuffer: such a retry is pending for a packet of at least the pool's
+    // GetMinBigPacketLen(). Update does not read such a connector; its owner calls Recv
+    // again (for example once blocks have gone back to the pool, or on its next tick).
+    // Update logs ERROR "m_wait_alloc_starttime > 300s, ..." on each tick while a wait for
+    // a next block has lasted more than 300 seconds, and does nothing else.
     bool IsWaitAllocBigBuffer() { return m_is_wait_alloc_big_buffer; }
     // Bytes already read from the socket beyond the last packet framed (the unread rest of
     // the current receive block). Update thread only. Called from the receive callback, a
@@ -270,7 +288,7 @@ class CTcpConnector : public CConnector {
     // Otherwise the packet is queued (SendToQ). Any thread; no mutex is held across send.
     // Returns len, 0 when refused for lack of room (retry later), -1 for a wrong status or
     // bad arguments, or a negative code from the socket (the owner should disconnect; the
-    // blocks reserved for that packet stay out of the pool until the pool is destroyed).
+    // blocks reserved for that packet have gone back to the pool).
     // `log_cat` null selects the connector's category.
     int Send(const char* buf, unsigned int len, LogCategory* log_cat) override;
     // Flushes the send queue; the owner's thread calls it (through Update) on writability.
@@ -312,6 +330,10 @@ class CTcpConnector : public CConnector {
     int RecvPacketHead();
     int RecvSingleBufferBody();
     int RecvMultiBufferBody();
+    // Takes the next block of the big packet being received (state
+    // ALLOC_MULTI_BUFFER_BODY_STATUS) and makes it m_rx_buffer, limited to the packet's end.
+    // False on a shortage (cap or pool), which is logged and counted once per run.
+    bool TakeNextBigPacketBlock();
     int ParseNetBuffer();
     int CombinePacket(PacketInfo* info, char* out, LogCategory* log_cat);
     void ReleaseCallBackPacket();
@@ -323,7 +345,10 @@ class CTcpConnector : public CConnector {
     // leftovers stay in `list` for the caller to release) and queues them: behind the queue
     // after topping up its tail, or, with `ahead`, before everything queued (the remainder
     // of a direct write, whose start is already on the wire). Caller-supplied blocks only;
-    // never allocates.
+    // never allocates. Should `list` hold too few blocks (no caller in the library lets it),
+    // nothing of the packet is queued: its blocks go back to the pool and the queue's old
+    // tail returns with only the bytes it held before (ERROR "unexpected error, node=NULL,
+    // ...").
     void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false);
     // Writes queued blocks until the queue is empty or the socket would block. Caller holds
     // the sending role. Bytes written, or negative.

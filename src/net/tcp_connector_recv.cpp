@@ -149,26 +149,9 @@ int CTcpConnector::Recv() {
     int total_recv_cnt = 0;
     for (;;) {
         if (m_rx_status == ALLOC_MULTI_BUFFER_BODY_STATUS) {
-            int block_size = m_net_buf_mgr->GetBlockSize();
-            int need_len = m_rx_packet.len - (block_size - m_rx_packet.start_pos);
-            CBidirList buffer_list;
-            if (!m_net_buf_mgr->Allocate(need_len, buffer_list, true)) {
-                if (!m_is_last_rx_full) {
-                    m_is_last_rx_full = true;
-                    ++m_rx_buf_full_cnt;
-                    QN_LOG(m_log_cat, QN_WARN,
-                           "allocate recv buffer failed, url=%s, local_url=%s, need_len=%d", GetURL(),
-                           GetLocalURL(), need_len);
-                }
-                return total_recv_cnt;
+            if (!TakeNextBigPacketBlock()) {
+                return total_recv_cnt;  // the state stays; retried on the next call
             }
-            m_is_last_rx_full = false;
-            int last_len = need_len % block_size;
-            if (last_len != 0) {
-                static_cast<NetBuffer*>(buffer_list.Tail()->pData)->SetLimit(last_len);
-            }
-            m_is_wait_alloc_big_buffer = false;
-            AddRecvQueue(buffer_list);
             m_rx_status = RECV_MULTI_BUFFER_BODY_STATUS;
             continue;
         }
@@ -213,6 +196,56 @@ int CTcpConnector::Recv() {
             return total_recv_cnt;
         }
     }
+}
+
+// A big packet's chain grows with its bytes: its next block is taken only when the block
+// being read is full and the packet still lacks bytes, so the connection holds at most one
+// block more than its received bytes need. Every byte in the chain belongs to the packet
+// (reads stop at its end), so m_rx_packet.recv_len, brought up to date by framing before it
+// asked for this block, is what the chain holds and need_len what it still lacks.
+bool CTcpConnector::TakeNextBigPacketBlock() {
+    int need_len = m_rx_packet.len - m_rx_packet.recv_len;
+    NetBuffer* block = nullptr;
+    {
+        AutoLocker locker(&m_rx_mutex);
+        if (m_rx_queue.Count() >= m_max_rx_buf_num) {
+            if (!m_is_last_rx_full) {
+                m_is_last_rx_full = true;
+                ++m_rx_buf_full_cnt;
+                QN_LOG(m_log_cat, QN_WARN,
+                       "allocate recv buffer failed, url=%s, local_url=%s, m_rx_queue.cnt(%d) >= "
+                       "m_max_rx_buf_num(%d)",
+                       GetURL(), GetLocalURL(), static_cast<int>(m_rx_queue.Count()),
+                       static_cast<int>(m_max_rx_buf_num));
+            }
+        } else {
+            block = m_net_buf_mgr->Allocate(true, true);
+            if (block == nullptr) {
+                if (!m_is_last_rx_full) {
+                    m_is_last_rx_full = true;
+                    ++m_rx_buf_full_cnt;
+                    QN_LOG(m_log_cat, QN_WARN,
+                           "allocate recv buffer failed, url=%s, local_url=%s, need_len=%d", GetURL(),
+                           GetLocalURL(), need_len);
+                }
+            } else {
+                m_is_last_rx_full = false;
+                if (need_len < NetBuffer::kBlockSize) {
+                    block->SetLimit(need_len);  // reads stop exactly at the packet's end
+                }
+                m_rx_queue.Insert(&block->m_node);
+                m_rx_buffer = block;  // Drop reads it under the mutex to know where to stop
+            }
+        }
+    }
+    if (block == nullptr) {
+        if (m_rx_packet.len >= m_net_buf_mgr->GetMinBigPacketLen()) {
+            m_is_wait_alloc_big_buffer = true;
+        }
+        return false;
+    }
+    m_is_wait_alloc_big_buffer = false;
+    return true;
 }
 
 int CTcpConnector::RecvPacketHead() {
@@ -310,7 +343,6 @@ int CTcpConnector::ParseNetBuffer() {
 
         // 4. The packet's length.
         int read_remaining = m_rx_buffer->ReadRemaining();
-        bool parse_succ = false;
         if (m_rx_packet.len == 0) {
             if (read_remaining < 1) {
                 m_rx_status = RECV_PACKET_HEAD_STATUS;
@@ -333,8 +365,22 @@ int CTcpConnector::ParseNetBuffer() {
                        len, m_combine_buf_len, GetURL(), GetLocalURL());
                 return kParseTooLong;
             }
+            // Blocks the packet needs from where it starts (a small packet is moved to a
+            // fresh block if it does not fit in its own). Blocks held by earlier packets do
+            // not count: they are given back as the consumer takes those packets.
+            int64_t need_blocks = 1;
+            if (len > 65536) {
+                int64_t beyond = static_cast<int64_t>(len) - (65536 - m_rx_packet.start_pos);
+                need_blocks += (beyond + 65535) / 65536;
+            }
+            if (need_blocks > static_cast<int64_t>(m_max_rx_buf_num)) {
+                QN_LOG(m_log_cat, QN_ERROR,
+                       "packet_len(%d) needs %d blocks > m_max_rx_buf_num(%d), url=%s, local_url=%s", len,
+                       static_cast<int>(need_blocks), static_cast<int>(m_max_rx_buf_num), GetURL(),
+                       GetLocalURL());
+                return kParseOverRxCap;
+            }
             m_rx_packet.len = len;
-            parse_succ = true;
         }
         int len = m_rx_packet.len;
 
@@ -363,14 +409,16 @@ int CTcpConnector::ParseNetBuffer() {
             m_rx_buffer->AddReadPosition(read_remaining);
             if (len <= 65536) {
                 m_rx_status = RECV_SINGLE_BUFFER_BODY_STATUS;
-            } else if (parse_succ) {
+            } else if (m_rx_buffer->WriteRemaining() > 0) {
+                m_rx_status = RECV_MULTI_BUFFER_BODY_STATUS;  // the block being read has room
+            } else {
+                // The block is full and the packet lacks bytes: its next block is taken now
+                // (Recv does so at once), and the wait for it starts.
                 m_wait_alloc_starttime = now;
                 m_rx_status = ALLOC_MULTI_BUFFER_BODY_STATUS;
                 if (len >= m_net_buf_mgr->GetMinBigPacketLen()) {
                     m_is_wait_alloc_big_buffer = true;
                 }
-            } else {
-                m_rx_status = RECV_MULTI_BUFFER_BODY_STATUS;
             }
             return 0;
         }

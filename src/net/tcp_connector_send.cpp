@@ -213,6 +213,8 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
     // that is being written. Bytes queued ahead of the queue must not go into its tail: that
     // tail belongs to packets that follow them.
     bool skip_first = false;
+    LIST_NODE* old_tail = nullptr;
+    int old_tail_write_pos = 0;
     if (!ahead) {
         AutoLocker locker(&m_tx_mutex);
         LIST_NODE* tail = m_tx_queue.Tail();
@@ -221,6 +223,8 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
             list.InsertHead(tail);
             skip_first = true;
             m_tx_tail_detached = true;
+            old_tail = tail;
+            old_tail_write_pos = static_cast<NetBuffer*>(tail->pData)->m_write_pos;
         }
     }
 
@@ -228,11 +232,26 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
     while (copied_len < len) {
         LIST_NODE* node = list.RemoveHead();
         if (node == nullptr) {
-            // Unreachable for callers that reserved enough blocks. The blocks filled so far,
-            // the old tail among them, are dropped: neither queued nor returned to the pool.
+            // Unreachable for callers that reserved enough blocks. The packet is not queued
+            // at all: the blocks filled with its bytes go back to the pool, and the old tail,
+            // cut back to the bytes it held before, returns to the end of the queue, so the
+            // packets queued earlier stay whole and in order.
             QN_LOG(cat, QN_ERROR, "unexpected error, node=NULL, url=%s, local_url=%s, len=%d, list_size=%d",
                    GetURL(), GetLocalURL(), len, static_cast<int>(list.Count()));
+            if (old_tail != nullptr) {
+                push_list.Remove(old_tail);
+                static_cast<NetBuffer*>(old_tail->pData)->m_write_pos = old_tail_write_pos;
+            }
+            m_net_buf_mgr->Release(push_list);
             AutoLocker locker(&m_tx_mutex);
+            if (old_tail != nullptr) {
+                if (m_tx_queue.IsEmpty() && SetRegisteredEventsLocked(kArmedEvents) != 0) {
+                    int err = errno;
+                    QN_LOG(cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(),
+                           GetLocalURL(), err);
+                }
+                m_tx_queue.Insert(old_tail);
+            }
             m_tx_tail_detached = false;
             return;
         }
@@ -354,9 +373,9 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
             cat, QN_ERROR,
             "WriteSocket() failed, suggest to disconnect, url=%s, local_url=%s, len=%d, left_cnt=%d, ret=%d",
             GetURL(), GetLocalURL(), static_cast<int>(len), static_cast<int>(len) - total_send_cnt, ret);
-        // The reserved blocks are dropped with the local list, not released: they stay
-        // counted as in use by the pool, are not in any queue (so Fini does not find them)
-        // and come back only when the pool itself is destroyed. The packet is not counted.
+        // The blocks reserved for the packet go back to the pool; the packet is not counted
+        // and the full flag is left as it was.
+        m_net_buf_mgr->Release(buffer_list);
         return ret;
     }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "net/net_buffer_mgr.h"
+#include "support/log_capture.h"
 
 using namespace QUOLNET;
 
@@ -412,3 +413,93 @@ TEST(NetBufferMgr, TheLastReleasedBlockIsHandedOutFirst) {
     Validate(pool, 0);
     EXPECT_EQ(6u, pool.GetPeakUsedCount());  // no block made beyond the burst
 }
+
+namespace {
+
+// A block released twice is refused: the free list stays sound (the block is handed out once
+// only), the refusal is counted and logged with the block's address, once per occurrence.
+// The assert that a build without NDEBUG adds is switched off here so that the counting is
+// checked in every build; the death test below checks the assert where it exists.
+TEST(NetBufferMgrDoubleRelease, IsRefusedCountedAndLoggedOncePerOccurrence) {
+    CNetBufferMgr pool(4);
+    qntest::LogCapture log(LOG_PRIORITY_TRACE);
+    pool.SetLogCat(log.cat());
+    pool.SetAssertOnDoubleRelease(false);
+    NetBuffer* a = pool.Allocate(false, false);
+    NetBuffer* b = pool.Allocate(false, false);
+    ASSERT_NE(nullptr, a);
+    NetBuffer* a_again = a;
+    pool.Release(&a);
+    EXPECT_EQ(0ul, pool.GetDoubleReleaseCount());
+    pool.Release(&a_again);  // second release of the same block
+    EXPECT_EQ(nullptr, a_again);
+    EXPECT_EQ(1ul, pool.GetDoubleReleaseCount());
+    EXPECT_EQ(1u, pool.GetUsedCount());
+    EXPECT_EQ(1u, pool.GetFreeCount());
+    EXPECT_EQ(1, log.CountPrefix(LOG_PRIORITY_ERROR, "release of a block that is not out refused, block="));
+
+    // Through a list too: the refused block is skipped, the good one goes back.
+    NetBuffer* c = pool.Allocate(false, false);  // the block released above, handed out once
+    NetBuffer* d = pool.Allocate(false, false);
+    ASSERT_NE(nullptr, d);
+    EXPECT_NE(c, d);
+    NetBuffer* c_copy = c;
+    pool.Release(&c);
+    CBidirList list;
+    list.Insert(&d->m_node);
+    pool.Release(&c_copy);
+    EXPECT_EQ(2ul, pool.GetDoubleReleaseCount());
+    pool.Release(list);
+    EXPECT_EQ(2ul, pool.GetDoubleReleaseCount());
+    EXPECT_EQ(1u, pool.GetUsedCount());  // b
+    EXPECT_EQ(2, log.CountPrefix(LOG_PRIORITY_ERROR, "release of a block that is not out refused, block="));
+    pool.Release(&b);
+    EXPECT_EQ(0u, pool.GetUsedCount());
+
+    // Every block handed out afterwards is distinct: the free list was not corrupted.
+    std::set<NetBuffer*> seen;
+    for (int i = 0; i < 4; ++i) {
+        NetBuffer* x = pool.Allocate(false, false);
+        ASSERT_NE(nullptr, x);
+        EXPECT_TRUE(seen.insert(x).second);
+    }
+    EXPECT_EQ(nullptr, pool.Allocate(false, false));
+    for (NetBuffer* x : seen) {
+        NetBuffer* y = x;
+        pool.Release(&y);
+    }
+    EXPECT_EQ(0u, pool.GetUsedCount());
+    EXPECT_EQ(2ul, pool.GetDoubleReleaseCount());
+}
+
+TEST(NetBufferMgrDoubleRelease, MessageNamesTheBlock) {
+    CNetBufferMgr pool(2);
+    qntest::LogCapture log(LOG_PRIORITY_TRACE);
+    pool.SetLogCat(log.cat());
+    pool.SetAssertOnDoubleRelease(false);
+    NetBuffer* a = pool.Allocate(true, false);
+    NetBuffer* keep = a;
+    pool.Release(&a);
+    NetBuffer* again = keep;
+    pool.Release(&again);
+    char text[128];
+    snprintf(text, sizeof(text), "release of a block that is not out refused, block=%p, uid=%d",
+             static_cast<void*>(keep), keep->m_uid);
+    EXPECT_TRUE(log.Has(LOG_PRIORITY_ERROR, text)) << log.Dump();
+}
+
+#ifndef NDEBUG
+TEST(NetBufferMgrDoubleReleaseDeathTest, AssertsInADebugBuild) {
+    EXPECT_DEATH(
+        {
+            CNetBufferMgr pool(2);
+            NetBuffer* a = pool.Allocate(false, false);
+            NetBuffer* again = a;
+            pool.Release(&a);
+            pool.Release(&again);
+        },
+        "released twice");
+}
+#endif
+
+}  // namespace

@@ -84,6 +84,7 @@ struct HarnessOptions {
     void* cb_arg = nullptr;
     bool with_log = true;
     bool byte_parser = false;
+    QUOLNET::IPackParser* parser = nullptr;  // a test's own parser (it outlives the harness)
 
     // Defaults with a receive callback.
     static HarnessOptions Callback(QUOLNET::RecvPkgCallback fn, void* arg) {
@@ -113,6 +114,9 @@ class RecvHarness {
         m_ok = m_epoll >= 0 && TcpPair(&m_client, &server);
         QUOLNET::IPackParser* parser = o.byte_parser ? static_cast<QUOLNET::IPackParser*>(&m_byte_parser)
                                                      : static_cast<QUOLNET::IPackParser*>(&m_parser);
+        if (o.parser != nullptr) {
+            parser = o.parser;
+        }
         m_ok = m_ok && m_conn->Init("tcp://127.0.0.1:9", parser, m_epoll, server) == 0;
         m_log.Clear();
     }

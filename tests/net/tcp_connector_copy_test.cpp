@@ -315,6 +315,47 @@ TEST_F(CopyFromTest, HandOverMidStreamLosesNothing) {
     EXPECT_EQ(0u, m_pool.GetUsedCount());
 }
 
+// A big packet's chain grows with its bytes: a source that waits for the next block of its
+// packet hands over in that state, and the destination takes the block and completes the packet.
+// The keep-writing setting and the progress counters travel with the connection.
+TEST_F(CopyFromTest, HandOverWhileABigPacketWaitsForItsNextBlock) {
+    Conn a(&m_pool, &m_log_src);
+    Conn b(&m_pool, &m_log_dst);
+    ASSERT_TRUE(BindPair(a, b));
+    a.c->SetKeepWritingAfterPeerClose(true);
+    std::string big = qntest::MakePacket(200000, 42);
+    ASSERT_TRUE(qntest::WriteAll(m_client, big.data(), 65536));  // exactly the first block
+    std::vector<NetBuffer*> held;  // the pool runs dry, so the wait for the next block shows
+    while (NetBuffer* blk = m_pool.Allocate(false, false)) {
+        held.push_back(blk);
+    }
+    m_pool.Release(&held.back());
+    held.pop_back();
+    ASSERT_EQ(65536, RecvBytes(*a.c, m_server, 65536));
+    ASSERT_EQ(QUOLNET::ALLOC_MULTI_BUFFER_BODY_STATUS, Peer::m_rx_status(*a.c));
+    EXPECT_EQ(1, a.c->GetRecvQCount());
+    EXPECT_TRUE(a.c->HasPartialPacket());
+    for (NetBuffer*& blk : held) {
+        m_pool.Release(&blk);
+    }
+
+    ASSERT_EQ(0, b.c->CopyFrom(*a.c)) << m_log_dst.Dump();
+    EXPECT_TRUE(b.c->GetKeepWritingAfterPeerClose());
+    EXPECT_EQ(65536, b.c->GetRecvBytes());
+    EXPECT_EQ(QUOLNET::ALLOC_MULTI_BUFFER_BODY_STATUS, Peer::m_rx_status(*b.c));
+    a.c->SetCloseSocket(false);  // the destination keeps the descriptor
+    a.c->Fini();
+
+    ASSERT_TRUE(qntest::WriteAll(m_client, big.data() + 65536, big.size() - 65536));
+    ASSERT_EQ(static_cast<long>(big.size()) - 65536, RecvBytes(*b.c, m_server, big.size() - 65536));
+    std::vector<std::string> got = PeekAll(*b.c);
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ(big, got[0]);
+    EXPECT_EQ(static_cast<int64_t>(big.size()), b.c->GetRecvBytes());
+    b.c->Fini();
+    EXPECT_EQ(0u, m_pool.GetUsedCount());
+}
+
 // Faults end the connection through Update with the fault's message, and Fini returns every block.
 class FaultTest : public CopyFromTest {};
 

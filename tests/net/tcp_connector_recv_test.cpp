@@ -159,18 +159,25 @@ TEST(TcpConnectorRecv, PoolExhaustionWarnsOnceAndResumes) {
     EXPECT_EQ(MakePacket(50, 7), got[0]);
 }
 
+// The chain now grows block by block (a deliberate change): the shortage shows when the first
+// block is full, not when the length is learnt; need_len is still what lies beyond that block.
 TEST(TcpConnectorRecv, ChainAllocationFailureLogsOnceAndRetries) {
     HarnessOptions o;
     o.pool_blocks = 5;
     RecvHarness h(o);
     ASSERT_TRUE(h.ok());
-    // Hold two blocks so that the chain of a 200000-byte packet (3 more blocks) cannot be had.
+    // Hold four blocks so that the block after the first cannot be had.
     QUOLNET::NetBuffer* held1 = h.pool().Allocate(false, false);
     QUOLNET::NetBuffer* held2 = h.pool().Allocate(false, false);
+    QUOLNET::NetBuffer* held3 = h.pool().Allocate(false, false);
+    QUOLNET::NetBuffer* held4 = h.pool().Allocate(false, false);
     std::string p = MakePacket(200000, 3);
     ASSERT_TRUE(h.Write(p.substr(0, 1000)));
     ASSERT_TRUE(h.WaitReadable());
     EXPECT_EQ(1000, h.RecvOnce());
+    EXPECT_EQ(QUOLNET::RECV_MULTI_BUFFER_BODY_STATUS, Peer::m_rx_status(h.c()));
+    ASSERT_TRUE(h.Write(p.substr(1000, 65536 - 1000)));
+    EXPECT_EQ(65536 - 1000, h.RecvBytes(65536 - 1000));
     EXPECT_EQ(QUOLNET::ALLOC_MULTI_BUFFER_BODY_STATUS, Peer::m_rx_status(h.c()));
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(0, h.RecvOnce());
@@ -183,8 +190,10 @@ TEST(TcpConnectorRecv, ChainAllocationFailureLogsOnceAndRetries) {
 
     h.pool().Release(&held1);
     h.pool().Release(&held2);
-    ASSERT_TRUE(h.Write(p.substr(1000)));
-    EXPECT_EQ(static_cast<long>(p.size()) - 1000, h.RecvBytes(static_cast<long>(p.size()) - 1000));
+    h.pool().Release(&held3);
+    h.pool().Release(&held4);
+    ASSERT_TRUE(h.Write(p.substr(65536)));
+    EXPECT_EQ(static_cast<long>(p.size()) - 65536, h.RecvBytes(static_cast<long>(p.size()) - 65536));
     EXPECT_FALSE(static_cast<bool>(Peer::m_is_last_rx_full(h.c())));
     EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
 }

@@ -180,7 +180,9 @@ TEST(Send, QueueWaitStatistics) {
     EXPECT_EQ("abcdef", r.ReadPeer(6));
 }
 
-TEST(Send, FailedDirectWriteKeepsTheReservedBlocksOutOfThePool) {
+// Regression (a deliberate change): blocks reserved for a failed direct write were never
+// returned. They go back to the pool now; messages, result and counters are as before.
+TEST(Send, FailedDirectWriteGivesItsReservedBlocksBack) {
     signal(SIGPIPE, SIG_IGN);
     SendRig r;
     ASSERT_TRUE(r.ok);
@@ -199,12 +201,41 @@ TEST(Send, FailedDirectWriteKeepsTheReservedBlocksOutOfThePool) {
                               r.Url().c_str(), r.LocalUrl().c_str())));
     EXPECT_EQ(0, Peer::m_tx_packet_cnt(r.c()));
     EXPECT_FALSE(Peer::m_is_sending(r.c()).load());
-    // The two blocks reserved for the packet are neither queued nor returned, and Fini does
-    // not find them: they stay counted as in use until the pool itself is destroyed.
     EXPECT_EQ(0u, r.QCount());
-    EXPECT_EQ(2u, r.pool.GetUsedCount());
+    EXPECT_EQ(0u, r.pool.GetUsedCount());
     r.c().Fini();
-    EXPECT_EQ(2u, r.pool.GetUsedCount());
+    EXPECT_EQ(0u, r.pool.GetUsedCount());
+}
+
+// A peer that resets while a large direct write is under way: the write fails (ECONNRESET or
+// EPIPE, whichever the kernel reports first) and the pool is back where it started.
+TEST(Send, DirectWriteToAResetPeerGivesItsBlocksBack) {
+    SendRig r;
+    ASSERT_TRUE(r.ok);
+    std::string queued = Pattern(1000, 4);
+    ASSERT_EQ(1000, r.c().SendToQ(queued.data(), queued.size(), nullptr));  // a block in use before
+    unsigned int start = r.pool.GetUsedCount();
+    struct linger lg = {1, 0};
+    ASSERT_EQ(0, setsockopt(r.peer, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg)));
+    close(r.peer);
+    r.peer = -1;
+    struct pollfd p = {r.fd, POLLIN, 0};
+    ASSERT_EQ(1, poll(&p, 1, 5000));  // the reset has arrived
+    // Flush first (it fails and releases its block), then a direct write that must fail too.
+    r.c().SetEvent(EPOLLOUT);
+    EXPECT_EQ(-1, r.c().Send());
+    start -= 1;
+    std::string pkt = Pattern(200000, 5);
+    for (int i = 0; i < 2; ++i) {
+        r.c().SetEvent(EPOLLOUT);
+        EXPECT_EQ(-1, r.c().Send(pkt.data(), pkt.size(), nullptr));
+        EXPECT_EQ(start, r.pool.GetUsedCount());
+    }
+    EXPECT_TRUE(r.log.HasPrefix(LOG_PRIORITY_ERROR,
+                                Fmt("send data to server failed, url=%s, local_url=%s, send_len=200000, err=",
+                                    r.Url().c_str(), r.LocalUrl().c_str())));
+    r.c().Fini();
+    EXPECT_EQ(0u, r.pool.GetUsedCount());
 }
 
 TEST(Send, FailedFlushReleasesTheBlockAndReports) {

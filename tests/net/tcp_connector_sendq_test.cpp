@@ -236,9 +236,11 @@ TEST(SendQ, EpollFailureWhileArmingIsLoggedAndThePushCompletes) {
 }
 
 // A caller that reserved too few blocks (no caller in the library does) runs out of nodes
-// while copying: the error names the packet, and the blocks filled so far, the old tail
-// among them, are dropped: neither queued nor given back to the pool.
-TEST(SendQ, PushWithTooFewReservedBlocksDropsWhatItFilled) {
+// while copying: the error names the packet. A deliberate change: the blocks filled so far were
+// dropped, neither queued nor given back to the pool, and the old tail with them. Now nothing of
+// the packet is queued, its block goes back to the pool, and the old tail returns to the queue
+// with just the bytes it held, so the packets queued earlier still go out whole.
+TEST(SendQ, PushWithTooFewReservedBlocksGivesItsBlocksBackAndKeepsTheQueue) {
     SendRig r;
     ASSERT_TRUE(r.ok);
     std::string first = Pattern(100);
@@ -255,13 +257,18 @@ TEST(SendQ, PushWithTooFewReservedBlocksDropsWhatItFilled) {
                                                   r.Url().c_str(), r.LocalUrl().c_str())))
         << r.log.Dump();
     EXPECT_TRUE(list.IsEmpty());
-    EXPECT_EQ(0u, r.QCount());                      // the old tail went with the filled block
+    EXPECT_EQ(1u, r.QCount());
+    EXPECT_EQ(first, r.Queued());
     EXPECT_FALSE(Peer::m_tx_tail_detached(r.c()));  // a later push may use the queue again
-    EXPECT_EQ(2u, r.pool.GetUsedCount());           // both dropped, neither returned
+    EXPECT_EQ(1u, r.pool.GetUsedCount());           // the filled block went back
     std::string next = Pattern(50, 3);
     EXPECT_EQ(50, r.c().SendToQ(next.data(), 50, nullptr));
-    EXPECT_EQ(next, r.Queued());
-    EXPECT_EQ(3u, r.pool.GetUsedCount());
+    EXPECT_EQ(first + next, r.Queued());
+    EXPECT_EQ(1u, r.pool.GetUsedCount());
+    std::string got;
+    ASSERT_TRUE(DrainAll(r, &got, first.size() + next.size()));
+    EXPECT_EQ(first + next, got);
+    EXPECT_EQ(0u, r.pool.GetUsedCount());
 }
 
 TEST(SendQ, IsSendBufEnoughUsesAWrappedRoomWhenOverTheLimit) {
@@ -292,3 +299,16 @@ TEST(SendQ, IsSendBufEnoughAsksThePool) {
 }
 
 }  // namespace
+
+// The same with an empty queue: no old tail, the filled block simply goes back.
+TEST(SendQ, PushWithTooFewReservedBlocksIntoAnEmptyQueueGivesItsBlocksBack) {
+    SendRig r;
+    ASSERT_TRUE(r.ok);
+    QUOLNET::CBidirList list;
+    ASSERT_TRUE(r.pool.Allocate(1, list, false));
+    std::string big = Pattern(70000, 2);
+    Peer::PushSendQ(r.c(), big.data(), static_cast<int>(big.size()), list);
+    EXPECT_TRUE(list.IsEmpty());
+    EXPECT_EQ(0u, r.QCount());
+    EXPECT_EQ(0u, r.pool.GetUsedCount());
+}
