@@ -575,8 +575,9 @@ void CHostilePeer::ServerClosed(Peer& p, End how, uint64_t now) {
         }
         if (Kind() == Attack::kHalfClose) {
             ++m_a.hc_clients;
+            m_a.hc_sent_bytes += (long long)p.sent;
             m_a.hc_recv_bytes += (long long)p.recvd;
-            m_a.hc_bytes_lost += (long long)(p.total - std::min(p.recvd, p.total));
+            m_a.hc_bytes_lost += (long long)(p.sent - std::min(p.recvd, p.sent));
             if (p.recvd >= p.total) {
                 ++m_a.hc_full;
             } else if (p.recvd > 0) {
@@ -634,7 +635,6 @@ void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
             uint64_t count = m_opt.pipelined > 0 ? uint64_t(m_opt.pipelined) : 1;
             p.total = count * p.pkt;
             p.limit = p.total;
-            m_a.hc_sent_bytes += (long long)p.total;
             break;
         }
         case Attack::kIdle:
@@ -765,17 +765,22 @@ void CHostilePeer::OnEvent(size_t idx, uint32_t events, uint64_t now) {
         OnConnected(idx, now);
         return;
     }
-    if ((events & EPOLLOUT) && p.fd >= 0) {
-        Pump(p, now);
-    }
-    if (p.fd < 0) {
-        return;
-    }
+    // Read before writing: a write that fails on a closed connection must not hide the replies
+    // that arrived before the close.
     if (p.events & EPOLLIN) {
         if (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) {
             Drain(idx, now);
         }
+        if ((events & EPOLLOUT) && p.fd >= 0) {
+            Pump(p, now);
+        }
         return;
+    }
+    if (events & EPOLLOUT) {
+        Pump(p, now);
+        if (p.fd < 0) {
+            return;
+        }
     }
     // A peer that does not read learns of the close from RDHUP, HUP or ERR alone.
     if (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) {
@@ -849,6 +854,7 @@ void CHostilePeer::EndAttack(uint64_t now) {
         } else {
             ++m_a.still_open;
             if (Kind() == Attack::kHalfClose) {
+                m_a.hc_sent_bytes += (long long)p.sent;
                 m_a.hc_recv_bytes += (long long)p.recvd;
             }
         }
@@ -1039,7 +1045,7 @@ void CHostilePeer::Report() {
     double after = m_phases[kAfter].Rate();
     // The baseline is the mean of the honest phases that ran; a phase of 0 s does not count.
     int ran = (m_opt.before > 0 ? 1 : 0) + (m_opt.after > 0 ? 1 : 0);
-    double base = ran > 0 ? (before + after) / ran : 0;
+    double base = ran > 0 ? ((m_opt.before > 0 ? before : 0) + (m_opt.after > 0 ? after : 0)) / ran : 0;
     double ratio = base > 0 ? m_phases[kAttackPhase].Rate() / base : -1;
     double p50[kPhases], p99[kPhases];
     for (int ph = 0; ph < kPhases; ++ph) {
@@ -1110,20 +1116,20 @@ void CHostilePeer::Report() {
             break;
         case Attack::kHalfClose:
             if (m_opt.pipelined > 0) {
-                fprintf(out,
-                        "halfclose-pipelined: %lld x %lld-byte packets sent, then SHUT_WR; %lld packets "
-                        "(%lld bytes) "
-                        "echoed before EOF; %lld bytes lost%s\n",
-                        m_opt.pipelined, m_opt.size, m_a.hc_recv_bytes / m_opt.size, m_a.hc_recv_bytes,
-                        m_a.hc_bytes_lost,
-                        m_a.still_open > 0 ? " (still open at the end of the attack)" : "");
+                fprintf(
+                    out,
+                    "halfclose-pipelined: %lld of %lld x %lld-byte packets sent (%lld bytes), then SHUT_WR; "
+                    "%lld packets (%lld bytes) echoed before the end; %lld bytes lost%s\n",
+                    m_a.hc_sent_bytes / m_opt.size, m_opt.pipelined, m_opt.size, m_a.hc_sent_bytes,
+                    m_a.hc_recv_bytes / m_opt.size, m_a.hc_recv_bytes, m_a.hc_bytes_lost,
+                    m_a.still_open > 0 ? " (the connection was still open at the end of the attack)" : "");
             } else {
-                fprintf(out,
-                        "halfclose: %lld clients sent one %lld-byte request then SHUT_WR; of the %lld that "
-                        "saw the "
-                        "end: %lld got the full reply, %lld part of it, %lld nothing; %lld bytes lost\n",
-                        m_a.connected, m_opt.size, m_a.hc_clients, m_a.hc_full, m_a.hc_partial, m_a.hc_none,
-                        m_a.hc_bytes_lost);
+                fprintf(
+                    out,
+                    "halfclose: %lld clients sent one %lld-byte request then SHUT_WR; of the %lld that saw "
+                    "the end: %lld got the full reply, %lld part of it, %lld nothing; %lld bytes lost\n",
+                    m_a.connected, m_opt.size, m_a.hc_clients, m_a.hc_full, m_a.hc_partial, m_a.hc_none,
+                    m_a.hc_bytes_lost);
             }
             break;
         default:
