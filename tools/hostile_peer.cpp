@@ -417,6 +417,7 @@ struct PhaseStats {
     long long honest_closed = 0;  // honest connections the server closed during the phase
     long long starved = 0;        // honest connections with no echo in the phase
     std::vector<uint32_t> rtt_us;
+    uint64_t max_wait_ns = 0;  // longest an honest client waited for an echo within the phase
     long long rss_max_kib = -1;
     long long rss_last_kib = -1;
     double Rate() const { return secs > 0 ? double(echoes) / secs : 0; }
@@ -481,6 +482,8 @@ class CHostilePeer {
     std::deque<std::pair<uint64_t, size_t>> m_trickle;  // (when, peer), in time order
     Phase m_phase = kBefore;
     uint64_t m_attack_start_ns = 0;
+    uint64_t m_phase_start_ns = 0;
+    std::vector<size_t> m_honest;
     uint64_t m_next_rss_ns = 0;
     long long m_connecting_attackers = 0;
     long long m_live_attackers = 0;  // opened and not ended
@@ -693,6 +696,7 @@ void CHostilePeer::Consume(Peer& p, const unsigned char* data, size_t n, uint64_
             ++ps.echoes;
             ++p.echoes[m_phase];
             ps.rtt_us.push_back(uint32_t(std::min<uint64_t>((now - p.queued_ns) / 1000, UINT32_MAX)));
+            ps.max_wait_ns = std::max(ps.max_wait_ns, now - std::max(p.queued_ns, m_phase_start_ns));
             p.limit += p.pkt;
             p.queued_ns = now;
             Pump(p, now);
@@ -896,7 +900,7 @@ int CHostilePeer::Run() {
         return 1;
     }
     // Honest clients first: all of them must be connected before the clock starts.
-    std::vector<size_t> honest;
+    std::vector<size_t>& honest = m_honest;
     for (long long i = 0; i < m_opt.honest; ++i) {
         size_t idx = Open(Role::kHonest);
         if (m_peers[idx].end == End::kConnectFailed) {
@@ -940,6 +944,7 @@ int CHostilePeer::Run() {
     fprintf(stderr, "hostile_peer: %lld honest clients connected to %s; before phase (%.1f s)\n",
             m_opt.honest, m_opt.url.c_str(), m_opt.before);
     uint64_t phase_start = NowNs();
+    m_phase_start_ns = phase_start;
     m_honest_started = true;
     for (size_t idx : honest) {
         Peer& p = m_peers[idx];
@@ -954,6 +959,14 @@ int CHostilePeer::Run() {
         uint64_t now = NowNs();
         if (now >= phase_end) {
             m_phases[m_phase].secs = double(now - phase_start) / 1e9;
+            // An echo still awaited when the phase ends counts as a wait up to now.
+            for (size_t idx : honest) {
+                const Peer& p = m_peers[idx];
+                if (p.fd >= 0) {
+                    uint64_t w = now - std::max(p.queued_ns, phase_start);
+                    m_phases[m_phase].max_wait_ns = std::max(m_phases[m_phase].max_wait_ns, w);
+                }
+            }
             SampleRss();
             if (m_phase == kAttackPhase) {
                 EndAttack(now);
@@ -963,6 +976,7 @@ int CHostilePeer::Run() {
             }
             m_phase = Phase(m_phase + 1);
             phase_start = now;
+            m_phase_start_ns = now;
             phase_end = now + uint64_t(lengths[m_phase] * 1e9);
             if (m_phase == kAttackPhase) {
                 m_attack_start_ns = now;
@@ -1060,13 +1074,14 @@ void CHostilePeer::Report() {
 
     fprintf(out, "hostile_peer: attack %s against %s; %lld honest clients x %lld B ping-pong\n", attack_name,
             m_opt.url.c_str(), m_opt.honest, m_opt.honest_size);
-    fprintf(out, "%-7s %7s %10s %11s %8s %8s %8s %8s %13s\n", "phase", "secs", "echoes", "echoes/s", "p50 ms",
-            "p99 ms", "starved", "closed", "server RSS MiB");
+    fprintf(out, "%-7s %7s %10s %11s %8s %8s %9s %8s %8s %14s\n", "phase", "secs", "echoes", "echoes/s",
+            "p50 ms", "p99 ms", "max wait", "starved", "closed", "server RSS MiB");
     for (int ph = 0; ph < kPhases; ++ph) {
         const PhaseStats& ps = m_phases[ph];
-        fprintf(out, "%-7s %7.2f %10lld %11.1f %8s %8s %8lld %8lld %13s\n", kPhaseNames[ph], ps.secs,
-                ps.echoes, ps.Rate(), Num(p50[ph]).c_str(), Num(p99[ph]).c_str(), ps.starved,
-                ps.honest_closed, ps.rss_max_kib >= 0 ? Num(ps.rss_max_kib / 1024.0, "%.1f").c_str() : "-");
+        fprintf(out, "%-7s %7.2f %10lld %11.1f %8s %8s %9s %8lld %8lld %14s\n", kPhaseNames[ph], ps.secs,
+                ps.echoes, ps.Rate(), Num(p50[ph]).c_str(), Num(p99[ph]).c_str(),
+                Num(double(ps.max_wait_ns) / 1e6, "%.1f").c_str(), ps.starved, ps.honest_closed,
+                ps.rss_max_kib >= 0 ? Num(ps.rss_max_kib / 1024.0, "%.1f").c_str() : "-");
     }
     fprintf(out, "ratio attack / mean(before, after): %s\n", Num(ratio).c_str());
     if (m_echo_errors > 0) {
@@ -1149,6 +1164,7 @@ void CHostilePeer::Report() {
         j += std::string(ph > 0 ? "," : "") + "\"" + kPhaseNames[ph] + "\":{\"secs\":" + Num(ps.secs) +
              ",\"echoes\":" + std::to_string(ps.echoes) + ",\"echoes_per_s\":" + Num(ps.Rate(), "%.1f") +
              ",\"p50_ms\":" + Num(p50[ph]) + ",\"p99_ms\":" + Num(p99[ph]) +
+             ",\"max_wait_ms\":" + Num(double(ps.max_wait_ns) / 1e6) +
              ",\"starved\":" + std::to_string(ps.starved) +
              ",\"honest_closed\":" + std::to_string(ps.honest_closed) +
              ",\"rss_max_kib\":" + (ps.rss_max_kib >= 0 ? std::to_string(ps.rss_max_kib) : "null") +
