@@ -14,11 +14,6 @@
 
 namespace QUOLNET {
 
-namespace {
-// Framing's refusal of a packet that could never fit under the receive block limit.
-const int kParseTooManyBlocks = -3;
-}  // namespace
-
 CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptions& options)
     : m_handler(handler),
       m_options(options),
@@ -406,8 +401,10 @@ void CConnectorMgr::DropRing(Conn* c) {
 void CConnectorMgr::RetryBigWait(Conn* c) {
     CTcpConnector* k = c->connector.get();
     int ret = k->Recv();
-    if (ret == -10000) {
-        k->Disconnect(nullptr);
+    if (ret == CTcpConnector::kPeerClosed) {
+        if (!k->IsPeerClosed()) {
+            k->Disconnect(nullptr);
+        }  // otherwise reading has stopped and the replies are flushed (ServiceEstablished)
     } else if (ret < 0) {
         QN_MGR_LOG(LOG_PRIORITY_ERROR, "Recv() failed, url=%s, ret=%d", c->url.c_str(), ret);
         k->Disconnect(nullptr);
@@ -689,7 +686,7 @@ void CConnectorMgr::SetCloseInfoFromConnector(Conn* c) {
         SetCloseInfo(c, CloseReason::kPeerClosed, 0);
     } else if (ret == CTcpConnector::kParseTooLong) {
         SetCloseInfo(c, CloseReason::kLimit, ret, CloseLimit::kPacketTooLong);
-    } else if (ret == kParseTooManyBlocks) {
+    } else if (ret == CTcpConnector::kParseOverRxCap) {
         SetCloseInfo(c, CloseReason::kLimit, ret, CloseLimit::kRecvBlocks);
     } else {
         SetCloseInfo(c, CloseReason::kFramingError, ret);
