@@ -743,6 +743,38 @@ long ReadRssKib(long pid) {
     return kib;
 }
 
+// TcpExt ListenOverflows of this network namespace (every listener, not only the server's):
+// handshakes dropped because an accept queue was full. -1 when unreadable.
+long ReadListenOverflows() {
+    FILE* f = fopen("/proc/net/netstat", "r");
+    if (f == nullptr) {
+        return -1;
+    }
+    // Two lines per group: the names, then the values in the same order.
+    char names[8192], values[8192];
+    long result = -1;
+    while (result < 0 && fgets(names, sizeof(names), f) != nullptr &&
+           fgets(values, sizeof(values), f) != nullptr) {
+        if (strncmp(names, "TcpExt:", 7) != 0) {
+            continue;
+        }
+        char* np = nullptr;
+        char* vp = nullptr;
+        char* n = strtok_r(names, " \n", &np);
+        char* v = strtok_r(values, " \n", &vp);
+        while (n != nullptr && v != nullptr) {
+            if (strcmp(n, "ListenOverflows") == 0) {
+                result = strtol(v, nullptr, 10);
+                break;
+            }
+            n = strtok_r(nullptr, " \n", &np);
+            v = strtok_r(nullptr, " \n", &vp);
+        }
+    }
+    fclose(f);
+    return result;
+}
+
 long CountFds(long pid) {
     char path[64];
     snprintf(path, sizeof(path), "/proc/%ld/fd", pid);
@@ -828,8 +860,9 @@ class CParent {
     // Sends `cmd` to every live worker and sums their answers; a worker that dies or does
     // not answer in time counts all its connections under `other`.
     PhaseResult RunPhase(char cmd, double* seconds);
-    // Waits until the server's descriptor count reaches `target` or stops moving for a
-    // second (bounded by the phase timeout).
+    // Waits until the server's descriptor count reaches `target` or stops moving for three
+    // seconds (bounded by the phase timeout): a handshake whose last ACK met a full accept
+    // queue is completed by the server's SYN-ACK retransmits 1 s and 3 s later.
     void SettleFds(long target);
     Sample TakeSample();
     void Report(FILE* out, const std::vector<PhaseRow>& rows, uint32_t connected) const;
@@ -838,6 +871,7 @@ class CParent {
     const Options& m_opt;
     std::vector<Worker> m_workers;
     CStatsFollower m_stats;
+    long m_listen_overflows = -1;  // during the connect phase, namespace-wide
 };
 
 bool CParent::StartWorkers() {
@@ -966,7 +1000,7 @@ void CParent::SettleFds(long target) {
     int64_t last_change = NowUs();
     while (last >= 0 && last != target) {
         int64_t now = NowUs();
-        if (now >= deadline || now - last_change >= 1000000) {
+        if (now >= deadline || now - last_change >= 3000000) {
             return;
         }
         SleepUs(20000);
@@ -1064,6 +1098,13 @@ void CParent::Report(FILE* out, const std::vector<PhaseRow>& rows, uint32_t conn
         }
         fprintf(out, "\n");
     }
+    if (m_listen_overflows > 0) {
+        fprintf(
+            out,
+            "connect: %ld handshakes met a full accept queue (TcpExt ListenOverflows, every listener of this "
+            "network namespace); each is retried by a SYN or SYN-ACK retransmit 1 s later\n",
+            m_listen_overflows);
+    }
     if (m_opt.server_pid > 0) {
         fprintf(out,
                 "RSS/conn: growth of the server's VmRSS since 'before', divided by the %u connections "
@@ -1110,10 +1151,10 @@ void CParent::ReportJson(FILE* out, const std::vector<PhaseRow>& rows, uint32_t 
         }
         JsonString(out, m_opt.targets[i].url);
     }
-    fprintf(
-        out,
-        "],\"size\":%u,\"idle_s\":%g,\"phase_timeout_s\":%g,\"connected\":%u,\"all_served\":%s,\"phases\":[",
-        m_opt.size, m_opt.idle, m_opt.phase_timeout, connected, all ? "true" : "false");
+    fprintf(out, "],\"size\":%u,\"idle_s\":%g,\"phase_timeout_s\":%g,\"connected\":%u", m_opt.size,
+            m_opt.idle, m_opt.phase_timeout, connected);
+    JsonNum(out, "listen_overflows", m_listen_overflows);
+    fprintf(out, ",\"all_served\":%s,\"phases\":[", all ? "true" : "false");
     for (size_t i = 0; i < rows.size(); ++i) {
         const PhaseRow& row = rows[i];
         const PhaseResult& r = row.result;
@@ -1149,11 +1190,16 @@ int CParent::Run() {
     }
 
     PhaseRow connect("connect");
+    long overflows_before = ReadListenOverflows();
     connect.result = RunPhase(kCmdConnect, &connect.seconds);
     connect.has_result = true;
     const uint32_t connected = connect.result.ok;
     if (before.sample.fds >= 0) {
         SettleFds(before.sample.fds + long(connected));
+    }
+    long overflows_after = ReadListenOverflows();
+    if (overflows_before >= 0 && overflows_after >= overflows_before) {
+        m_listen_overflows = overflows_after - overflows_before;
     }
     connect.sample = TakeSample();
     rows.push_back(connect);
