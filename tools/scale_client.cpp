@@ -860,9 +860,10 @@ class CParent {
     // Sends `cmd` to every live worker and sums their answers; a worker that dies or does
     // not answer in time counts all its connections under `other`.
     PhaseResult RunPhase(char cmd, double* seconds);
-    // Waits until the server's descriptor count reaches `target` or stops moving for three
+    // Waits until the server's descriptor count reaches `target` or stops moving for five
     // seconds (bounded by the phase timeout): a handshake whose last ACK met a full accept
-    // queue is completed by the server's SYN-ACK retransmits 1 s and 3 s later.
+    // queue is completed by the server's SYN-ACK retransmits 1, 3 and 7 s later (or by the
+    // first data the client sends).
     void SettleFds(long target);
     Sample TakeSample();
     void Report(FILE* out, const std::vector<PhaseRow>& rows, uint32_t connected) const;
@@ -1000,7 +1001,7 @@ void CParent::SettleFds(long target) {
     int64_t last_change = NowUs();
     while (last >= 0 && last != target) {
         int64_t now = NowUs();
-        if (now >= deadline || now - last_change >= 3000000) {
+        if (now >= deadline || now - last_change >= 5000000) {
             return;
         }
         SleepUs(20000);
