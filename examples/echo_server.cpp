@@ -1,6 +1,9 @@
 // echo_server: listens on a tcp:// URL and echoes every length-prefixed packet back.
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "echo_common.h"
 
@@ -10,11 +13,15 @@ void Usage(FILE* out) {
     QUOLNET::ConnectorMgrOptions d;
     fprintf(
         out,
-        "usage: echo_server [--listen URL] [--stats SECONDS] [--max-packet BYTES] [limits]\n"
+        "usage: echo_server [--listen URL] [--stats SECONDS] [--stats-file PATH] [--max-packet BYTES] [limits]\n"
         "  --listen URL              where to listen (default tcp://127.0.0.1:7000; port 0 picks a free "
         "port)\n"
         "  --stats SECONDS           print the connector statistics table every SECONDS (default 0: only at "
         "exit)\n"
+        "  --stats-interval SECONDS  same as --stats\n"
+        "  --stats-file PATH         write the periodic table to PATH instead of stdout, replacing the file\n"
+        "                            each time (written beside it and renamed, so readers see whole tables);\n"
+        "                            the interval may then be fractional and defaults to 1 second\n"
         "  --max-packet BYTES        longest packet accepted, 4-byte header included (default %u)\n"
         "limits (defaults protect a server started as it is; 0 turns a deadline off):\n"
         "  --pool-blocks N           64 KiB blocks in the pool (default %u)\n"
@@ -40,11 +47,48 @@ int IntFlagIndex(F (&flags)[N], const char* name) {
     return -1;
 }
 
+// Parses a number of seconds (fractions allowed) in 0..86400.
+bool ParseSeconds(const char* text, double* out) {
+    char* end = nullptr;
+    errno = 0;
+    double v = strtod(text, &end);
+    if (errno != 0 || end == text || *end != '\0' || !(v >= 0 && v <= 86400)) {
+        return false;
+    }
+    *out = v;
+    return true;
+}
+
+// Replaces `path` with the current statistics table: written to a sibling file first and
+// renamed over it, so a reader never sees half a table. Loop thread (FormatStats needs it).
+void WriteStatsFile(QUOLNET::CConnectorMgr* mgr, const std::string& path) {
+    std::string tmp = path + ".tmp";
+    static bool warned = false;
+    FILE* f = fopen(tmp.c_str(), "w");
+    bool ok = f != nullptr;
+    if (ok) {
+        std::string text = mgr->FormatStats();
+        ok = fwrite(text.data(), 1, text.size(), f) == text.size();
+        ok = fclose(f) == 0 && ok;
+        ok = ok && rename(tmp.c_str(), path.c_str()) == 0;
+    }
+    if (!ok) {
+        int err = errno;
+        remove(tmp.c_str());
+        if (!warned) {
+            warned = true;  // once: the table is rewritten every interval
+            fprintf(stderr, "echo_server: cannot write the statistics file %s: %s\n", path.c_str(),
+                    strerror(err));
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const char* url = "tcp://127.0.0.1:7000";
-    long long stats = 0;
+    double stats = 0;
+    const char* stats_file = nullptr;
     QUOLNET::ConnectorMgrOptions options;
     long long max_packet = options.max_packet_len;
     // Integer options: flag, where it goes, largest value.
@@ -71,7 +115,11 @@ int main(int argc, char** argv) {
         } else if (strcmp(a, "--listen") == 0 && v != nullptr) {
             url = v;
             ++i;
-        } else if (strcmp(a, "--stats") == 0 && v != nullptr && echo::ParseCount(v, 86400, &stats)) {
+        } else if ((strcmp(a, "--stats") == 0 || strcmp(a, "--stats-interval") == 0) && v != nullptr &&
+                   ParseSeconds(v, &stats)) {
+            ++i;
+        } else if (strcmp(a, "--stats-file") == 0 && v != nullptr && *v != '\0') {
+            stats_file = v;
             ++i;
         } else if (strcmp(a, "--max-packet") == 0 && v != nullptr &&
                    echo::ParseCount(v, 0x7fffffff, &max_packet) && max_packet >= 4) {
@@ -85,6 +133,10 @@ int main(int argc, char** argv) {
         }
     }
     echo::RequireURL("echo_server", url);
+    if (stats_file == nullptr && stats != static_cast<long long>(stats)) {
+        fprintf(stderr, "echo_server: --stats takes whole seconds unless --stats-file is given\n");
+        return 2;
+    }
 
     echo::EchoServerHandler handler;
     options.pool_blocks = static_cast<unsigned int>(flags[0].value);
@@ -94,7 +146,7 @@ int main(int argc, char** argv) {
     options.send_stall_ms = static_cast<int>(flags[4].value);
     options.packet_deadline_ms = static_cast<int>(flags[5].value);
     options.idle_timeout_ms = static_cast<int>(flags[6].value);
-    options.stats_interval_sec = static_cast<int>(stats);
+    options.stats_interval_sec = stats_file == nullptr ? static_cast<int>(stats) : 0;
     options.max_packet_len = static_cast<unsigned int>(max_packet);
     QUOLNET::CConnectorMgr mgr(&handler, options);
     if (mgr.Init() != 0) {
@@ -108,6 +160,11 @@ int main(int argc, char** argv) {
     }
     printf("echo_server listening on %s\n", mgr.GetListenURL(0).c_str());
     fflush(stdout);
+    if (stats_file != nullptr) {
+        int ms = stats > 0 ? static_cast<int>(stats * 1000) : 1000;
+        std::string path = stats_file;
+        mgr.AddTimer(0, ms > 0 ? ms : 1, [&mgr, path]() { WriteStatsFile(&mgr, path); });
+    }
     echo::StopOnSignals(&mgr);
     int ret = mgr.Run();
     printf("echo_server: %lld connections, %lld packets echoed\n", handler.Connections(), handler.Packets());
