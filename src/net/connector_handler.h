@@ -7,13 +7,15 @@
 
 #include <cstdint>
 
+#include "common/export.h"
+
 namespace QUOLNET {
 
 class CConnectorMgr;
 
 typedef uint64_t ConnId;  // 0 is never a valid id
 
-class IConnectorHandler {
+class QUOLNET_EXPORT IConnectorHandler {
   public:
     virtual ~IConnectorHandler() {}
 

@@ -29,13 +29,14 @@
 
 #include <vector>
 
+#include "common/export.h"
 #include "common/mutex.h"
 #include "net/bi_list.h"
 #include "net/net_buffer.h"
 
 namespace QUOLNET {
 
-class CNetBufferMgr {
+class QUOLNET_EXPORT CNetBufferMgr {
   public:
     // A pool of at most `max_block_num` blocks at once; `rx_reserve_blocks` of them are kept
     // back from CanAllocateSendBuf (-1 selects one eighth of the pool, at least one).
