@@ -1,3 +1,4 @@
+cmake_minimum_required(VERSION 3.20)  # policies of the version the project requires (IN_LIST)
 # The installed package, as another project sees it. Run with cmake -P, one STEP at a time:
 #
 #   STEP=prepare     installs the build tree BUILD_DIR (a THIS_KIND library: static or shared)
@@ -8,6 +9,10 @@
 #                    WORK_DIR/prefix-KIND with find_package(quolnet) only.
 #   STEP=pkgconfig   compiles CONSUMER_DIR/consumer.cpp with CXX and the flags of
 #                    `pkg-config --cflags --libs quolnet` (that prefix's quolnet.pc only), runs it.
+#   STEP=subdirectory  a parent project adds SOURCE_DIR with add_subdirectory and links the
+#                    consumer to quolnet::quolnet: quolnet's tests, examples, benchmarks and
+#                    tools must be off, no build type forced into the parent's cache, and the
+#                    consumer must build and run.
 #
 # Both consumers must print the version of the installed headers (VERSION), a shared consumer
 # must need libquolnet.so.<SOVERSION> at run time and a static one must not.
@@ -100,6 +105,27 @@ elseif(STEP STREQUAL "pkgconfig")
   # The pkg-config link records no run path: the loader is told where the prefix is.
   run_step("run the consumer (${KIND})" ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${lib_dir} ${build}/consumer)
   check_consumer(${build}/consumer "${step_out}" ${KIND})
+elseif(STEP STREQUAL "subdirectory")
+  set(parent ${WORK_DIR}/parent)
+  file(REMOVE_RECURSE ${parent}/src ${parent}/build/CMakeCache.txt)
+  file(WRITE ${parent}/src/CMakeLists.txt
+       "cmake_minimum_required(VERSION 3.20)\n"
+       "project(parent CXX)\n"
+       "add_subdirectory(\"${SOURCE_DIR}\" quolnet)\n"
+       "add_executable(consumer \"${CONSUMER_DIR}/consumer.cpp\")\n"
+       "target_link_libraries(consumer PRIVATE quolnet::quolnet)\n")
+  # The parent's build directory is kept between runs: only what changed is rebuilt.
+  run_step("configure the parent project" ${CMAKE_COMMAND} -S ${parent}/src -B ${parent}/build -DCMAKE_CXX_COMPILER=${CXX})
+  file(STRINGS ${parent}/build/CMakeCache.txt cache)
+  foreach(expect "CMAKE_BUILD_TYPE:STRING=" "QUOLNET_BUILD_TESTS:BOOL=OFF" "QUOLNET_BUILD_EXAMPLES:BOOL=OFF"
+                 "QUOLNET_BUILD_BENCH:BOOL=OFF" "QUOLNET_BUILD_TOOLS:BOOL=OFF")
+    if(NOT "${expect}" IN_LIST cache)
+      message(FATAL_ERROR "the parent's cache lacks '${expect}'")
+    endif()
+  endforeach()
+  run_step("build the parent project" ${CMAKE_COMMAND} --build ${parent}/build -j2)
+  run_step("run the consumer (add_subdirectory)" ${parent}/build/consumer)
+  check_consumer(${parent}/build/consumer "${step_out}" static)
 else()
   message(FATAL_ERROR "unknown STEP '${STEP}'")
 endif()
