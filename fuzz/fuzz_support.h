@@ -8,10 +8,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace qnfuzz {
@@ -54,11 +56,15 @@ class Reader {
 };
 
 // A connected loopback TCP pair: `*client` (blocking) and `*server` (non-blocking, as a
-// listener hands it to a connector). The
-// listener is made once per process and kept. Returns false when any step fails.
+// listener hands it to a connector). The listener (on 127.0.0.1) is made once per process and
+// kept. Each client binds its own source address in 127.1.0.0/16 (the port chosen at
+// connect): a client that closes first leaves its end in TIME_WAIT for a minute, and a
+// fuzzer making hundreds of pairs a second would otherwise run out of ports for the one
+// address pair. Returns false when any step fails.
 inline bool TcpPair(int* client, int* server) {
     static int listener = -1;
     static struct sockaddr_in addr;
+    static uint32_t next_source = 0;
     if (listener < 0) {
         listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         addr = {};
@@ -75,7 +81,14 @@ inline bool TcpPair(int* client, int* server) {
     if (*client < 0) {
         return false;
     }
-    if (connect(*client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    struct sockaddr_in source = {};
+    source.sin_family = AF_INET;
+    source.sin_addr.s_addr = htonl(0x7f010000u | (next_source++ & 0xffffu));  // 127.1.x.y
+    int one = 1;
+    setsockopt(*client, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof(one));
+    if (bind(*client, reinterpret_cast<sockaddr*>(&source), sizeof(source)) != 0 ||
+        connect(*client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        std::fprintf(stderr, "loopback pair: bind/connect: %s\n", std::strerror(errno));
         close(*client);
         return false;
     }
