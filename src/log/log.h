@@ -17,6 +17,8 @@
 
 #include <cstddef>
 
+#include "common/export.h"
+
 namespace QUOLNET {
 
 enum LogPriority {
@@ -35,7 +37,7 @@ enum LogPriority {
 };
 
 // Name of a priority value ("ERROR", "INFO", ...); "UNKNOWN" for values not listed above.
-const char* log_priority_name(int priority);
+QUOLNET_EXPORT const char* log_priority_name(int priority);
 
 // Where a write was made.
 struct LogLocation {
@@ -95,26 +97,26 @@ struct LogCategory {
 };
 
 // Attaches `sink` (null detaches). Set it before the category is used by other threads.
-void log_set_sink(LogCategory* cat, LogSink sink, void* arg);
+QUOLNET_EXPORT void log_set_sink(LogCategory* cat, LogSink sink, void* arg);
 
 // Sends records without a sink to the file at `path` (appended), or back to stderr when
 // `path` is null. Returns 0, or -1 when the file cannot be opened (output is unchanged).
-int log_set_output_file(const char* path);
+QUOLNET_EXPORT int log_set_output_file(const char* path);
 
 // Nonzero when a write at `priority` to `cat` would be kept. The two trailing arguments
 // are reserved and must be 0.
-int log_can_write(LogCategory* cat, int priority, int reserved1, int reserved2);
+QUOLNET_EXPORT int log_can_write(LogCategory* cat, int priority, int reserved1, int reserved2);
 
 // printf-style write of one record. Messages longer than 4 KiB are cut.
-void log_write(LogCategory* cat, LogRecord* record, const char* format, ...)
+QUOLNET_EXPORT void log_write(LogCategory* cat, LogRecord* record, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 // Hex dump of record->msg_len bytes at record->msg: per line the offset, 16 bytes in hex
 // and their printable characters ('.' for the others).
-void log_write_hex(LogCategory* cat, LogRecord* record);
+QUOLNET_EXPORT void log_write_hex(LogCategory* cat, LogRecord* record);
 
 // Formats a hex dump as log_write_hex does (no trailing newline). Returns the text length
 // that the whole dump needs, like snprintf.
-int log_format_hex(const void* data, int len, char* out, size_t out_len);
+QUOLNET_EXPORT int log_format_hex(const void* data, int len, char* out, size_t out_len);
 
 }  // namespace QUOLNET

@@ -10,6 +10,7 @@
 // alone may be read without that lock (it is a relaxed atomic); such a read may be stale.
 #pragma once
 
+#include "common/export.h"
 #include "common/relaxed.h"
 
 namespace QUOLNET {
@@ -20,7 +21,7 @@ struct LIST_NODE {
     void* pData;  // the object this node belongs to
 };
 
-class CBidirList {
+class QUOLNET_EXPORT CBidirList {
   public:
     CBidirList() : m_pstHead(nullptr), m_pstTail(nullptr), m_dwCount(0u) {}
     // Does not touch the nodes still linked.

@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include "common/export.h"
+
 namespace QUOLNET {
 
 class CConnectorMgr;
@@ -39,8 +41,8 @@ enum class CloseLimit : int {
 constexpr int kCloseLimitCount = 7;
 
 // Short stable names for logs and statistics ("peer_closed", "send_stall", ...).
-const char* CloseReasonName(CloseReason reason);
-const char* CloseLimitName(CloseLimit limit);
+QUOLNET_EXPORT const char* CloseReasonName(CloseReason reason);
+QUOLNET_EXPORT const char* CloseLimitName(CloseLimit limit);
 
 // What OnClosed is told about the end of a connection.
 struct CloseInfo {
@@ -50,7 +52,7 @@ struct CloseInfo {
     bool reconnecting = false;             // a dialled connection that redials (same id)
 };
 
-class IConnectorHandler {
+class QUOLNET_EXPORT IConnectorHandler {
   public:
     virtual ~IConnectorHandler() {}
 

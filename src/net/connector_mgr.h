@@ -128,7 +128,7 @@ struct DialOptions {
     int max_attempts = 0;         // > 0: give up after this many failed attempts in a row
 };
 
-class CConnectorMgr {
+class QUOLNET_EXPORT CConnectorMgr {
   public:
     static constexpr int kAcceptRetryMs = 200;     // retry of a listener paused at the fd limit
     static constexpr int kRefusedRetryMs = 1;      // re-offer of packets the handler refused

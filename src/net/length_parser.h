@@ -15,7 +15,7 @@
 
 namespace QUOLNET {
 
-class CLengthPrefixParser : public IPackParser {
+class QUOLNET_EXPORT CLengthPrefixParser : public IPackParser {
   public:
     static const unsigned int kHeaderLen = 4;
     static const unsigned int kDefaultMaxPacketLen = 16u << 20;  // 16 MiB

@@ -38,6 +38,7 @@
 
 #include <vector>
 
+#include "common/export.h"
 #include "common/mutex.h"
 #include "log/log.h"
 #include "net/bi_list.h"
@@ -45,7 +46,7 @@
 
 namespace QUOLNET {
 
-class CNetBufferMgr {
+class QUOLNET_EXPORT CNetBufferMgr {
   public:
     // A pool of at most `max_block_num` blocks at once; `rx_reserve_blocks` of them are kept
     // back from CanAllocateSendBuf (-1 selects one eighth of the pool, at least one).

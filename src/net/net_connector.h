@@ -8,6 +8,7 @@
 
 #include <sys/time.h>
 
+#include "common/export.h"
 #include "common/relaxed.h"
 #include "log/log.h"
 #include "net/bi_list.h"
@@ -21,7 +22,7 @@ enum {
     CONNECTOR_STATUS_CONNECTED = 2,
 };
 
-class CConnector {
+class QUOLNET_EXPORT CConnector {
   public:
     // `last_err` is an error-text buffer owned by the caller, kept for derived classes and
     // never written by the base; `cb` (may be null) and `cb_para` are the receive callback.

@@ -1,11 +1,13 @@
 // IPackParser and RecvPkgCallback: what the application tells a connector about its packets.
 #pragma once
 
+#include "common/export.h"
+
 namespace QUOLNET {
 
 // Finds packet boundaries in a byte stream. Implementations must be safe to call from the
 // thread that updates the connector; the connector never owns or deletes its parser.
-class IPackParser {
+class QUOLNET_EXPORT IPackParser {
   public:
     virtual ~IPackParser() {}
 

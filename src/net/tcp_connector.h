@@ -50,6 +50,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "common/export.h"
 #include "common/mutex.h"
 #include "common/relaxed.h"
 #include "log/log.h"
@@ -81,9 +82,9 @@ struct PacketInfo {
 // Writes the local address of `socket` into `url` as "tcp://a.b.c.d:port" or
 // "tcp://[v6]:port" (`url` must hold 256 bytes). Returns 0, or -1 (logged to `log_cat`)
 // when getsockname fails; `url` is then unchanged.
-int GetLocalSocketName(bool ipv6, int socket, char* url, LogCategory* log_cat);
+QUOLNET_EXPORT int GetLocalSocketName(bool ipv6, int socket, char* url, LogCategory* log_cat);
 
-class CTcpConnector : public CConnector {
+class QUOLNET_EXPORT CTcpConnector : public CConnector {
   public:
     static constexpr int kPacketInfoSize = 1000;  // slots in the packet ring
 

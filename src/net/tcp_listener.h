@@ -12,11 +12,12 @@
 
 #include <string>
 
+#include "common/export.h"
 #include "log/log.h"
 
 namespace QUOLNET {
 
-class CTcpListener {
+class QUOLNET_EXPORT CTcpListener {
   public:
     // Results of Accept() other than a descriptor.
     enum {

@@ -1,8 +1,10 @@
 // Built against the installed package only: one manager listens on loopback, another dials
-// it, and one packet goes there and back. Exits 0 when the echo arrived intact.
+// it, and one packet goes there and back. Exits 0 when the echo arrived intact, after printing
+// the version of the headers it was compiled with.
 #include <cstdio>
 #include <string>
 
+#include "common/version.h"
 #include "net/connector_mgr.h"
 
 using namespace QUOLNET;
@@ -59,6 +61,6 @@ int main() {
         std::fprintf(stderr, "consumer: no echo\n");
         return 1;
     }
-    std::printf("consumer: echo received through the installed quolnet package\n");
+    std::printf("consumer: echo received through the installed quolnet %s package\n", QUOLNET_VERSION_STRING);
     return 0;
 }
