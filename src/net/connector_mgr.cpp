@@ -35,7 +35,8 @@ CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptio
       m_pool_reserve(0),
       m_next_sweep_ms(0),
       m_last_shed_ms(0),
-      m_too_large_cnt(0) {
+      m_too_large_cnt(0),
+      m_pool_exhausted(false) {
     m_initialised = false;
     memset(m_last_err, 0, sizeof(m_last_err));
 }
@@ -89,6 +90,9 @@ int CConnectorMgr::Init() {
     }
     if (m_options.max_packet_len < 16) {
         m_options.max_packet_len = 16;
+    }
+    if (m_options.raise_fd_limit) {
+        RaiseFdLimit();
     }
     // Everything made here is undone on failure, so a later Init starts afresh.
     auto fail = [this](const char* what) {
@@ -1134,6 +1138,7 @@ int CConnectorMgr::RunOnce(int timeout_ms) {
 
     now = NowMs();
     Sweep(now);
+    WatchPool();
     RelievePressure(now);
     DrainWork();
     NotifyRoom();
@@ -1172,8 +1177,9 @@ int CConnectorMgr::Run() {
     return 0;
 }
 
-std::string CConnectorMgr::FormatStats() {
+std::string CConnectorMgr::FormatStats(bool full) {
     std::vector<Conn*> all;
+    all.reserve(m_by_id.size());
     for (auto& kv : m_by_id) {
         all.push_back(kv.second);
     }
@@ -1197,9 +1203,44 @@ std::string CConnectorMgr::FormatStats() {
                  static_cast<unsigned long long>(m_limit_cnt[i]));
         out += line;
     }
-    snprintf(line, sizeof(line), "; sends too large %llu\n",
-             static_cast<unsigned long long>(m_too_large_cnt.load()));
+    snprintf(line, sizeof(line), "; sends too large %llu; pool exhausted %llu; accept pauses %d\n",
+             static_cast<unsigned long long>(m_too_large_cnt.load()),
+             static_cast<unsigned long long>(m_pool_exhausted_cnt), static_cast<int>(m_accept_pause_cnt));
     out += line;
+    bool summary = !full && all.size() > kStatsFullRows;
+    if (summary) {
+        // Totals over every connection, then only the ten that hold the most blocks.
+        int64_t sent = 0;
+        int64_t received = 0;
+        uint64_t send_blocks = 0;
+        uint64_t recv_blocks = 0;
+        size_t established = 0;
+        for (Conn* c : all) {
+            CTcpConnector* k = c->connector.get();
+            sent += k->GetSentBytes();
+            received += k->GetRecvBytes();
+            send_blocks += static_cast<uint64_t>(k->GetSendQCount());
+            recv_blocks += static_cast<uint64_t>(k->GetRecvQCount());
+            established += c->state == CONN_ESTABLISHED ? 1 : 0;
+        }
+        snprintf(line, sizeof(line),
+                 "totals: %zu established, bytes sent %lld, received %lld; blocks held for sending %llu, "
+                 "receiving %llu\n",
+                 established, static_cast<long long>(sent), static_cast<long long>(received),
+                 static_cast<unsigned long long>(send_blocks), static_cast<unsigned long long>(recv_blocks));
+        out += line;
+        auto held = [](const Conn* c) {
+            return c->connector->GetSendQCount() + c->connector->GetRecvQCount();
+        };
+        size_t top = std::min<size_t>(10, all.size());
+        std::partial_sort(all.begin(), all.begin() + top, all.end(), [&held](const Conn* a, const Conn* b) {
+            return held(a) != held(b) ? held(a) > held(b) : a->id < b->id;
+        });
+        all.resize(top);
+        snprintf(line, sizeof(line), "top %zu connections by blocks held (FormatStats(true) lists all):\n",
+                 top);
+        out += line;
+    }
     snprintf(line, sizeof(line), "\t\t%-10s%-30s%-30s%-8s%-8s%-8s%-8s%-8s%-8s%-8s%-8s%-30s\n", "accepted",
              "url", "local_url", "ring_mx", "ring_av", "txw_mx", "txw_av", "tx_full", "rxw_mx", "rxw_av",
              "rx_full", "tx_pkts|rx_pkts");
@@ -1216,8 +1257,8 @@ std::string CConnectorMgr::FormatStats() {
     return out;
 }
 
-void CConnectorMgr::PrintStats(FILE* out) {
-    std::string text = FormatStats();
+void CConnectorMgr::PrintStats(FILE* out, bool full) {
+    std::string text = FormatStats(full);
     fputs(text.c_str(), out);
     fflush(out);
 }

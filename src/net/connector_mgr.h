@@ -117,6 +117,7 @@ struct ConnectorMgrOptions {
     int stats_interval_sec = 0;            // > 0: print the statistics table that often
     FILE* stats_out = nullptr;             // where periodic/requested tables go (null: stdout)
     int max_events = 256;                  // epoll events taken per wait
+    bool raise_fd_limit = true;            // Init raises the soft descriptor limit to the hard one
 };
 
 // How a dialled connection behaves.
@@ -136,6 +137,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     static constexpr int kSweepMs = 250;           // period of the limit sweep (at most)
     static constexpr int kLingerMs = 2000;         // reading to the peer's end after Close
     static constexpr int kPressureGraceMs = 1000;  // stalled this long: a pressure candidate
+    static constexpr int kDefaultBacklog = 65535;  // the kernel caps it at net.core.somaxconn
+    static constexpr size_t kStatsFullRows = 64;   // more connections: FormatStats summarises
 
     // Results of Send and SendCorked besides the packet's length (success).
     static constexpr int kSendNoRoom = 0;         // no room now; OnWritable tells when there is
@@ -161,7 +164,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Listens on `url` ("tcp://127.0.0.1:0", "tcp://[::1]:9000", ...). Returns the bound port
     // (the one chosen when the URL asks for port 0), -1 for a malformed URL, -2 when the
     // socket cannot listen. Loop thread (or before Run).
-    int Listen(const char* url, int backlog = 1024);
+    int Listen(const char* url, int backlog = kDefaultBacklog);
     // The bound URL of the i-th listener ("" when there is none).
     std::string GetListenURL(size_t i) const;
 
@@ -207,10 +210,12 @@ class QUOLNET_EXPORT CConnectorMgr {
     uint64_t AddTimer(int delay_ms, int interval_ms, std::function<void()> fn);
     void CancelTimer(uint64_t timer_id);
 
-    // The statistics table: a header line, then one CTcpConnector::PrintStat row per
-    // connector. Loop thread (or when the loop is not running).
-    std::string FormatStats();
-    void PrintStats(FILE* out);
+    // The statistics table: the pool and close-reason summary lines, then one
+    // CTcpConnector::PrintStat row per connection. With more than kStatsFullRows connections
+    // and `full` false, the rows are replaced by totals over all connections and the rows of
+    // the ten that hold the most blocks. Loop thread (or when the loop is not running).
+    std::string FormatStats(bool full = false);
+    void PrintStats(FILE* out, bool full = false);
     // Asks the loop to print the table to the configured output at its next tick. Any thread.
     void RequestStats();
 
@@ -227,6 +232,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     uint64_t GetLimitCloseCount(CloseLimit limit) const;
     // Sends refused with kSendTooLarge. Any thread.
     uint64_t GetTooLargeCount() const { return m_too_large_cnt; }
+    // Times the pool ran out of blocks (each logged once at WARN). Any thread.
+    uint64_t GetPoolExhaustedCount() const { return m_pool_exhausted_cnt; }
 
   private:
     // A connection's states. ServiceConn reads every transition in one place:
@@ -393,6 +400,10 @@ class QUOLNET_EXPORT CConnectorMgr {
     Relaxed<uint64_t> m_close_cnt[kCloseReasonCount];
     Relaxed<uint64_t> m_limit_cnt[kCloseLimitCount];
     std::atomic<uint64_t> m_too_large_cnt;
+    Relaxed<uint64_t> m_pool_exhausted_cnt;
+    bool m_pool_exhausted;  // the pool is (or was lately) empty; logged once per episode
+    void WatchPool();
+    void RaiseFdLimit();
 };
 
 }  // namespace QUOLNET

@@ -7,6 +7,7 @@
 // pool on every tick that walks the connections only when the pool is short, at most once
 // every kShedIntervalMs.
 #include <errno.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 
@@ -208,6 +209,43 @@ void CConnectorMgr::RelievePressure(int64_t now) {
         CloseForLimit(h.second, CloseLimit::kPoolPressure, "pool short; stalled while holding blocks");
         free_blocks += h.first;
     }
+}
+
+// Logs once per episode that the pool has no block left, so that a server that stops
+// serving more connections says why; the episode ends once the reserve is free again.
+void CConnectorMgr::WatchPool() {
+    unsigned int free_blocks = PoolFree();
+    if (!m_pool_exhausted && free_blocks == 0) {
+        m_pool_exhausted = true;
+        ++m_pool_exhausted_cnt;
+        QN_MGR_LOG(
+            LOG_PRIORITY_WARN,
+            "pool exhausted: %u of %u blocks in use by %zu connections; reads and sends wait for blocks "
+            "(raise pool_blocks, or lower max_send_blocks/max_recv_blocks)",
+            m_pool->GetUsedCount(), m_pool->GetMaxBlockNum(), m_by_id.size());
+    } else if (m_pool_exhausted && free_blocks >= std::max(1u, m_pool_reserve)) {
+        m_pool_exhausted = false;
+        QN_MGR_LOG(LOG_PRIORITY_INFO, "pool has blocks again: %u free", free_blocks);
+    }
+}
+
+// A server that holds many connections needs descriptors: the soft limit goes up to the
+// hard one, which an unprivileged process may do. Logged when it changes or cannot.
+void CConnectorMgr::RaiseFdLimit() {
+    struct rlimit rl;
+    if (getrlimit(RLIMIT_NOFILE, &rl) != 0 || rl.rlim_cur >= rl.rlim_max) {
+        return;
+    }
+    rlim_t before = rl.rlim_cur;
+    rl.rlim_cur = rl.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &rl) != 0) {
+        QN_MGR_LOG(LOG_PRIORITY_WARN, "cannot raise the descriptor limit from %llu to %llu, errno=%d",
+                   static_cast<unsigned long long>(before), static_cast<unsigned long long>(rl.rlim_max),
+                   errno);
+        return;
+    }
+    QN_MGR_LOG(LOG_PRIORITY_INFO, "descriptor limit raised from %llu to %llu",
+               static_cast<unsigned long long>(before), static_cast<unsigned long long>(rl.rlim_max));
 }
 
 // Tells the handler about connections that refused a Send for want of room and have room

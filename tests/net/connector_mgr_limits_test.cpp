@@ -512,3 +512,78 @@ TEST_F(ConnectorMgrLimitsTest, InitTwiceIsHarmless) {
 }
 
 }  // namespace
+
+namespace {
+
+// At scale the statistics table is a summary: totals and the ten biggest holders, not one
+// row per connection; the full table stays available.
+TEST_F(ConnectorMgrLimitsTest, StatisticsAreSummarisedAtScale) {
+    RecordingEcho h;
+    CConnectorMgr mgr(&h, Options());
+    std::vector<int> fds;
+    int first = qntest::ListenAndDial(mgr);
+    ASSERT_GE(first, 0);
+    fds.push_back(first);
+    for (int i = 1; i < 100; ++i) {
+        int fd = qntest::DialListener(mgr);
+        ASSERT_GE(fd, 0);
+        fds.push_back(fd);
+    }
+    ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.connected.size() == 100; }));
+    std::string summary = mgr.FormatStats();
+    EXPECT_NE(std::string::npos, summary.find("connections: 100, pool blocks in use:"));
+    EXPECT_NE(std::string::npos, summary.find("totals: 100 established"));
+    EXPECT_NE(std::string::npos, summary.find("top 10 connections by blocks held"));
+    auto rows = [](const std::string& text) {
+        size_t n = 0;
+        for (size_t pos = text.find("\t\t"); pos != std::string::npos; pos = text.find("\t\t", pos + 2)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_EQ(11u, rows(summary));                 // the header and ten rows
+    EXPECT_EQ(101u, rows(mgr.FormatStats(true)));  // the header and every row
+    for (int fd : fds) {
+        close(fd);
+    }
+    ASSERT_TRUE(qntest::Pump(mgr, [&]() { return mgr.GetConnectionCount() == 0; }));
+}
+
+// A pool that runs dry says so once, with what to change.
+TEST_F(ConnectorMgrLimitsTest, AnExhaustedPoolIsLoggedOncePerEpisode) {
+    QUOLNET::CNetBufferMgr pool(4);
+    ConnectorMgrOptions o = Options();
+    o.pool = &pool;
+    o.pool_reserve_blocks = 1;
+    RecordingEcho h;
+    {
+        CConnectorMgr mgr(&h, o);
+        std::vector<int> fds;
+        int first = qntest::ListenAndDial(mgr);
+        ASSERT_GE(first, 0);
+        fds.push_back(first);
+        for (int i = 1; i < 6; ++i) {
+            fds.push_back(qntest::DialListener(mgr));
+            ASSERT_GE(fds.back(), 0);
+        }
+        ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.connected.size() == 6; }));
+        // Each connection starts a packet and holds a block for it.
+        std::string partial = Packet(std::string(1000, 'q')).substr(0, 100);
+        for (int fd : fds) {
+            ASSERT_TRUE(qntest::WriteAll(fd, partial.data(), partial.size()));
+        }
+        ASSERT_TRUE(qntest::Pump(mgr, [&]() { return mgr.GetPoolExhaustedCount() == 1; }));
+        for (int i = 0; i < 10; ++i) {
+            mgr.RunOnce(1);
+        }
+        EXPECT_EQ(1u, mgr.GetPoolExhaustedCount());
+        EXPECT_EQ(1, Warnings("pool exhausted: 4 of 4 blocks in use by 6 connections"));
+        for (int fd : fds) {
+            close(fd);
+        }
+        ASSERT_TRUE(qntest::Pump(mgr, [&]() { return mgr.GetConnectionCount() == 0; }));
+    }
+    EXPECT_EQ(0u, pool.GetUsedCount());
+}
+
+}  // namespace
