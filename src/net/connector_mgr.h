@@ -1,5 +1,13 @@
 // CConnectorMgr: the owner of many CTcpConnectors, driven by one epoll loop.
 //
+// The manager is a facade over the classes of src/net/owner/, one per concern: CEventLoop
+// (epoll, wake-up, timers, posted work), CAcceptor (listeners, the descriptor-limit pause),
+// CDialler (connect timeout, reconnect with backoff), CConnService (the connection's state
+// machine: delivery, pausing, half-close draining, linger, closing), CConnLimits
+// (deadlines, pool-pressure shedding, room notification), CConnTable (the id map) and
+// CMgrStats (counters by reason, the statistics table). Several managers, one per thread,
+// form a CConnectorGroup (net/connector_group.h).
+//
 // One manager owns one epoll instance, one eventfd to wake its loop, its listeners and its
 // connectors, and a block pool (its own, or one lent by the caller). Its loop thread (the
 // thread that calls Run or RunOnce) does all connector work:
@@ -59,38 +67,41 @@
 //   loop thread   everything not marked otherwise below;
 //   any thread    Send, SendCorked, Close, Abort, Post, Stop, RequestStats, AddTimer,
 //                 CancelTimer, IsConnected, GetConnectionCount, the Get...Count statistics;
-//   m_conn_lock   (shared_mutex) the id map: taken shared by Send/SendCorked/IsConnected on
-//                 other threads for the lookup and the whole connector call, exclusively by
-//                 the loop thread when it adds or removes a connection, connects, or closes
-//                 a descriptor. Send/SendCorked on the loop thread take no lock: only that
-//                 thread changes the map or closes descriptors;
-//   m_post_mutex  the mailbox of posted functions; m_timer_mutex the timers.
+//   CConnTable's lock (shared_mutex) the id map: taken shared by Send/SendCorked/IsConnected
+//                 on other threads for the lookup and the whole connector call, exclusively
+//                 by the loop thread when it adds or removes a connection, connects, closes
+//                 a descriptor or moves a connection away. Send/SendCorked on the loop
+//                 thread take no lock: only that thread changes the map or closes
+//                 descriptors;
+//   CEventLoop's mutexes: the mailbox of posted functions, and the timers.
 // Stop() is async-signal-safe (an atomic store and a write to the eventfd).
 #pragma once
-
-#include <sys/epoll.h>
 
 #include <atomic>
 #include <cstdio>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
-#include <thread>
-#include <unordered_map>
 #include <vector>
 
-#include "common/relaxed.h"
 #include "log/log.h"
 #include "net/connector_handler.h"
 #include "net/length_parser.h"
 #include "net/net_buffer_mgr.h"
+#include "net/owner/acceptor.h"
+#include "net/owner/conn.h"
+#include "net/owner/conn_limits.h"
+#include "net/owner/conn_service.h"
+#include "net/owner/conn_table.h"
+#include "net/owner/dialler.h"
+#include "net/owner/event_loop.h"
+#include "net/owner/mgr_stats.h"
 #include "net/tcp_connector.h"
 #include "net/tcp_listener.h"
 
 namespace QUOLNET {
+
+class CConnectorGroup;
 
 // Settings of a manager. The defaults protect a server started as it is, with its own pool
 // of 4096 blocks (256 MiB at most, taken as needed): one connection holds at most 80 blocks
@@ -120,25 +131,16 @@ struct ConnectorMgrOptions {
     bool raise_fd_limit = true;            // Init raises the soft descriptor limit to the hard one
 };
 
-// How a dialled connection behaves.
-struct DialOptions {
-    int connect_timeout_ms = 0;   // > 0: give up an attempt still in progress after this
-    bool reconnect = false;       // redial after failures and after the connection ends
-    int backoff_initial_ms = 50;  // first redial delay; doubled after every failure
-    int backoff_max_ms = 2000;    // cap of the delay
-    int max_attempts = 0;         // > 0: give up after this many failed attempts in a row
-};
-
 class QUOLNET_EXPORT CConnectorMgr {
   public:
-    static constexpr int kAcceptRetryMs = 200;     // retry of a listener paused at the fd limit
-    static constexpr int kRefusedRetryMs = 1;      // re-offer of packets the handler refused
-    static constexpr int kBigWaitRetryMs = 5;      // retry of connectors waiting for a big block
-    static constexpr int kSweepMs = 250;           // period of the limit sweep (at most)
-    static constexpr int kLingerMs = 2000;         // reading to the peer's end after Close
-    static constexpr int kPressureGraceMs = 1000;  // stalled this long: a pressure candidate
+    static constexpr int kAcceptRetryMs = CAcceptor::kAcceptRetryMs;  // retry of a paused listener
+    static constexpr int kRefusedRetryMs = 1;                  // re-offer of packets the handler refused
+    static constexpr int kBigWaitRetryMs = 5;                  // retry of connectors waiting for a big block
+    static constexpr int kSweepMs = CConnLimits::kSweepMs;     // limit sweep period (at most)
+    static constexpr int kLingerMs = CConnService::kLingerMs;  // reading to the peer's end after Close
+    static constexpr int kPressureGraceMs = CConnLimits::kPressureGraceMs;  // stalled this long: a candidate
     static constexpr int kDefaultBacklog = 65535;  // the kernel caps it at net.core.somaxconn
-    static constexpr size_t kStatsFullRows = 64;   // more connections: FormatStats summarises
+    static constexpr size_t kStatsFullRows = CMgrStats::kStatsFullRows;  // more: FormatStats summarises
 
     // Results of Send and SendCorked besides the packet's length (success).
     static constexpr int kSendNoRoom = 0;         // no room now; OnWritable tells when there is
@@ -170,7 +172,7 @@ class QUOLNET_EXPORT CConnectorMgr {
 
     // Dials `url`. Returns the connection's id, or 0 for a malformed URL or a failed set-up.
     // The connection is reported by OnConnected once established. Loop thread (or before
-    // Run); other threads use Post.
+    // Run); other threads use Post (or CConnectorGroup::Dial).
     ConnId Dial(const char* url, const DialOptions& options = DialOptions());
 
     // Sends one whole packet. Any thread. On the loop thread, a packet for a connection
@@ -180,6 +182,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     // OnWritable), kSendUnknownId, kSendNotConnected, kSendTooLarge (logged once per
     // connection and counted), kSendClosing, kSendFailed (the loop closes the connection),
     // kSendBadArgs. After the peer's end of stream a connection still accepts replies.
+    // In a group, an id served by another loop of the group is sent through that loop.
     int Send(ConnId id, const char* buf, unsigned int len);
     // Queues one whole packet; on the loop thread, the loop flushes each corked connection
     // once at the end of the tick. From another thread the packet leaves when the socket
@@ -222,133 +225,61 @@ class QUOLNET_EXPORT CConnectorMgr {
     bool IsConnected(ConnId id);
     size_t GetConnectionCount();
     CNetBufferMgr* GetPool() { return m_pool; }
-    int GetEpollFd() const { return m_epoll; }
+    int GetEpollFd() const { return m_loop.GetEpollFd(); }
     // The connector behind `id`, or null. Loop thread only; valid until the id closes.
     CTcpConnector* GetConnector(ConnId id);
     // Number of times a listener was paused at the descriptor limit. Any thread.
-    int GetAcceptPauseCount() const { return m_accept_pause_cnt; }
+    int GetAcceptPauseCount() const { return m_acceptor.GetPauseCount(); }
+    // Descriptors accepted by this manager's listeners. Any thread.
+    uint64_t GetAcceptCount() const { return m_acceptor.GetAcceptCount(); }
     // Connections ended for `reason`, and for limit `limit`, since Init. Any thread.
-    uint64_t GetCloseCount(CloseReason reason) const;
-    uint64_t GetLimitCloseCount(CloseLimit limit) const;
+    uint64_t GetCloseCount(CloseReason reason) const { return m_stats.GetCloseCount(reason); }
+    uint64_t GetLimitCloseCount(CloseLimit limit) const { return m_stats.GetLimitCloseCount(limit); }
     // Sends refused with kSendTooLarge. Any thread.
-    uint64_t GetTooLargeCount() const { return m_too_large_cnt; }
+    uint64_t GetTooLargeCount() const { return m_stats.GetTooLargeCount(); }
     // Times the pool ran out of blocks (each logged once at WARN). Any thread.
-    uint64_t GetPoolExhaustedCount() const { return m_pool_exhausted_cnt; }
+    uint64_t GetPoolExhaustedCount() const { return m_stats.GetPoolExhaustedCount(); }
+    // In a group: the group and this loop's index; null and 0 for a manager on its own.
+    CConnectorGroup* GetGroup() const { return m_group; }
+    int GetLoopIndex() const { return m_loop_index; }
 
   private:
-    // A connection's states. ServiceConn reads every transition in one place:
-    //
-    //   Dial ---> CONNECTING --connected--> ESTABLISHED --peer's end / Close--> DRAINING
-    //               |    ^                     |                                    |
-    //          failed|    |redial              |reset, error, limit,   flushed; SHUT_WR
-    //               v    |                     |Abort                               v
-    //             WAIT_RETRY <--reconnect-- CLOSING <---------- peer's end ---- LINGER
-    //                                        (socket gone; offers what is left)
-    enum ConnState {
-        CONN_CONNECTING = 1,  // a dial in progress
-        CONN_ESTABLISHED = 2,
-        CONN_WAIT_RETRY = 3,  // a dialled connection waiting for its next attempt
-        CONN_CLOSING = 4,     // socket gone; offering what is left in the ring
-        CONN_DRAINING = 5,    // no more reading: flushing replies and queued bytes
-        CONN_LINGER = 6,      // sending side shut down; reading to the peer's end of stream
-    };
+    friend class CAcceptor;
+    friend class CDialler;
+    friend class CConnService;
+    friend class CConnLimits;
+    friend class CConnectorGroup;
 
-    // One connection and what the manager knows about it. Loop thread only, except `id`
-    // and `connector`, which other threads reach through m_by_id under m_conn_lock, and
-    // the Relaxed flags set by foreign Sends.
-    struct Conn {
-        ConnId id = 0;
-        std::unique_ptr<CTcpConnector> connector;
-        int fd = -1;  // the descriptor the manager owns; -1 when none
-        bool accepted = false;
-        std::string url;
-        DialOptions dial;
-        ConnState state = CONN_CONNECTING;  // changed only by SetState
-        // What other threads' Sends may do: kGateClosed, kGateOpen or kGateClosing. Set
-        // with `state` by SetState; read by any thread.
-        Relaxed<int> gate;
-        bool was_established = false;   // OnConnected was reported for the current socket
-        bool close_requested = false;   // Abort(id) or a failed Send: close at once
-        bool graceful = false;          // Close(id): drain, shut down, linger, close
-        bool refused = false;           // the handler refused a packet; re-offer later
-        bool in_work = false;           // already queued for this tick
-        bool corked = false;            // in m_corked
-        bool too_large_logged = false;  // kSendTooLarge was logged for this connection
-        Relaxed<bool> want_room;        // a Send returned kSendNoRoom; OnWritable is due
-        int attempt = 0;                // connect attempts since the last success
-        int backoff_ms = 0;
-        uint64_t timer_id = 0;      // retry or connect-timeout timer
-        bool dead = false;          // finalised; freed at the end of the tick
-        Relaxed<bool> send_failed;  // set by any thread when Send failed
-        CloseInfo close_info;       // why it ends; the first cause recorded wins
-        bool close_info_set = false;
-        // Progress seen by the limit sweep (loop thread).
-        int64_t tx_bytes_seen = 0;
-        int64_t tx_progress_ms = 0;  // last time the send queue was empty or shrank
-        int64_t rx_bytes_seen = 0;
-        int64_t rx_progress_ms = 0;  // last time no packet was in progress or bytes came
-        long rx_packets_seen = 0;
-        int64_t partial_since_ms = 0;  // a packet in progress since then; 0: none
-        int64_t active_ms = 0;         // last time a byte moved either way
-        int64_t linger_until_ms = 0;   // LINGER ends by then
-        CConnectorMgr* mgr = nullptr;
-    };
-
-    struct Timer {
-        uint64_t id;
-        int interval_ms;
-        std::function<void()> fn;
-    };
-
-    static int64_t NowMs();
-    static int RecvCallback(const char* url, const char* data, int len, void* arg);
-
-    Conn* NewConn(const char* url);
-    int AddConn(Conn* conn);
-    void StartConnect(Conn* conn);
-    void OnDialFailed(Conn* conn);
-    void ScheduleRetry(Conn* conn);
-    enum { kGateClosed = 0, kGateOpen = 1, kGateClosing = 2 };
-    void SetState(Conn* conn, ConnState state);
-    void ServiceConn(Conn* conn);
-    void ServiceEstablished(Conn* conn);
-    void ServiceDraining(Conn* conn);
-    void EnterDraining(Conn* conn);
-    void DropRing(Conn* conn);
-    void SetCloseInfo(Conn* conn, CloseReason reason, int error, CloseLimit limit = CloseLimit::kNone);
-    void SetCloseInfoFromConnector(Conn* conn);
-    void CloseForLimit(Conn* conn, CloseLimit limit, const char* detail);
-    void Sweep(int64_t now);
-    void Track(Conn* conn, int64_t now);
-    bool IsStalled(const Conn* conn, int64_t now) const;
-    void RelievePressure(int64_t now);
-    void NotifyRoom();
-    unsigned int PoolFree() const;
-    int SweepPeriodMs() const;
-    int Deliver(Conn* conn);
-    void RetryBigWait(Conn* conn);
-    void BeginClose(Conn* conn);
-    void FinishClose(Conn* conn);
-    void ReleaseFd(Conn* conn);
-    void DestroyConn(Conn* conn);
-    void AcceptAll(size_t listener_idx);
-    void PauseListener(size_t listener_idx);
-    void ResumeListeners();
-    void RunTimers();
-    void RunPosted();
-    void FlushCorked();
-    void Wake();
-    void DrainWork();
-    void Queue(Conn* conn);
-    int SendImpl(ConnId id, const char* buf, unsigned int len, bool corked);
+    LogCategory* LogCat() const { return m_options.log_cat; }
+    int InitResources();
+    OwnedConn* NewConn(const char* url);
+    void AdoptAccepted(int fd, const std::string& peer);
+    void Queue(OwnedConn* conn);
+    void Retry(OwnedConn* conn) { m_pending.push_back(conn); }
+    void ReleaseFd(OwnedConn* conn);
+    void DestroyConn(OwnedConn* conn);
     void CloseNow(ConnId id, bool graceful);
-    bool OnLoopThread() const;
+    int SendImpl(ConnId id, const char* buf, unsigned int len, bool corked, bool routed);
+    int SendTo(OwnedConn* conn, const char* buf, unsigned int len, bool corked, bool on_loop,
+               std::shared_lock<std::shared_mutex>* lock);
+    bool RefuseTooLarge(OwnedConn* conn, unsigned int len, bool on_loop);
+    int ComputeWait(int timeout_ms);
+    void HandleEvents(int n, std::vector<size_t>* readable);
+    void RunTick(const std::vector<size_t>& readable);
+    void EndTick();
+    void FlushCorked();
+    void DrainWork();
+    bool OnLoopThread() const { return m_loop.OnLoopThread(); }
+
+    // Group membership (set by CConnectorGroup before Init; see connector_group.h).
+    void JoinGroup(CConnectorGroup* group, int index);
+    // Takes a connection of this loop out and hands it to `to`'s loop (loop thread).
+    bool MoveOut(ConnId id, CConnectorMgr* to);
+    // Receives a connection moved from another loop (loop thread).
+    void AdoptMoved(OwnedConn* conn);
 
     IConnectorHandler* m_handler;
     ConnectorMgrOptions m_options;
-    int m_epoll;
-    int m_wake_fd;
-    char m_wake_tag;  // its address marks the eventfd's epoll events
     CNetBufferMgr* m_pool;
     std::unique_ptr<CNetBufferMgr> m_own_pool;
     IPackParser* m_parser;
@@ -359,51 +290,27 @@ class QUOLNET_EXPORT CConnectorMgr {
     bool m_initialised;
     char m_last_err[256];
 
-    std::vector<std::unique_ptr<CTcpListener>> m_listeners;
-    std::vector<bool> m_listener_paused;
-    uint64_t m_accept_retry_timer;
-    Relaxed<int> m_accept_pause_cnt;  // written by the loop thread, read by any
+    CEventLoop m_loop;
+    CAcceptor m_acceptor;
+    CConnTable m_table;
+    CDialler m_dialler;
+    CConnService m_service;
+    CConnLimits m_limits;
+    CMgrStats m_stats;
 
-    std::shared_mutex m_conn_lock;
-    std::unordered_map<ConnId, Conn*> m_by_id;  // writes: loop thread under m_conn_lock exclusive
-    std::unordered_map<CTcpConnector*, Conn*> m_by_connector;  // loop thread only
-    ConnId m_next_id;
-    Conn* m_delivering;  // the connection whose packet OnPacket is handling (loop thread)
-
-    std::vector<Conn*> m_work;       // connections to service this tick (loop thread)
-    std::vector<Conn*> m_pending;    // work carried over to the next tick (loop thread)
-    std::vector<Conn*> m_corked;     // connections with corked sends this tick (loop thread)
-    std::vector<Conn*> m_graveyard;  // finalised connections, freed at the end of the tick
-    std::vector<epoll_event> m_events;
-
-    std::mutex m_post_mutex;
-    std::vector<std::function<void()>> m_posted;  // guarded by m_post_mutex
-
-    std::mutex m_timer_mutex;
-    std::multimap<int64_t, Timer> m_timers;  // due time (ms) -> timer; guarded by m_timer_mutex
-    uint64_t m_next_timer_id;                // guarded by m_timer_mutex
-    uint64_t m_running_timer;                // guarded by m_timer_mutex
-    bool m_running_cancelled;                // guarded by m_timer_mutex
+    OwnedConn* m_delivering;              // the connection whose packet OnPacket is handling
+    std::vector<OwnedConn*> m_work;       // connections to service this tick (loop thread)
+    std::vector<OwnedConn*> m_pending;    // work carried over to the next tick (loop thread)
+    std::vector<OwnedConn*> m_corked;     // connections with corked sends this tick (loop thread)
+    std::vector<OwnedConn*> m_graveyard;  // finalised or moved away, freed at the end of the tick
 
     std::atomic<bool> m_stop;
     std::atomic<bool> m_stats_requested;
-    std::atomic<std::thread::id> m_loop_thread;
     int64_t m_next_stats_ms;
 
-    // Limits (loop thread, except the counters, which any thread reads).
-    unsigned int m_pool_reserve;  // free blocks below which stalled holders are shed
-    int64_t m_next_sweep_ms;
-    int64_t m_last_shed_ms;
-    std::vector<ConnId> m_want_room;          // connections refused with kSendNoRoom (loop thread)
-    std::mutex m_want_room_mutex;             // guards m_want_room_foreign
-    std::vector<ConnId> m_want_room_foreign;  // refused on other threads
-    Relaxed<uint64_t> m_close_cnt[kCloseReasonCount];
-    Relaxed<uint64_t> m_limit_cnt[kCloseLimitCount];
-    std::atomic<uint64_t> m_too_large_cnt;
-    Relaxed<uint64_t> m_pool_exhausted_cnt;
-    bool m_pool_exhausted;  // the pool is (or was lately) empty; logged once per episode
-    void WatchPool();
-    void RaiseFdLimit();
+    CConnectorGroup* m_group;  // null on its own
+    int m_loop_index;
+    bool m_reuse_port;  // listeners share their port with the other loops' (SO_REUSEPORT)
 };
 
 }  // namespace QUOLNET

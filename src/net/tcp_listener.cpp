@@ -110,7 +110,7 @@ std::string CTcpListener::FormatURL(const struct sockaddr* addr) {
     return "";
 }
 
-int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat) {
+int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat, bool reuse_port) {
     Close();
     m_log_cat = log_cat;
     struct sockaddr_storage addr;
@@ -130,6 +130,13 @@ int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat) {
     }
     int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    if (reuse_port && setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0) {
+        m_last_errno = errno;
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_WARN, "setsockopt(SO_REUSEPORT) failed, url=%s, errno=%d",
+                        url, m_last_errno);
+        ::close(fd);
+        return -3;
+    }
     if (addr.ss_family == AF_INET6) {
         setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof(one));
     }

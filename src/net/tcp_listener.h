@@ -32,9 +32,12 @@ class QUOLNET_EXPORT CTcpListener {
     CTcpListener(const CTcpListener&) = delete;
     CTcpListener& operator=(const CTcpListener&) = delete;
 
-    // Binds and listens on `url` with SO_REUSEADDR. Returns 0, -1 for a malformed URL, -2
-    // when the socket cannot be made, bound or put to listen (errno kept in GetLastErrno()).
-    int Open(const char* url, int backlog, LogCategory* log_cat);
+    // Binds and listens on `url` with SO_REUSEADDR (and SO_REUSEPORT when `reuse_port`, so
+    // that several listeners, one per loop, share the port and the kernel spreads the
+    // connections over them). Returns 0, -1 for a malformed URL, -2 when the socket cannot
+    // be made, bound or put to listen, -3 when SO_REUSEPORT is refused (errno kept in
+    // GetLastErrno()).
+    int Open(const char* url, int backlog, LogCategory* log_cat, bool reuse_port = false);
     // Accepts one pending connection. Returns the new descriptor, or one of the ACCEPT_*
     // codes. `peer_url` (may be null) receives the peer's address as a tcp:// URL.
     int Accept(std::string* peer_url);

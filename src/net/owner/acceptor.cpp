@@ -1,0 +1,131 @@
+// CAcceptor: listeners, accept4 and the descriptor-limit pause.
+#include "net/owner/acceptor.h"
+
+#include <errno.h>
+#include <sys/resource.h>
+
+#include <cstring>
+
+#include "net/owner/owner_log.h"
+
+namespace QUOLNET {
+
+int CAcceptor::Listen(const char* url, int backlog, bool reuse_port) {
+    std::unique_ptr<CTcpListener> l(new CTcpListener());
+    int ret = l->Open(url, backlog, m_log_cat, reuse_port);
+    if (ret != 0) {
+        return ret;
+    }
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.events = EPOLLIN;
+    ev.data.ptr = l.get();
+    if (epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_ADD, l->GetFd(), &ev) != 0) {
+        QN_OWNER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "epoll_ctl(ADD listener) failed, url=%s, errno=%d", url,
+                     errno);
+        return -2;
+    }
+    int port = l->GetPort();
+    m_listeners.push_back(std::move(l));
+    m_paused.push_back(false);
+    return port;
+}
+
+std::string CAcceptor::GetListenURL(size_t i) const {
+    return i < m_listeners.size() ? m_listeners[i]->GetURL() : std::string();
+}
+
+int CAcceptor::Find(const void* ptr) const {
+    for (size_t j = 0; j < m_listeners.size(); ++j) {
+        if (m_listeners[j].get() == ptr) {
+            return static_cast<int>(j);
+        }
+    }
+    return -1;
+}
+
+void CAcceptor::AcceptReady(size_t idx) {
+    if (m_paused[idx]) {
+        return;
+    }
+    CTcpListener* l = m_listeners[idx].get();
+    for (int i = 0; i < kAcceptBatch; ++i) {
+        std::string peer;
+        int fd = l->Accept(&peer);
+        if (fd == CTcpListener::ACCEPT_WOULD_BLOCK) {
+            return;
+        }
+        if (fd == CTcpListener::ACCEPT_FD_LIMIT) {
+            Pause(idx);
+            return;
+        }
+        if (fd < 0) {
+            continue;
+        }
+        ++m_accept_cnt;
+        m_adopt(fd, peer);
+    }
+}
+
+void CAcceptor::Pause(size_t idx) {
+    if (m_paused[idx]) {
+        return;
+    }
+    struct epoll_event ev;
+    memset(&ev, 0, sizeof(ev));
+    ev.data.ptr = m_listeners[idx].get();
+    epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_MOD, m_listeners[idx]->GetFd(), &ev);
+    m_paused[idx] = true;
+    ++m_pause_cnt;
+    QN_OWNER_LOG(m_log_cat, LOG_PRIORITY_WARN, "accept paused, out of descriptors, url=%s, errno=%d",
+                 m_listeners[idx]->GetURL().c_str(), m_listeners[idx]->GetLastErrno());
+    if (m_retry_timer == 0) {
+        m_retry_timer = m_loop.AddTimer(kAcceptRetryMs, 0, [this]() {
+            m_retry_timer = 0;
+            Resume();
+        });
+    }
+}
+
+void CAcceptor::Resume() {
+    for (size_t i = 0; i < m_listeners.size(); ++i) {
+        if (!m_paused[i]) {
+            continue;
+        }
+        struct epoll_event ev;
+        memset(&ev, 0, sizeof(ev));
+        ev.events = EPOLLIN;
+        ev.data.ptr = m_listeners[i].get();
+        epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_MOD, m_listeners[i]->GetFd(), &ev);
+        m_paused[i] = false;
+        QN_OWNER_LOG(m_log_cat, LOG_PRIORITY_INFO, "accept resumed, url=%s",
+                     m_listeners[i]->GetURL().c_str());
+    }
+}
+
+void CAcceptor::CloseAll() {
+    for (auto& l : m_listeners) {
+        l->Close();
+    }
+}
+
+// A server that holds many connections needs descriptors: the soft limit goes up to the
+// hard one, which an unprivileged process may do. Logged when it changes or cannot.
+void CAcceptor::RaiseFdLimit(LogCategory* cat) {
+    struct rlimit rl;
+    if (getrlimit(RLIMIT_NOFILE, &rl) != 0 || rl.rlim_cur >= rl.rlim_max) {
+        return;
+    }
+    rlim_t before = rl.rlim_cur;
+    rl.rlim_cur = rl.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &rl) != 0) {
+        QN_OWNER_LOG(cat, LOG_PRIORITY_WARN, "cannot raise the descriptor limit from %llu to %llu, errno=%d",
+                     static_cast<unsigned long long>(before), static_cast<unsigned long long>(rl.rlim_max),
+                     errno);
+        return;
+    }
+    QN_OWNER_LOG(cat, LOG_PRIORITY_INFO, "descriptor limit raised from %llu to %llu",
+                 static_cast<unsigned long long>(before), static_cast<unsigned long long>(rl.rlim_max));
+}
+
+}  // namespace QUOLNET

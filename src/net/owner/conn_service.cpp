@@ -1,0 +1,352 @@
+// CConnService: the connection state machine, delivery, draining, linger and closing.
+#include "net/owner/conn_service.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+
+#include "net/connector_mgr.h"
+#include "net/owner/owner_log.h"
+
+namespace QUOLNET {
+
+void CConnService::SetState(OwnedConn* c, ConnState state) {
+    c->state = state;
+    switch (state) {
+        case CONN_ESTABLISHED:
+        case CONN_DRAINING:
+            // After the peer's end of stream replies are still welcome; after Close not.
+            c->gate = c->graceful || c->close_requested ? kGateClosing : kGateOpen;
+            break;
+        case CONN_LINGER:
+        case CONN_CLOSING:
+            c->gate = kGateClosing;
+            break;
+        default:
+            c->gate = kGateClosed;
+            break;
+    }
+}
+
+// Every transition of a connection starts here; see the diagram in conn.h.
+void CConnService::Service(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    if (c->dead) {
+        return;
+    }
+    switch (c->state) {
+        case CONN_WAIT_RETRY:
+            if (c->close_requested || c->graceful) {
+                m_mgr.m_dialler.OnDialFailed(c);  // reported as closed locally
+            }
+            return;
+        case CONN_CLOSING:
+            ServiceClosing(c);
+            return;
+        case CONN_DRAINING:
+        case CONN_LINGER:
+            ServiceDraining(c);
+            return;
+        case CONN_CONNECTING:
+            if (c->close_requested || c->graceful) {
+                m_mgr.m_dialler.Abandon(c);
+                return;
+            }
+            k->Update();
+            if (m_mgr.m_dialler.CheckConnect(c)) {
+                ServiceEstablished(c);
+            }
+            return;
+        case CONN_ESTABLISHED:
+            if (k->GetStatus() == CONNECTOR_STATUS_CONNECTED && k->IsWaitAllocBigBuffer()) {
+                RetryBigWait(c);
+            }
+            k->Update();
+            ServiceEstablished(c);
+            return;
+    }
+}
+
+// Offers what framing produced; when reading stopped with bytes still to take (ring full,
+// no block, a big packet's next block), runs the receive side again once packets are gone.
+// Returns true when the round limit was met (still making progress: come back next tick).
+bool CConnService::DeliverAndRead(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    for (int rounds = 0;; ++rounds) {
+        int n = Deliver(c);
+        if (c->refused || n == 0 || k->GetStatus() != CONNECTOR_STATUS_CONNECTED) {
+            return false;
+        }
+        if (rounds >= 16) {
+            m_mgr.Retry(c);
+            return true;
+        }
+        if (k->IsWaitAllocBigBuffer()) {
+            RetryBigWait(c);
+        } else if (k->GetEvent() & EPOLLIN) {
+            k->SetEvent(EPOLLIN);
+            k->Update();
+        } else {
+            return false;
+        }
+    }
+}
+
+// ESTABLISHED after its Update: offers packets, then stays, closes, drains or pauses.
+void CConnService::ServiceEstablished(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    bool round_limit = DeliverAndRead(c);
+    if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->close_requested || c->send_failed) {
+        BeginClose(c);
+        return;
+    }
+    if (c->graceful || k->IsPeerClosed()) {
+        EnterDraining(c);
+        return;
+    }
+    // EPOLLIN still set without the round limit means reading stopped before the socket ran
+    // dry and cannot go on now (a full ring behind a refusing handler, no block, a big
+    // packet's next block). The level-triggered wait would report those bytes on every tick
+    // and spin, so EPOLLIN leaves the registration and the connection is retried from the
+    // pending list instead; reading resumes once a read reaches would-block again.
+    bool stalled = !round_limit && (k->GetEvent() & EPOLLIN) != 0;
+    k->PauseReading(stalled);  // a failed change is applied with the next registration
+    if (c->refused || k->IsWaitAllocBigBuffer() || stalled) {
+        m_mgr.Retry(c);
+    }
+}
+
+// ESTABLISHED -> DRAINING, after the peer's end of stream or Close.
+void CConnService::EnterDraining(OwnedConn* c) {
+    if (c->graceful) {
+        SetCloseInfo(c, CloseReason::kClosedLocally, 0);
+        c->refused = false;
+    } else {
+        SetCloseInfo(c, CloseReason::kPeerClosed, 0);
+    }
+    if (c->tx_progress_ms == 0 || c->connector->GetSendQCount() == 0) {
+        c->tx_progress_ms = CEventLoop::NowMs();  // the flush's stall deadline counts from here
+    }
+    SetState(c, CONN_DRAINING);
+    c->connector->PauseReading(false);  // a graceful close reads (and drops) to the end
+    ServiceDraining(c);
+}
+
+// DRAINING: reading has stopped (the peer ended its stream) or is dropped (Close); what is
+// queued is flushed by Update on writability, and once nothing is left the sending side is
+// shut down. LINGER: after Close, the peer's bytes are read and dropped until its end of
+// stream, so that closing the descriptor cannot turn into a reset that destroys what we
+// sent. The flush is bounded by send_stall_ms and the linger by kLingerMs (both by Sweep).
+void CConnService::ServiceDraining(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    if (!c->close_requested && !c->send_failed) {
+        k->Update();
+    }
+    if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->close_requested || c->send_failed) {
+        // A reset or an error now means replies were lost: that, not the drain's reason, is
+        // what the application hears. A hang-up (both directions shut) is the drain's
+        // ordinary end and keeps its reason.
+        int ret = k->GetLastIoResult();
+        bool benign = k->GetLastErrno() == 0 && (ret == 0 || ret == CTcpConnector::kPeerClosed);
+        if (!c->close_requested && !benign) {
+            c->close_info_set = false;
+        }
+        BeginClose(c);
+        return;
+    }
+    if (c->graceful) {
+        DropRing(c);
+    } else {
+        Deliver(c);
+        if (c->refused) {
+            m_mgr.Retry(c);
+        }
+    }
+    if (c->state == CONN_DRAINING) {
+        EndDrain(c);
+    } else if (k->IsPeerClosed()) {
+        BeginClose(c);  // LINGER met the peer's end of stream
+    }
+}
+
+// DRAINING -> LINGER (or CLOSING) once the ring is done and nothing is left to send.
+void CConnService::EndDrain(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    bool ring_done = c->graceful || (k->GetPacketInfoCnt() == 0 && !c->refused);
+    if (!ring_done || c->corked || k->GetSendQCount() != 0) {
+        return;  // writability, the corked flush or the re-offer brings it back
+    }
+    ::shutdown(c->fd, SHUT_WR);
+    if (k->IsPeerClosed()) {
+        BeginClose(c);
+        return;
+    }
+    SetState(c, CONN_LINGER);
+    c->linger_until_ms = CEventLoop::NowMs() + kLingerMs;
+}
+
+void CConnService::BeginClose(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    if (c->close_requested && !c->graceful) {
+        SetCloseInfo(c, CloseReason::kClosedLocally, 0);
+    }
+    SetCloseInfoFromConnector(c);
+    if (k->GetStatus() != CONNECTOR_STATUS_DISCONNECTED) {
+        k->Disconnect(nullptr);
+    }
+    m_mgr.ReleaseFd(c);
+    if (c->timer_id != 0) {
+        m_mgr.m_loop.CancelTimer(c->timer_id);
+        c->timer_id = 0;
+    }
+    SetState(c, CONN_CLOSING);
+    ServiceClosing(c);
+}
+
+// CLOSING: the socket is gone; what is left in the ring is offered, then FinishClose.
+void CConnService::ServiceClosing(OwnedConn* c) {
+    Deliver(c);
+    if (c->close_requested || c->graceful || c->connector->GetPacketInfoCnt() == 0) {
+        FinishClose(c);
+    } else {
+        m_mgr.Retry(c);  // the handler refused a packet: offered again next tick
+    }
+}
+
+// CLOSING -> gone (OnClosed), or -> WAIT_RETRY for a dialled connection that reconnects.
+void CConnService::FinishClose(OwnedConn* c) {
+    bool reconnect =
+        !c->accepted && c->dial.reconnect && !c->close_requested && !c->graceful && !m_mgr.m_stop.load();
+    ConnId id = c->id;
+    bool report = c->was_established || !reconnect;
+    SetCloseInfoFromConnector(c);
+    CloseInfo info = c->close_info;
+    info.reconnecting = reconnect;
+    m_mgr.m_stats.CountClose(info);
+    c->was_established = false;
+    c->refused = false;
+    c->send_failed = false;
+    c->close_info_set = false;
+    if (reconnect) {
+        m_mgr.m_dialler.ScheduleRetry(c);
+    } else {
+        m_mgr.DestroyConn(c);
+    }
+    if (report && m_mgr.m_handler != nullptr) {
+        m_mgr.m_handler->OnClosed(&m_mgr, id, info);
+    }
+}
+
+void CConnService::SetCloseInfo(OwnedConn* c, CloseReason reason, int error, CloseLimit limit) {
+    if (c->close_info_set) {
+        return;
+    }
+    c->close_info_set = true;
+    c->close_info = CloseInfo();
+    c->close_info.reason = reason;
+    c->close_info.error = error;
+    c->close_info.limit = limit;
+}
+
+// Reads the cause the connector recorded when it disconnected (or when a write failed).
+void CConnService::SetCloseInfoFromConnector(OwnedConn* c) {
+    if (c->close_info_set) {
+        return;
+    }
+    CTcpConnector* k = c->connector.get();
+    int ret = k->GetLastIoResult();
+    int err = k->GetLastErrno();
+    if (err == ECONNRESET || err == EPIPE) {
+        SetCloseInfo(c, CloseReason::kReset, err);
+    } else if (err != 0) {
+        SetCloseInfo(c, CloseReason::kIoError, err);
+    } else if (ret == 0 || ret == CTcpConnector::kPeerClosed) {
+        SetCloseInfo(c, CloseReason::kPeerClosed, 0);
+    } else if (ret == CTcpConnector::kParseTooLong) {
+        SetCloseInfo(c, CloseReason::kLimit, ret, CloseLimit::kPacketTooLong);
+    } else if (ret == CTcpConnector::kParseOverRxCap) {
+        SetCloseInfo(c, CloseReason::kLimit, ret, CloseLimit::kRecvBlocks);
+    } else {
+        SetCloseInfo(c, CloseReason::kFramingError, ret);
+    }
+}
+
+int CConnService::RecvCallback(const char* url, const char* data, int len, void* arg) {
+    (void)url;
+    OwnedConn* c = static_cast<OwnedConn*>(arg);
+    CConnectorMgr* mgr = c->mgr;
+    if (c->close_requested || c->graceful) {
+        return 1;  // delivery has ended: the packet is dropped
+    }
+    // Keep arrival order: while packets wait in the ring, later ones queue behind them.
+    if (c->refused || c->connector->GetPacketInfoCnt() > 0 || mgr->m_handler == nullptr) {
+        return 0;
+    }
+    mgr->m_delivering = c;
+    bool more = c->connector->GetUnframedLen() > 0;
+    bool taken = mgr->m_handler->OnPacket(mgr, c->id, data, static_cast<unsigned int>(len), more);
+    mgr->m_delivering = nullptr;
+    if (taken) {
+        return 1;
+    }
+    c->refused = true;
+    return 0;
+}
+
+int CConnService::Deliver(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    c->refused = false;
+    int n = 0;
+    // Only framing adds packets, and it runs on this thread outside Deliver; so the count
+    // taken once here only falls, by one per Drop, while the handler is offered packets.
+    int left = k->GetPacketInfoCnt();
+    while (!c->close_requested && !c->graceful && left > 0) {
+        const char* buf = nullptr;
+        unsigned int len = 0;
+        int ret = k->Peek(&buf, len, nullptr);
+        if (ret != 0) {
+            QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_ERROR, "Peek() failed, url=%s, ret=%d; closing",
+                         c->url.c_str(), ret);
+            SetCloseInfo(c, CloseReason::kFramingError, ret);
+            c->close_requested = true;
+            break;
+        }
+        if (buf == nullptr) {
+            break;
+        }
+        m_mgr.m_delivering = c;
+        IConnectorHandler* h = m_mgr.m_handler;
+        bool taken = h != nullptr && h->OnPacket(&m_mgr, c->id, buf, len, left > 1);
+        m_mgr.m_delivering = nullptr;
+        if (!taken) {
+            c->refused = true;
+            break;
+        }
+        k->Drop();
+        --left;
+        ++n;
+    }
+    return n;
+}
+
+void CConnService::DropRing(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    for (int left = k->GetPacketInfoCnt(); left > 0; --left) {
+        k->Drop();
+    }
+}
+
+void CConnService::RetryBigWait(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    int ret = k->Recv();
+    if (ret == CTcpConnector::kPeerClosed) {
+        if (!k->IsPeerClosed()) {
+            k->Disconnect(nullptr);
+        }  // otherwise reading has stopped and the replies are flushed (ServiceEstablished)
+    } else if (ret < 0) {
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_ERROR, "Recv() failed, url=%s, ret=%d", c->url.c_str(),
+                     ret);
+        k->Disconnect(nullptr);
+    }
+}
+
+}  // namespace QUOLNET

@@ -1,0 +1,58 @@
+// CConnService: the state machine of a manager's connections (see the diagram in conn.h)
+// and what each state does: delivery of packets to the handler, pausing reading when
+// nobody can take the bytes, draining after the peer's end of stream or Close, the linger,
+// and closing with its reason.
+//
+// Service() is the one place every transition starts from: the manager calls it for each
+// connection with events or pending work. The dialling states are delegated to CDialler;
+// closes for a limit come from CConnLimits through BeginClose.
+//
+// Delivery: Deliver offers the ring's packets in order and stops when the handler refuses
+// one (re-offered on a later tick) or when delivery has ended (Close, Abort). In callback
+// mode RecvCallback offers packets while the connector frames them, and keeps arrival
+// order by queueing behind anything already waiting in the ring.
+//
+// Threads: the loop thread only; the handler's callbacks run on it with no lock held. The
+// table lock is taken exclusively (through the manager) around descriptor changes.
+#pragma once
+
+#include "net/owner/conn.h"
+
+namespace QUOLNET {
+
+class CConnService {
+  public:
+    static constexpr int kLingerMs = 2000;  // reading to the peer's end after Close
+
+    explicit CConnService(CConnectorMgr& mgr) : m_mgr(mgr) {}
+
+    // Runs one connection's state for this tick.
+    void Service(OwnedConn* c);
+    // Changes the state and what other threads' Sends may do (the gate).
+    void SetState(OwnedConn* c, ConnState state);
+    // -> CLOSING: the socket goes; what is left in the ring is still offered (unless
+    // delivery has ended), then FinishClose.
+    void BeginClose(OwnedConn* c);
+    // Records why the connection ends; the first cause recorded wins.
+    void SetCloseInfo(OwnedConn* c, CloseReason reason, int error, CloseLimit limit = CloseLimit::kNone);
+
+    // The connector's receive callback (use_recv_callback); `arg` is the OwnedConn.
+    static int RecvCallback(const char* url, const char* data, int len, void* arg);
+
+  private:
+    void ServiceEstablished(OwnedConn* c);
+    bool DeliverAndRead(OwnedConn* c);
+    void EnterDraining(OwnedConn* c);
+    void ServiceDraining(OwnedConn* c);
+    void EndDrain(OwnedConn* c);
+    void ServiceClosing(OwnedConn* c);
+    void FinishClose(OwnedConn* c);
+    int Deliver(OwnedConn* c);
+    void DropRing(OwnedConn* c);
+    void RetryBigWait(OwnedConn* c);
+    void SetCloseInfoFromConnector(OwnedConn* c);
+
+    CConnectorMgr& m_mgr;
+};
+
+}  // namespace QUOLNET

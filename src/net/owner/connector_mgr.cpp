@@ -1,0 +1,288 @@
+// CConnectorMgr: the facade over one loop's parts; set-up, the tick, sending and closing by
+// id, and the registry of connections (adding, releasing descriptors, destroying).
+#include "net/connector_mgr.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "net/owner/owner_log.h"
+
+namespace QUOLNET {
+
+CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptions& options)
+    : m_handler(handler),
+      m_options(options),
+      m_pool(nullptr),
+      m_parser(nullptr),
+      m_initialised(false),
+      m_acceptor(m_loop),
+      m_dialler(*this),
+      m_service(*this),
+      m_limits(*this),
+      m_delivering(nullptr),
+      m_stop(false),
+      m_stats_requested(false),
+      m_next_stats_ms(0),
+      m_group(nullptr),
+      m_loop_index(0),
+      m_reuse_port(false) {
+    memset(m_last_err, 0, sizeof(m_last_err));
+    m_acceptor.SetAdopt([this](int fd, const std::string& peer) { AdoptAccepted(fd, peer); });
+}
+
+CConnectorMgr::~CConnectorMgr() {
+    for (OwnedConn* c : m_table.SortedById()) {
+        ConnId id = c->id;
+        if (c->connector->GetStatus() != CONNECTOR_STATUS_DISCONNECTED) {
+            c->connector->Disconnect(nullptr);
+        }
+        ReleaseFd(c);
+        DestroyConn(c);
+        m_stats.CountClose(CloseInfo());
+        if (m_handler != nullptr) {
+            m_handler->OnClosed(this, id, CloseInfo());
+        }
+    }
+    for (OwnedConn* c : m_graveyard) {
+        delete c;
+    }
+    m_graveyard.clear();
+    m_acceptor.CloseAll();
+    m_loop.Close();
+}
+
+int CConnectorMgr::Init() {
+    if (m_initialised) {
+        return 0;
+    }
+    if (m_options.log_cat == nullptr) {
+        m_default_log.reset(new (std::nothrow) LogCategory("quolnet", LOG_PRIORITY_WARN));
+        m_options.log_cat = m_default_log.get();  // null when even that failed: no logging
+    }
+    if (m_options.max_packet_len < 16) {
+        m_options.max_packet_len = 16;
+    }
+    if (m_options.raise_fd_limit) {
+        CAcceptor::RaiseFdLimit(LogCat());
+    }
+    m_acceptor.SetLogCat(LogCat());
+    if (InitResources() != 0) {
+        return -1;
+    }
+    m_limits.Init(m_options.pool_reserve_blocks != 0 ? m_options.pool_reserve_blocks
+                                                     : m_pool->GetMaxBlockNum() / 8);
+    if (m_options.stats_interval_sec > 0) {
+        m_next_stats_ms = CEventLoop::NowMs() + m_options.stats_interval_sec * 1000LL;
+    }
+    m_initialised = true;
+    return 0;
+}
+
+// The loop's descriptors, the pool, the parser and the combine buffers. Everything made here
+// is undone on failure, so a later Init starts afresh.
+int CConnectorMgr::InitResources() {
+    const char* what = nullptr;
+    if (m_loop.Open(m_options.max_events, &what) != 0) {
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR, "Init: %s failed, errno=%d", what, errno);
+        return -1;
+    }
+    if (m_options.pool != nullptr) {
+        m_pool = m_options.pool;
+    } else {
+        m_own_pool.reset(new (std::nothrow) CNetBufferMgr(m_options.pool_blocks));
+        m_pool = m_own_pool.get();
+    }
+    if (m_options.parser != nullptr) {
+        m_parser = m_options.parser;
+    } else {
+        m_own_parser.reset(new (std::nothrow) CLengthPrefixParser(m_options.max_packet_len));
+        m_parser = m_own_parser.get();
+    }
+    m_combine_buf.reset(new (std::nothrow) char[m_options.max_packet_len]);
+    m_cb_combine_buf.reset(new (std::nothrow) char[m_options.max_packet_len]);
+    if (m_pool == nullptr || m_parser == nullptr || m_combine_buf == nullptr || m_cb_combine_buf == nullptr) {
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR,
+                     "Init: allocating the pool, the parser or the combine buffers failed, errno=%d", ENOMEM);
+        m_loop.Close();
+        m_pool = nullptr;
+        m_own_pool.reset();
+        m_parser = nullptr;
+        m_own_parser.reset();
+        m_combine_buf.reset();
+        m_cb_combine_buf.reset();
+        errno = ENOMEM;
+        return -1;
+    }
+    return 0;
+}
+
+int CConnectorMgr::Listen(const char* url, int backlog) {
+    return m_acceptor.Listen(url, backlog, m_reuse_port);
+}
+
+std::string CConnectorMgr::GetListenURL(size_t i) const {
+    return m_acceptor.GetListenURL(i);
+}
+
+ConnId CConnectorMgr::Dial(const char* url, const DialOptions& options) {
+    return m_dialler.Dial(url, options, 0);
+}
+
+OwnedConn* CConnectorMgr::NewConn(const char* url) {
+    OwnedConn* c = new OwnedConn();
+    c->mgr = this;
+    c->url = url;
+    c->connector.reset(new CTcpConnector(
+        m_combine_buf.get(), static_cast<int>(m_options.max_packet_len), m_cb_combine_buf.get(),
+        static_cast<int>(m_options.max_packet_len), m_last_err, m_pool, m_options.max_send_blocks,
+        m_options.max_recv_blocks, m_options.use_recv_callback ? &CConnService::RecvCallback : nullptr, c));
+    c->connector->SetLogCat(m_options.log_cat);
+    // The peer's end of stream stops reading only; replies are flushed before the close.
+    c->connector->SetKeepWritingAfterPeerClose(true);
+    return c;
+}
+
+void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer) {
+    OwnedConn* c = NewConn(peer.c_str());
+    c->accepted = true;
+    if (c->connector->Init(peer.c_str(), m_parser, GetEpollFd(), fd) != 0) {
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR,
+                     "CTcpConnector::Init() failed for an accepted socket, url=%s, fd=%d", peer.c_str(), fd);
+        ::close(fd);
+        delete c;
+        return;
+    }
+    c->connector->SetCloseSocket(false);
+    c->fd = fd;
+    m_service.SetState(c, CONN_ESTABLISHED);
+    c->was_established = true;
+    c->tx_progress_ms = c->rx_progress_ms = c->active_ms = CEventLoop::NowMs();
+    m_table.Add(c);
+    if (m_handler != nullptr) {
+        m_handler->OnConnected(this, c->id, c->url.c_str(), true);
+    }
+}
+
+void CConnectorMgr::Queue(OwnedConn* c) {
+    if (!c->in_work && !c->dead) {
+        c->in_work = true;
+        m_work.push_back(c);
+    }
+}
+
+void CConnectorMgr::ReleaseFd(OwnedConn* c) {
+    bool released = false;
+    {
+        auto lock = m_table.Lock();
+        if (c->fd >= 0) {
+            ::close(c->fd);
+            c->fd = -1;
+            released = true;
+        }
+    }
+    if (released) {
+        m_acceptor.Resume();
+    }
+}
+
+void CConnectorMgr::DestroyConn(OwnedConn* c) {
+    if (c->dead) {
+        return;
+    }
+    if (c->timer_id != 0) {
+        m_loop.CancelTimer(c->timer_id);
+        c->timer_id = 0;
+    }
+    {
+        auto lock = m_table.Lock();
+        m_table.RemoveLocked(c);
+        c->connector->Fini();
+    }
+    c->dead = true;
+    m_graveyard.push_back(c);
+}
+
+void CConnectorMgr::CloseNow(ConnId id, bool graceful) {
+    OwnedConn* c = m_table.Find(id);
+    if (c == nullptr) {
+        return;
+    }
+    if (graceful) {
+        c->graceful = true;
+    } else {
+        c->close_requested = true;
+    }
+    m_service.SetState(c, c->state);  // nothing more is accepted from here on
+    Queue(c);
+}
+
+void CConnectorMgr::Close(ConnId id) {
+    if (OnLoopThread()) {
+        CloseNow(id, true);
+        return;
+    }
+    Post([this, id]() { CloseNow(id, true); });
+}
+
+void CConnectorMgr::Abort(ConnId id) {
+    if (OnLoopThread()) {
+        CloseNow(id, false);
+        return;
+    }
+    Post([this, id]() { CloseNow(id, false); });
+}
+
+void CConnectorMgr::Post(std::function<void()> fn) {
+    m_loop.Post(std::move(fn));
+}
+
+void CConnectorMgr::Stop() {
+    m_stop.store(true);
+    m_loop.Wake();
+}
+
+void CConnectorMgr::RequestStats() {
+    m_stats_requested.store(true);
+    m_loop.Wake();
+}
+
+uint64_t CConnectorMgr::AddTimer(int delay_ms, int interval_ms, std::function<void()> fn) {
+    return m_loop.AddTimer(delay_ms, interval_ms, std::move(fn));
+}
+
+void CConnectorMgr::CancelTimer(uint64_t timer_id) {
+    m_loop.CancelTimer(timer_id);
+}
+
+std::string CConnectorMgr::FormatStats(bool full) {
+    return m_stats.Format(m_table, m_pool, m_pool != nullptr ? m_limits.PoolFree() : 0u,
+                          GetAcceptPauseCount(), full);
+}
+
+void CConnectorMgr::PrintStats(FILE* out, bool full) {
+    std::string text = FormatStats(full);
+    fputs(text.c_str(), out);
+    fflush(out);
+}
+
+bool CConnectorMgr::IsConnected(ConnId id) {
+    auto lock = m_table.LockShared();
+    OwnedConn* c = m_table.Find(id);
+    return c != nullptr && c->connector->GetStatus() == CONNECTOR_STATUS_CONNECTED && c->fd >= 0;
+}
+
+size_t CConnectorMgr::GetConnectionCount() {
+    auto lock = m_table.LockShared();
+    return m_table.Size();
+}
+
+CTcpConnector* CConnectorMgr::GetConnector(ConnId id) {
+    OwnedConn* c = m_table.Find(id);
+    return c == nullptr ? nullptr : c->connector.get();
+}
+
+}  // namespace QUOLNET

@@ -1,0 +1,274 @@
+// CConnectorMgr's tick (RunOnce: wait, events, posted work, accepts, timers, the limits,
+// corked flushes) and sending by id from any thread.
+#include <errno.h>
+
+#include <algorithm>
+
+#include "net/connector_mgr.h"
+#include "net/owner/owner_log.h"
+
+namespace QUOLNET {
+
+// How long the wait may last: until the next timer, sweep, statistics or retry is due.
+int CConnectorMgr::ComputeWait(int timeout_ms) {
+    int64_t now = CEventLoop::NowMs();
+    int wait = timeout_ms;
+    auto bound = [&wait](int64_t ms) {
+        int v = static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(ms, 1 << 30)));
+        if (wait < 0 || v < wait) {
+            wait = v;
+        }
+    };
+    int64_t due = m_loop.NextTimerDue();
+    if (due >= 0) {
+        bound(due - now);
+    }
+    if (m_loop.HasPosted()) {
+        bound(0);
+    }
+    if (!m_pending.empty()) {
+        bound(kRefusedRetryMs);
+    }
+    if (m_table.Size() != 0) {
+        bound(m_limits.NextSweepMs() - now);
+    }
+    if (m_limits.HasWantRoom()) {
+        bound(10);  // room may come back from the pool, which raises no event
+    }
+    if (m_next_stats_ms > 0) {
+        bound(m_next_stats_ms - now);
+    }
+    if (m_stop.load() || m_stats_requested.load()) {
+        bound(0);
+    }
+    return wait;
+}
+
+// Hands each event to its connector (or notes a readable listener), and queues the
+// connections for this tick's work.
+void CConnectorMgr::HandleEvents(int n, std::vector<size_t>* readable) {
+    for (int i = 0; i < n; ++i) {
+        const epoll_event& ev = m_loop.Event(i);
+        void* ptr = ev.data.ptr;
+        if (m_loop.IsWakeEvent(ptr)) {
+            m_loop.ConsumeWake();
+            continue;
+        }
+        int listener = m_acceptor.Find(ptr);
+        if (listener >= 0) {
+            readable->push_back(static_cast<size_t>(listener));
+            continue;
+        }
+        // An unknown pointer is a connection moving in from another loop whose adoption is
+        // posted; its readiness is reported again once it is adopted (level-triggered).
+        OwnedConn* c = m_table.FindByConnector(ptr);
+        if (c != nullptr) {
+            c->connector->SetEvent(ev.events);
+            Queue(c);
+        }
+    }
+    std::vector<OwnedConn*> pending;
+    pending.swap(m_pending);
+    for (OwnedConn* c : pending) {
+        Queue(c);
+    }
+}
+
+void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
+    m_loop.RunPosted();
+    DrainWork();
+    for (size_t idx : readable) {
+        m_acceptor.AcceptReady(idx);
+    }
+    FlushCorked();
+    DrainWork();
+    m_loop.RunTimers();
+    DrainWork();
+    if (m_handler != nullptr) {
+        m_handler->OnTick(this);
+    }
+    m_loop.RunPosted();
+    DrainWork();
+    FlushCorked();
+    DrainWork();
+
+    int64_t now = CEventLoop::NowMs();
+    m_limits.Sweep(now);
+    m_limits.WatchPool();
+    m_limits.RelievePressure(now);
+    DrainWork();
+    m_limits.NotifyRoom();
+    DrainWork();
+    FlushCorked();
+    DrainWork();
+}
+
+// Statistics when due, and the graveyard.
+void CConnectorMgr::EndTick() {
+    int64_t now = CEventLoop::NowMs();
+    bool periodic = m_next_stats_ms > 0 && now >= m_next_stats_ms;
+    if (periodic) {
+        m_next_stats_ms = now + m_options.stats_interval_sec * 1000LL;
+    }
+    if (periodic || m_stats_requested.exchange(false)) {
+        PrintStats(m_options.stats_out != nullptr ? m_options.stats_out : stdout);
+    }
+    if (!m_graveyard.empty()) {
+        m_pending.erase(
+            std::remove_if(m_pending.begin(), m_pending.end(), [](OwnedConn* c) { return c->dead; }),
+            m_pending.end());
+        for (OwnedConn* c : m_graveyard) {
+            delete c;
+        }
+        m_graveyard.clear();
+    }
+    // A connection may be listed twice when several paths carried it over.
+    std::sort(m_pending.begin(), m_pending.end());
+    m_pending.erase(std::unique(m_pending.begin(), m_pending.end()), m_pending.end());
+}
+
+int CConnectorMgr::RunOnce(int timeout_ms) {
+    m_loop.MarkLoopThread();
+    int n = m_loop.Wait(ComputeWait(timeout_ms));
+    if (n < 0) {
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR, "epoll_wait() failed, errno=%d", errno);
+        return -1;
+    }
+    std::vector<size_t> readable;
+    HandleEvents(n, &readable);
+    RunTick(readable);
+    EndTick();
+    return n;
+}
+
+int CConnectorMgr::Run() {
+    while (!m_stop.load()) {
+        if (RunOnce(1000) < 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+void CConnectorMgr::FlushCorked() {
+    std::vector<OwnedConn*> corked;
+    corked.swap(m_corked);
+    for (OwnedConn* c : corked) {
+        c->corked = false;
+        if (c->dead || c->connector->GetStatus() != CONNECTOR_STATUS_CONNECTED) {
+            continue;
+        }
+        int ret = c->connector->Send();
+        if (ret < 0) {
+            c->send_failed = true;
+            Queue(c);
+        } else if (c->state == CONN_DRAINING) {
+            Queue(c);  // its flush may be complete now
+        }
+    }
+}
+
+void CConnectorMgr::DrainWork() {
+    for (size_t i = 0; i < m_work.size(); ++i) {
+        OwnedConn* c = m_work[i];
+        c->in_work = false;
+        m_service.Service(c);
+    }
+    m_work.clear();
+}
+
+// A packet over the queue limit, or over what the pool lends to senders, can never be
+// accepted: say so instead of "no room" for ever.
+bool CConnectorMgr::RefuseTooLarge(OwnedConn* c, unsigned int len, bool on_loop) {
+    uint64_t block = static_cast<uint64_t>(m_pool->GetBlockSize());
+    uint64_t pool_room =
+        static_cast<uint64_t>(m_pool->GetMaxBlockNum() - m_pool->GetMaxBlockNum() / 8) * block;
+    if (len <= static_cast<uint64_t>(m_options.max_send_blocks) * block && len <= pool_room) {
+        return false;
+    }
+    m_stats.CountTooLarge();
+    if (on_loop && !c->too_large_logged) {
+        c->too_large_logged = true;
+        QN_OWNER_LOG(
+            LogCat(), LOG_PRIORITY_WARN,
+            "send refused, packet of %u bytes can never fit the send queue (%u blocks), id=%llu, url=%s", len,
+            m_options.max_send_blocks, static_cast<unsigned long long>(c->id), c->url.c_str());
+    }
+    return true;
+}
+
+// Sends on a connection found in this loop's table; a foreign caller holds `lock`.
+int CConnectorMgr::SendTo(OwnedConn* c, const char* buf, unsigned int len, bool corked, bool on_loop,
+                          std::shared_lock<std::shared_mutex>* lock) {
+    int gate = c->gate;
+    if (gate != kGateOpen) {
+        return gate == kGateClosed ? kSendNotConnected : kSendClosing;
+    }
+    CTcpConnector* k = c->connector.get();
+    if (k->GetStatus() != CONNECTOR_STATUS_CONNECTED || c->fd < 0 || c->send_failed) {
+        return kSendClosing;
+    }
+    if (RefuseTooLarge(c, len, on_loop)) {
+        return kSendTooLarge;
+    }
+    // A direct send behind replies corked in this tick would first have to flush them and
+    // then write again; it joins them instead and leaves with the same flush.
+    corked = corked || (on_loop && c->corked);
+    int ret = corked ? k->SendToQ(buf, len, nullptr) : k->Send(buf, len, nullptr);
+    if (ret < 0) {
+        c->send_failed = true;
+        if (on_loop) {
+            Queue(c);
+        } else {
+            lock->unlock();
+            m_loop.Wake();  // the loop closes the connection
+        }
+        return kSendFailed;
+    }
+    if (ret == 0) {
+        if (!c->want_room) {
+            c->want_room = true;
+            m_limits.WantRoom(c->id, on_loop);
+        }
+        return kSendNoRoom;
+    }
+    if (on_loop && corked && !c->corked) {
+        // Only the loop's own corked packets join its flush list; one queued by another
+        // thread leaves when the socket reports writability (queueing onto an empty send
+        // queue asks epoll for that).
+        c->corked = true;
+        m_corked.push_back(c);
+    }
+    return ret;
+}
+
+int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool corked, bool routed) {
+    (void)routed;
+    if (buf == nullptr || len == 0) {
+        return kSendBadArgs;
+    }
+    // The loop thread is the only one that adds or removes connections and closes
+    // descriptors, so on it the map and the descriptor need no lock, and a reply to the
+    // packet being offered (the common case) skips the lookup too. Other threads hold the
+    // lock shared for the lookup and the whole connector call.
+    const bool on_loop = OnLoopThread();
+    auto lock = m_table.LockShared(!on_loop);
+    OwnedConn* c = on_loop ? m_delivering : nullptr;
+    if (c == nullptr || c->id != id) {
+        c = m_table.Find(id);
+        if (c == nullptr) {
+            return kSendUnknownId;
+        }
+    }
+    return SendTo(c, buf, len, corked, on_loop, &lock);
+}
+
+int CConnectorMgr::Send(ConnId id, const char* buf, unsigned int len) {
+    return SendImpl(id, buf, len, false, false);
+}
+
+int CConnectorMgr::SendCorked(ConnId id, const char* buf, unsigned int len) {
+    return SendImpl(id, buf, len, true, false);
+}
+
+}  // namespace QUOLNET
