@@ -249,6 +249,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     friend class CConnService;
     friend class CConnLimits;
     friend class CConnectorGroup;
+    friend class CConnMover;
 
     LogCategory* LogCat() const { return m_options.log_cat; }
     int InitResources();
@@ -273,10 +274,6 @@ class QUOLNET_EXPORT CConnectorMgr {
 
     // Group membership (set by CConnectorGroup before Init; see connector_group.h).
     void JoinGroup(CConnectorGroup* group, int index);
-    // Takes a connection of this loop out and hands it to `to`'s loop (loop thread).
-    bool MoveOut(ConnId id, CConnectorMgr* to);
-    // Receives a connection moved from another loop (loop thread).
-    void AdoptMoved(OwnedConn* conn);
 
     IConnectorHandler* m_handler;
     ConnectorMgrOptions m_options;

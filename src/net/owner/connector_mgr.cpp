@@ -1,6 +1,7 @@
 // CConnectorMgr: the facade over one loop's parts; set-up, the tick, sending and closing by
 // id, and the registry of connections (adding, releasing descriptors, destroying).
 #include "net/connector_mgr.h"
+#include "net/connector_group.h"
 
 #include <errno.h>
 #include <unistd.h>
@@ -204,11 +205,17 @@ void CConnectorMgr::DestroyConn(OwnedConn* c) {
     }
     c->dead = true;
     m_graveyard.push_back(c);
+    if (m_group != nullptr) {
+        m_group->Forget(c->id);
+    }
 }
 
 void CConnectorMgr::CloseNow(ConnId id, bool graceful) {
     OwnedConn* c = m_table.Find(id);
     if (c == nullptr) {
+        if (m_group != nullptr) {
+            m_group->CloseRouted(id, graceful, m_loop_index);  // it moved to another loop
+        }
         return;
     }
     if (graceful) {
@@ -218,6 +225,12 @@ void CConnectorMgr::CloseNow(ConnId id, bool graceful) {
     }
     m_service.SetState(c, c->state);  // nothing more is accepted from here on
     Queue(c);
+}
+
+void CConnectorMgr::JoinGroup(CConnectorGroup* group, int index) {
+    m_group = group;
+    m_loop_index = index;
+    m_table.SetIdBase(static_cast<ConnId>(index) << CConnectorGroup::kLoopShift);
 }
 
 void CConnectorMgr::Close(ConnId id) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "net/connector_mgr.h"
+#include "net/connector_group.h"
 #include "net/owner/owner_log.h"
 
 namespace QUOLNET {
@@ -243,7 +244,6 @@ int CConnectorMgr::SendTo(OwnedConn* c, const char* buf, unsigned int len, bool 
 }
 
 int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool corked, bool routed) {
-    (void)routed;
     if (buf == nullptr || len == 0) {
         return kSendBadArgs;
     }
@@ -257,7 +257,13 @@ int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool c
     if (c == nullptr || c->id != id) {
         c = m_table.Find(id);
         if (c == nullptr) {
-            return kSendUnknownId;
+            if (m_group == nullptr || routed) {
+                return kSendUnknownId;
+            }
+            if (lock.owns_lock()) {
+                lock.unlock();
+            }
+            return m_group->SendRouted(id, buf, len, corked);  // served by another loop
         }
     }
     return SendTo(c, buf, len, corked, on_loop, &lock);

@@ -1,0 +1,158 @@
+// CConnectorGroup: N event loops (CConnectorMgr), one per thread, serving one application.
+//
+// Each loop is a whole CConnectorMgr: its own epoll, eventfd, timers, posted work, id map,
+// combine buffers and, by default, its own block pool. A connection lives on one loop at a
+// time, and that loop's thread does all of its work; the handler is called on the thread
+// of the loop that serves the connection, so one handler object is called from N threads
+// at once and must be safe for that (or keep its state per loop: the `mgr` argument names
+// the loop, GetLoopIndex() its index).
+//
+// Accepting: Listen opens one listening socket per loop on the same address with
+// SO_REUSEPORT, and the kernel spreads new connections over them. Where the option is
+// missing or refused (or reuse_port is false), loop 0 alone listens and hands the
+// connections it accepts to the loops in turn (round-robin).
+// Dialling: Dial places a connection on the loop the application names, or round-robin.
+// Ids are unique across the group: the top bits hold the index of the loop that made the
+// connection (kLoopShift). Send, SendCorked, Close and Abort take an id from any thread
+// and reach the loop serving it, even after a Move.
+//
+// Move(id, loop) hands a live, established connection to another loop: the connector's
+// whole state (send queue, receive blocks, the ring of received packets, a half-received
+// packet) is copied into a new connector on the target loop with CTcpConnector::CopyFrom,
+// the descriptor leaves the old loop's epoll and joins the new one's, and the id stays.
+// No byte is lost, duplicated or reordered either way; the handler sees no close. Sends
+// made while the connection is between loops are queued on its new connector in the order
+// they were made. A connection that is dialling, draining, closing or lingering is not
+// moved (counted in GetMoveFailedCount).
+//
+// Threads and locks:
+//   any thread    Dial, Send, SendCorked, Close, Abort, Move, Post, AddTimer, CancelTimer,
+//                 Stop, and the Get... statistics;
+//   set-up        Init, Listen, Start (before the loops run; one thread).
+//   m_route_lock  (shared_mutex) the routes of moved connections: taken shared by every
+//                 routed call while the group has moved a connection, exclusively by a
+//                 loop thread when a connection leaves or arrives. A loop thread may take
+//                 it while holding its own table lock (the move's hand-over), never the
+//                 other way round.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "net/connector_mgr.h"
+
+namespace QUOLNET {
+
+struct ConnectorGroupOptions {
+    int threads = 0;            // loops, one thread each; 0: one per online CPU
+    bool reuse_port = true;     // a listening socket per loop; false or refused: loop 0 hands out
+    bool pool_per_loop = true;  // each loop its own pool of loop.pool_blocks / threads blocks;
+                                // false: one pool of loop.pool_blocks shared by every loop
+    ConnectorMgrOptions loop;   // each loop's settings (a pool lent in loop.pool is shared)
+};
+
+class QUOLNET_EXPORT CConnectorGroup {
+  public:
+    static constexpr int kLoopShift = 48;  // an id's loop index sits above this bit
+    static constexpr int kMaxLoops = 256;
+    // Results of Move besides 0 (the move is under way).
+    static constexpr int kMoveUnknownId = -1;
+    static constexpr int kMoveBadLoop = -2;
+
+    // `handler` (not owned) receives every loop's events; it must outlive the group.
+    CConnectorGroup(IConnectorHandler* handler,
+                    const ConnectorGroupOptions& options = ConnectorGroupOptions());
+    // Stops the loops and closes every connection and descriptor.
+    ~CConnectorGroup();
+    CConnectorGroup(const CConnectorGroup&) = delete;
+    CConnectorGroup& operator=(const CConnectorGroup&) = delete;
+
+    // Makes the loops (and the pools). Returns 0 or -1 (logged). Never throws.
+    int Init();
+    // Listens on `url` (see above). Returns the bound port, or the CConnectorMgr::Listen
+    // codes. Before Start.
+    int Listen(const char* url, int backlog = CConnectorMgr::kDefaultBacklog);
+    std::string GetListenURL() const;
+    // Whether every loop has its own listening socket (SO_REUSEPORT) for the last Listen.
+    bool IsReusePort() const { return m_reuse_port_active; }
+    // Runs each loop on a thread of its own. Returns 0, or -1 when already running.
+    int Start();
+    // Stops the loops and waits for their threads. Any thread but a loop's; idempotent.
+    void Stop();
+
+    // Dials `url` on loop `loop` (-1: round-robin). Returns the id, or 0 (see
+    // CConnectorMgr::Dial). Any thread.
+    ConnId Dial(const char* url, const DialOptions& options = DialOptions(), int loop = -1);
+    // As CConnectorMgr's, for a connection on any loop. Any thread.
+    int Send(ConnId id, const char* buf, unsigned int len);
+    int SendCorked(ConnId id, const char* buf, unsigned int len);
+    void Close(ConnId id);
+    void Abort(ConnId id);
+    // Moves connection `id` to loop `loop` (see above). Returns 0 when the move is under
+    // way (or `id` is there already), kMoveUnknownId, kMoveBadLoop. Any thread.
+    int Move(ConnId id, int loop);
+
+    void Post(int loop, std::function<void()> fn);
+    uint64_t AddTimer(int loop, int delay_ms, int interval_ms, std::function<void()> fn);
+    void CancelTimer(int loop, uint64_t timer_id);
+
+    int GetLoopCount() const { return static_cast<int>(m_loops.size()); }
+    CConnectorMgr* GetLoop(int i) { return m_loops[static_cast<size_t>(i)].get(); }
+    // The loop serving `id` now (-1 when `id` names no loop of the group).
+    int LoopOf(ConnId id);
+
+    // Sums over the loops. Any thread.
+    size_t GetConnectionCount();
+    uint64_t GetCloseCount(CloseReason reason) const;
+    uint64_t GetLimitCloseCount(CloseLimit limit) const;
+    uint64_t GetAcceptCount() const;
+    uint64_t GetMoveCount() const { return m_moves_done.load(); }
+    uint64_t GetMoveFailedCount() const { return m_moves_failed.load(); }
+    // One line per loop (connections, accepted, closed) and the totals. Any thread.
+    std::string FormatStats();
+
+  private:
+    friend class CConnectorMgr;
+    friend class CConnMover;
+
+    struct Route {
+        int loop;                // the loop serving the connection (or receiving it)
+        CTcpConnector* transit;  // non-null while the connection is between loops
+        bool want_room;          // a Send in transit was refused for want of room
+    };
+
+    int HomeLoop(ConnId id) const;
+    // Finds the route of `id`; false when it has never moved.
+    bool FindRoute(ConnId id, Route* route);
+    int SendRouted(ConnId id, const char* buf, unsigned int len, bool corked);
+    int SendInTransit(ConnId id, const char* buf, unsigned int len, bool* in_transit);
+    void CloseRouted(ConnId id, bool graceful, int from_loop);
+    // A loop destroyed connection `id`: its route goes.
+    void Forget(ConnId id);
+    // The move's two halves, on the loop threads (see CConnMover).
+    void SetTransit(OwnedConn* conn, CConnectorMgr* to);
+    bool Arrived(ConnId id, int loop);
+    void Dispatch(int fd, const std::string& peer);
+
+    IConnectorHandler* m_handler;
+    ConnectorGroupOptions m_options;
+    std::vector<std::unique_ptr<CNetBufferMgr>> m_pools;
+    std::vector<std::unique_ptr<CConnectorMgr>> m_loops;
+    std::vector<std::thread> m_threads;
+    bool m_reuse_port_active;
+    std::atomic<unsigned int> m_next_dial_loop;
+    std::atomic<unsigned int> m_next_accept_loop;  // the hand-out's turn (loop 0's thread)
+
+    std::shared_mutex m_route_lock;
+    std::unordered_map<ConnId, Route> m_routes;  // guarded by m_route_lock
+    std::atomic<size_t> m_route_cnt;             // m_routes.size(), read without the lock
+    std::atomic<uint64_t> m_moves_done;
+    std::atomic<uint64_t> m_moves_failed;
+};
+
+}  // namespace QUOLNET

@@ -1,0 +1,101 @@
+// CConnMover: the hand-over of a live connection between two loops of a group.
+#include "net/owner/conn_mover.h"
+
+#include "net/connector_group.h"
+#include "net/owner/owner_log.h"
+
+namespace QUOLNET {
+
+bool CConnMover::Movable(const OwnedConn* c) {
+    if (c == nullptr) {
+        return false;
+    }
+    const CTcpConnector* k = c->connector.get();
+    return !c->dead && c->state == CONN_ESTABLISHED && !c->graceful && !c->close_requested &&
+           !c->send_failed && c->fd >= 0 && k->GetStatus() == CONNECTOR_STATUS_CONNECTED &&
+           !k->IsPeerClosed();
+}
+
+// A new record for `to` on the same descriptor, registered with `to`'s epoll; its connector
+// is still empty. Null when the connector cannot be initialised.
+OwnedConn* CConnMover::MakeCopy(CConnectorMgr& from, OwnedConn* c, CConnectorMgr& to) {
+    OwnedConn* n = to.NewConn(c->url.c_str());
+    if (n->connector->Init(c->url.c_str(), to.m_parser, to.GetEpollFd(), c->fd) != 0) {
+        QN_OWNER_LOG(from.LogCat(), LOG_PRIORITY_ERROR, "move of %llu: CTcpConnector::Init() failed, fd=%d",
+                     static_cast<unsigned long long>(c->id), c->fd);
+        n->connector->SetCloseSocket(false);
+        delete n;
+        return nullptr;
+    }
+    n->connector->SetCloseSocket(false);
+    n->id = c->id;
+    n->fd = c->fd;
+    n->accepted = c->accepted;
+    n->dial = c->dial;
+    n->was_established = c->was_established;
+    n->refused = c->refused;
+    n->too_large_logged = c->too_large_logged;
+    n->want_room = c->want_room.load();
+    n->tx_bytes_seen = c->tx_bytes_seen;
+    n->tx_progress_ms = c->tx_progress_ms;
+    n->rx_bytes_seen = c->rx_bytes_seen;
+    n->rx_progress_ms = c->rx_progress_ms;
+    n->rx_packets_seen = c->rx_packets_seen;
+    n->partial_since_ms = c->partial_since_ms;
+    n->active_ms = c->active_ms;
+    n->state = CONN_ESTABLISHED;
+    n->gate = kGateOpen;
+    return n;
+}
+
+bool CConnMover::MoveOut(CConnectorMgr& from, ConnId id, CConnectorMgr& to) {
+    OwnedConn* c = from.m_table.Find(id);
+    if (!Movable(c)) {
+        return false;
+    }
+    CTcpConnector* k = c->connector.get();
+    if (c->corked) {
+        c->corked = false;  // its entry in the corked list is skipped once the record is dead
+        if (k->Send() < 0) {
+            c->send_failed = true;
+            from.Queue(c);
+            return false;
+        }
+    }
+    OwnedConn* n = MakeCopy(from, c, to);
+    if (n == nullptr) {
+        return false;
+    }
+    {
+        auto lock = from.m_table.Lock();
+        int ret = n->connector->CopyFrom(*k);
+        if (ret != 0) {
+            QN_OWNER_LOG(from.LogCat(), LOG_PRIORITY_WARN, "move of %llu refused: CopyFrom() returned %d",
+                         static_cast<unsigned long long>(id), ret);
+            n->connector->Fini();  // leaves the target's epoll; the descriptor stays open
+            delete n;
+            return false;
+        }
+        k->Disconnect(nullptr);  // leaves this loop's epoll; SetCloseSocket(false): fd stays
+        from.m_table.RemoveLocked(c);
+        c->fd = -1;
+        from.m_group->SetTransit(n, &to);  // posts the adoption to `to`
+    }
+    k->Fini();
+    c->dead = true;
+    from.m_graveyard.push_back(c);
+    return true;
+}
+
+void CConnMover::Adopt(CConnectorMgr& to, OwnedConn* n) {
+    to.m_table.Add(n);
+    bool want_room = to.m_group->Arrived(n->id, to.GetLoopIndex());
+    to.m_service.SetState(n, CONN_ESTABLISHED);
+    if (want_room || n->want_room) {
+        n->want_room = true;
+        to.m_limits.WantRoom(n->id, true);
+    }
+    to.Queue(n);
+}
+
+}  // namespace QUOLNET

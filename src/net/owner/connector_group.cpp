@@ -1,0 +1,392 @@
+// CConnectorGroup: N loops on N threads, listening with SO_REUSEPORT (or one acceptor that
+// hands out), routing by id, and moving connections between loops.
+#include "net/connector_group.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <new>
+
+#include "net/owner/conn_mover.h"
+#include "net/owner/owner_log.h"
+
+namespace QUOLNET {
+
+CConnectorGroup::CConnectorGroup(IConnectorHandler* handler, const ConnectorGroupOptions& options)
+    : m_handler(handler),
+      m_options(options),
+      m_reuse_port_active(false),
+      m_next_dial_loop(0),
+      m_next_accept_loop(0),
+      m_route_cnt(0),
+      m_moves_done(0),
+      m_moves_failed(0) {}
+
+CConnectorGroup::~CConnectorGroup() {
+    Stop();
+    m_loops.clear();  // each closes its connections and descriptors
+}
+
+int CConnectorGroup::Init() {
+    if (!m_loops.empty()) {
+        return 0;
+    }
+    int n = m_options.threads > 0 ? m_options.threads : static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+    n = std::max(1, std::min(n, kMaxLoops));
+    ConnectorMgrOptions lo = m_options.loop;
+    std::unique_ptr<CNetBufferMgr> shared;
+    if (lo.pool == nullptr && !m_options.pool_per_loop) {
+        shared.reset(new (std::nothrow) CNetBufferMgr(lo.pool_blocks));
+        lo.pool = shared.get();
+    }
+    if (lo.pool == nullptr) {
+        lo.pool_blocks = std::max(64u, lo.pool_blocks / static_cast<unsigned int>(n));
+    }
+    for (int i = 0; i < n; ++i) {
+        std::unique_ptr<CConnectorMgr> mgr(new (std::nothrow) CConnectorMgr(m_handler, lo));
+        if (mgr == nullptr) {
+            m_loops.clear();
+            return -1;
+        }
+        mgr->JoinGroup(this, i);
+        if (mgr->Init() != 0) {
+            m_loops.clear();
+            return -1;
+        }
+        m_loops.push_back(std::move(mgr));
+    }
+    if (shared != nullptr) {
+        m_pools.push_back(std::move(shared));
+    }
+    return 0;
+}
+
+int CConnectorGroup::Listen(const char* url, int backlog) {
+    if (m_loops.empty()) {
+        return -2;
+    }
+    CConnectorMgr& first = *m_loops[0];
+    size_t idx = first.m_acceptor.GetListenerCount();
+    int port = m_options.reuse_port && m_loops.size() > 1 ? first.m_acceptor.Listen(url, backlog, true) : -3;
+    if (port == -3) {
+        // One acceptor hands the connections out round-robin.
+        first.m_acceptor.SetAdopt([this](int fd, const std::string& peer) { Dispatch(fd, peer); });
+        m_reuse_port_active = false;
+        return first.m_acceptor.Listen(url, backlog, false);
+    }
+    if (port < 0) {
+        return port;
+    }
+    std::string bound = first.m_acceptor.GetListenURL(idx);  // the port chosen for ":0"
+    for (size_t i = 1; i < m_loops.size(); ++i) {
+        int ret = m_loops[i]->m_acceptor.Listen(bound.c_str(), backlog, true);
+        if (ret < 0) {
+            return ret;
+        }
+    }
+    m_reuse_port_active = true;
+    return port;
+}
+
+std::string CConnectorGroup::GetListenURL() const {
+    return m_loops.empty() ? std::string() : m_loops[0]->GetListenURL(0);
+}
+
+void CConnectorGroup::Dispatch(int fd, const std::string& peer) {
+    unsigned int turn = m_next_accept_loop.fetch_add(1) % static_cast<unsigned int>(m_loops.size());
+    if (turn == 0) {
+        m_loops[0]->AdoptAccepted(fd, peer);
+        return;
+    }
+    CConnectorMgr* to = m_loops[turn].get();
+    to->Post([to, fd, peer]() { to->AdoptAccepted(fd, peer); });
+}
+
+int CConnectorGroup::Start() {
+    if (!m_threads.empty() || m_loops.empty()) {
+        return -1;
+    }
+    for (auto& loop : m_loops) {
+        CConnectorMgr* mgr = loop.get();
+        mgr->m_stop.store(false);
+        m_threads.emplace_back([mgr]() { mgr->Run(); });
+    }
+    return 0;
+}
+
+void CConnectorGroup::Stop() {
+    for (auto& loop : m_loops) {
+        loop->Stop();
+    }
+    for (auto& t : m_threads) {
+        if (t.joinable()) {
+            t.join();
+        }
+    }
+    m_threads.clear();
+    // Work posted to a loop after it stopped (a connection handed out or moving in) is run
+    // here, so that every descriptor ends up in exactly one loop's table and is closed once.
+    for (bool again = true; again;) {
+        again = false;
+        for (auto& loop : m_loops) {
+            if (loop->m_loop.HasPosted()) {
+                loop->m_loop.MarkLoopThread();
+                loop->m_loop.RunPosted();
+                again = true;
+            }
+        }
+    }
+}
+
+int CConnectorGroup::HomeLoop(ConnId id) const {
+    uint64_t loop = id >> kLoopShift;
+    return loop < m_loops.size() ? static_cast<int>(loop) : -1;
+}
+
+bool CConnectorGroup::FindRoute(ConnId id, Route* route) {
+    if (m_route_cnt.load() == 0) {
+        return false;
+    }
+    std::shared_lock<std::shared_mutex> lock(m_route_lock);
+    auto it = m_routes.find(id);
+    if (it == m_routes.end()) {
+        return false;
+    }
+    *route = it->second;
+    return true;
+}
+
+int CConnectorGroup::LoopOf(ConnId id) {
+    Route r;
+    return FindRoute(id, &r) ? r.loop : HomeLoop(id);
+}
+
+// A connection between loops: the packet joins its new connector's queue, behind what was
+// copied there. `*in_transit` is false when the connection is not between loops.
+int CConnectorGroup::SendInTransit(ConnId id, const char* buf, unsigned int len, bool* in_transit) {
+    std::shared_lock<std::shared_mutex> lock(m_route_lock);
+    auto it = m_routes.find(id);
+    *in_transit = it != m_routes.end() && it->second.transit != nullptr;
+    if (!*in_transit) {
+        return CConnectorMgr::kSendUnknownId;
+    }
+    int ret = it->second.transit->SendToQ(buf, len, nullptr);
+    if (ret == 0) {
+        lock.unlock();
+        std::unique_lock<std::shared_mutex> wlock(m_route_lock);
+        auto again = m_routes.find(id);
+        if (again != m_routes.end()) {
+            again->second.want_room = true;
+        }
+        return CConnectorMgr::kSendNoRoom;
+    }
+    return ret > 0 ? ret : CConnectorMgr::kSendBadArgs;
+}
+
+int CConnectorGroup::SendRouted(ConnId id, const char* buf, unsigned int len, bool corked) {
+    // Each retry follows a move that happened meanwhile; a connection cannot move faster
+    // than a sender looks it up more than a few times in a row.
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        Route r;
+        bool routed = FindRoute(id, &r);
+        if (routed && r.transit != nullptr) {
+            bool in_transit = false;
+            int ret = SendInTransit(id, buf, len, &in_transit);
+            if (in_transit) {
+                return ret;
+            }
+            continue;
+        }
+        int loop = routed ? r.loop : HomeLoop(id);
+        if (loop < 0) {
+            return CConnectorMgr::kSendUnknownId;
+        }
+        int ret = m_loops[static_cast<size_t>(loop)]->SendImpl(id, buf, len, corked, true);
+        if (ret != CConnectorMgr::kSendUnknownId || LoopOf(id) == loop) {
+            return ret;
+        }
+    }
+    return CConnectorMgr::kSendUnknownId;
+}
+
+int CConnectorGroup::Send(ConnId id, const char* buf, unsigned int len) {
+    return SendRouted(id, buf, len, false);
+}
+
+int CConnectorGroup::SendCorked(ConnId id, const char* buf, unsigned int len) {
+    return SendRouted(id, buf, len, true);
+}
+
+void CConnectorGroup::CloseRouted(ConnId id, bool graceful, int from_loop) {
+    int loop = LoopOf(id);
+    if (loop < 0 || loop == from_loop) {
+        return;  // no such connection (any more)
+    }
+    CConnectorMgr* mgr = m_loops[static_cast<size_t>(loop)].get();
+    mgr->Post([mgr, id, graceful]() { mgr->CloseNow(id, graceful); });
+}
+
+void CConnectorGroup::Close(ConnId id) {
+    CloseRouted(id, true, -1);
+}
+
+void CConnectorGroup::Abort(ConnId id) {
+    CloseRouted(id, false, -1);
+}
+
+int CConnectorGroup::Move(ConnId id, int loop) {
+    if (loop < 0 || loop >= GetLoopCount()) {
+        return kMoveBadLoop;
+    }
+    int from = LoopOf(id);
+    if (from < 0) {
+        return kMoveUnknownId;
+    }
+    if (from == loop) {
+        return 0;
+    }
+    CConnectorMgr* src = m_loops[static_cast<size_t>(from)].get();
+    CConnectorMgr* dst = m_loops[static_cast<size_t>(loop)].get();
+    src->Post([this, src, dst, id]() {
+        if (CConnMover::MoveOut(*src, id, *dst)) {
+            ++m_moves_done;
+        } else {
+            ++m_moves_failed;
+        }
+    });
+    return 0;
+}
+
+void CConnectorGroup::SetTransit(OwnedConn* conn, CConnectorMgr* to) {
+    std::unique_lock<std::shared_mutex> lock(m_route_lock);
+    to->Post([to, conn]() { CConnMover::Adopt(*to, conn); });
+    Route& r = m_routes[conn->id];
+    r.loop = to->GetLoopIndex();
+    r.transit = conn->connector.get();
+    r.want_room = false;
+    m_route_cnt.store(m_routes.size());
+}
+
+bool CConnectorGroup::Arrived(ConnId id, int loop) {
+    std::unique_lock<std::shared_mutex> lock(m_route_lock);
+    auto it = m_routes.find(id);
+    if (it == m_routes.end()) {
+        return false;
+    }
+    bool want_room = it->second.want_room;
+    if (loop == HomeLoop(id)) {
+        m_routes.erase(it);  // back home: the id names its loop again
+        m_route_cnt.store(m_routes.size());
+    } else {
+        it->second.loop = loop;
+        it->second.transit = nullptr;
+        it->second.want_room = false;
+    }
+    return want_room;
+}
+
+void CConnectorGroup::Forget(ConnId id) {
+    if (m_route_cnt.load() == 0) {
+        return;
+    }
+    std::unique_lock<std::shared_mutex> lock(m_route_lock);
+    m_routes.erase(id);
+    m_route_cnt.store(m_routes.size());
+}
+
+void CConnectorGroup::Post(int loop, std::function<void()> fn) {
+    m_loops[static_cast<size_t>(loop)]->Post(std::move(fn));
+}
+
+uint64_t CConnectorGroup::AddTimer(int loop, int delay_ms, int interval_ms, std::function<void()> fn) {
+    return m_loops[static_cast<size_t>(loop)]->AddTimer(delay_ms, interval_ms, std::move(fn));
+}
+
+void CConnectorGroup::CancelTimer(int loop, uint64_t timer_id) {
+    m_loops[static_cast<size_t>(loop)]->CancelTimer(timer_id);
+}
+
+ConnId CConnectorGroup::Dial(const char* url, const DialOptions& options, int loop) {
+    if (m_loops.empty() || loop >= GetLoopCount()) {
+        return 0;
+    }
+    if (loop < 0) {
+        loop = static_cast<int>(m_next_dial_loop.fetch_add(1) % static_cast<unsigned int>(m_loops.size()));
+    }
+    CConnectorMgr* mgr = m_loops[static_cast<size_t>(loop)].get();
+    if (m_threads.empty() || mgr->OnLoopThread()) {
+        return mgr->Dial(url, options);
+    }
+    struct sockaddr_storage addr;
+    socklen_t len = 0;
+    std::string why;
+    if (CTcpListener::ParseURL(url, &addr, &len, &why) != 0) {
+        QN_OWNER_LOG(mgr->LogCat(), LOG_PRIORITY_ERROR, "invalid dial url(%s), %s",
+                     url != nullptr ? url : "(null)", why.c_str());
+        return 0;
+    }
+    ConnId id = mgr->m_table.NextId();
+    std::string u(url);
+    mgr->Post([mgr, u, options, id]() { mgr->m_dialler.Dial(u.c_str(), options, id); });
+    return id;
+}
+
+size_t CConnectorGroup::GetConnectionCount() {
+    size_t n = 0;
+    for (auto& loop : m_loops) {
+        n += loop->GetConnectionCount();
+    }
+    return n;
+}
+
+uint64_t CConnectorGroup::GetCloseCount(CloseReason reason) const {
+    uint64_t n = 0;
+    for (auto& loop : m_loops) {
+        n += loop->GetCloseCount(reason);
+    }
+    return n;
+}
+
+uint64_t CConnectorGroup::GetLimitCloseCount(CloseLimit limit) const {
+    uint64_t n = 0;
+    for (auto& loop : m_loops) {
+        n += loop->GetLimitCloseCount(limit);
+    }
+    return n;
+}
+
+uint64_t CConnectorGroup::GetAcceptCount() const {
+    uint64_t n = 0;
+    for (auto& loop : m_loops) {
+        n += loop->GetAcceptCount();
+    }
+    return n;
+}
+
+std::string CConnectorGroup::FormatStats() {
+    std::string out;
+    char line[256];
+    for (size_t i = 0; i < m_loops.size(); ++i) {
+        CConnectorMgr* m = m_loops[i].get();
+        uint64_t closed = 0;
+        for (int r = 0; r < kCloseReasonCount; ++r) {
+            closed += m->GetCloseCount(static_cast<CloseReason>(r));
+        }
+        snprintf(line, sizeof(line),
+                 "loop %zu: connections %zu, accepted %llu, closed %llu, pool in use %u\n", i,
+                 m->GetConnectionCount(), static_cast<unsigned long long>(m->GetAcceptCount()),
+                 static_cast<unsigned long long>(closed),
+                 m->GetPool() != nullptr ? m->GetPool()->GetUsedCount() : 0u);
+        out += line;
+    }
+    snprintf(line, sizeof(line),
+             "group: %d loops (%s), connections %zu, accepted %llu, moves %llu (refused %llu)\n",
+             GetLoopCount(), m_reuse_port_active ? "SO_REUSEPORT" : "one acceptor", GetConnectionCount(),
+             static_cast<unsigned long long>(GetAcceptCount()),
+             static_cast<unsigned long long>(GetMoveCount()),
+             static_cast<unsigned long long>(GetMoveFailedCount()));
+    out += line;
+    return out;
+}
+
+}  // namespace QUOLNET
