@@ -132,8 +132,9 @@ class EchoServerHandler : public QUOLNET::IConnectorHandler {
     long long Connections() const { return m_connections; }
 
   private:
-    long long m_packets = 0;
-    long long m_connections = 0;
+    // Atomic: with several loops (echo_server --threads) the handler runs on each loop's thread.
+    std::atomic<long long> m_packets{0};
+    std::atomic<long long> m_connections{0};
 };
 
 // ---- client ----

@@ -1,4 +1,7 @@
 // echo_server: listens on a tcp:// URL and echoes every length-prefixed packet back.
+#include <pthread.h>
+#include <signal.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -6,6 +9,7 @@
 #include <string>
 
 #include "echo_common.h"
+#include "net/connector_group.h"
 
 namespace {
 
@@ -13,14 +17,16 @@ void Usage(FILE* out) {
     QUOLNET::ConnectorMgrOptions d;
     fprintf(
         out,
-        "usage: echo_server [--listen URL] [--stats SECONDS] [--stats-file PATH] [--max-packet BYTES] [limits]\n"
+        "usage: echo_server [--listen URL] [--stats SECONDS] [--stats-file PATH] [--max-packet BYTES] "
+        "[limits]\n"
         "  --listen URL              where to listen (default tcp://127.0.0.1:7000; port 0 picks a free "
         "port)\n"
         "  --stats SECONDS           print the connector statistics table every SECONDS (default 0: only at "
         "exit)\n"
         "  --stats-interval SECONDS  same as --stats\n"
         "  --stats-file PATH         write the periodic table to PATH instead of stdout, replacing the file\n"
-        "                            each time (written beside it and renamed, so readers see whole tables);\n"
+        "                            each time (written beside it and renamed, so readers see whole "
+        "tables);\n"
         "                            the interval may then be fractional and defaults to 1 second\n"
         "  --max-packet BYTES        longest packet accepted, 4-byte header included (default %u)\n"
         "limits (defaults protect a server started as it is; 0 turns a deadline off):\n"
@@ -31,6 +37,9 @@ void Usage(FILE* out) {
         "  --send-stall-ms MS        close a connection whose send queue has not shrunk (default %d)\n"
         "  --packet-deadline-ms MS   close a connection whose packet is not completed (default %d)\n"
         "  --idle-timeout-ms MS      close a connection with no traffic (default %d: off)\n"
+        "  --threads N               event loops, one thread each (default 1); above 1 each loop listens\n"
+        "                            with SO_REUSEPORT (or loop 0 hands connections out) and has its own\n"
+        "                            pool of pool-blocks/N blocks\n"
         "Packets are a 4-byte big-endian length (counting itself) followed by the payload.\n"
         "Stops on SIGINT or SIGTERM and prints the statistics table.\n",
         QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen, d.pool_blocks, d.max_send_blocks,
@@ -85,6 +94,55 @@ void WriteStatsFile(QUOLNET::CConnectorMgr* mgr, const std::string& path) {
 
 }  // namespace
 
+// --threads N: N loops on N threads; this thread waits for SIGINT/SIGTERM (blocked in every
+// thread and taken with sigwait), then stops the group.
+int RunGroup(echo::EchoServerHandler* handler, const QUOLNET::ConnectorMgrOptions& options, int threads,
+             const char* url, const char* stats_file, double stats) {
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    QUOLNET::ConnectorGroupOptions go;
+    go.threads = threads;
+    go.loop = options;
+    go.loop.stats_interval_sec = 0;
+    QUOLNET::CConnectorGroup group(handler, go);
+    if (group.Init() != 0) {
+        fprintf(stderr, "echo_server: cannot set up the event loops\n");
+        return 1;
+    }
+    if (group.Listen(url) < 0) {
+        fprintf(stderr, "echo_server: cannot listen on %s: %s\n", url, strerror(errno));
+        return 1;
+    }
+    printf("echo_server listening on %s with %d loops (%s)\n", group.GetListenURL().c_str(), threads,
+           group.IsReusePort() ? "SO_REUSEPORT" : "one acceptor");
+    fflush(stdout);
+    int ms = static_cast<int>(stats * 1000);
+    if (ms > 0) {
+        std::string path = stats_file != nullptr ? stats_file : "";
+        group.AddTimer(0, ms, ms, [&group, path]() {
+            std::string text = group.FormatStats();
+            if (path.empty()) {
+                fputs(text.c_str(), stdout);
+                fflush(stdout);
+            } else if (FILE* f = fopen(path.c_str(), "w")) {
+                fputs(text.c_str(), f);
+                fclose(f);
+            }
+        });
+    }
+    group.Start();
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    group.Stop();
+    printf("echo_server: %lld connections, %lld packets echoed\n", handler->Connections(),
+           handler->Packets());
+    fputs(group.FormatStats().c_str(), stdout);
+    return 0;
+}
+
 int main(int argc, char** argv) {
     const char* url = "tcp://127.0.0.1:7000";
     double stats = 0;
@@ -97,6 +155,7 @@ int main(int argc, char** argv) {
         long long value;
         long long max;
     } flags[] = {
+        {"--threads", 1, 256},
         {"--pool-blocks", options.pool_blocks, 1 << 24},
         {"--pool-reserve", options.pool_reserve_blocks, 1 << 24},
         {"--max-send-blocks", options.max_send_blocks, 1 << 24},
@@ -139,15 +198,18 @@ int main(int argc, char** argv) {
     }
 
     echo::EchoServerHandler handler;
-    options.pool_blocks = static_cast<unsigned int>(flags[0].value);
-    options.pool_reserve_blocks = static_cast<unsigned int>(flags[1].value);
-    options.max_send_blocks = static_cast<unsigned int>(flags[2].value);
-    options.max_recv_blocks = static_cast<unsigned int>(flags[3].value);
-    options.send_stall_ms = static_cast<int>(flags[4].value);
-    options.packet_deadline_ms = static_cast<int>(flags[5].value);
-    options.idle_timeout_ms = static_cast<int>(flags[6].value);
+    options.pool_blocks = static_cast<unsigned int>(flags[1].value);
+    options.pool_reserve_blocks = static_cast<unsigned int>(flags[2].value);
+    options.max_send_blocks = static_cast<unsigned int>(flags[3].value);
+    options.max_recv_blocks = static_cast<unsigned int>(flags[4].value);
+    options.send_stall_ms = static_cast<int>(flags[5].value);
+    options.packet_deadline_ms = static_cast<int>(flags[6].value);
+    options.idle_timeout_ms = static_cast<int>(flags[7].value);
     options.stats_interval_sec = stats_file == nullptr ? static_cast<int>(stats) : 0;
     options.max_packet_len = static_cast<unsigned int>(max_packet);
+    if (flags[0].value > 1) {
+        return RunGroup(&handler, options, static_cast<int>(flags[0].value), url, stats_file, stats);
+    }
     QUOLNET::CConnectorMgr mgr(&handler, options);
     if (mgr.Init() != 0) {
         fprintf(stderr, "echo_server: cannot set up the event loop\n");

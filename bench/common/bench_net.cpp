@@ -24,8 +24,10 @@ void OnStop(int) {
 }
 
 [[noreturn]] void Usage(const char* prog) {
-    std::fprintf(stderr,
-                 "usage: %s [--host 127.0.0.1] [--port 9000] [--sink] [--mode NAME] [--cork on|off]\n", prog);
+    std::fprintf(
+        stderr,
+        "usage: %s [--host 127.0.0.1] [--port 9000] [--sink] [--mode NAME] [--cork on|off] [--threads N]\n",
+        prog);
     std::exit(2);
 }
 }  // namespace
@@ -42,6 +44,11 @@ ServerOptions ParseServerOptions(int argc, char** argv, const char* prog) {
             opt.port = std::atoi(argv[++i]);
         } else if (!std::strcmp(a, "--mode") && i + 1 < argc) {
             opt.mode = argv[++i];
+        } else if (!std::strcmp(a, "--threads") && i + 1 < argc) {
+            opt.threads = std::atoi(argv[++i]);
+            if (opt.threads < 1 || opt.threads > 256) {
+                Usage(prog);
+            }
         } else if (!std::strcmp(a, "--cork") && i + 1 < argc) {
             opt.cork = argv[++i];
         } else {

@@ -35,9 +35,10 @@ struct ServerOptions {
     bool sink = false;           // frame and discard instead of echoing
     const char* mode = nullptr;  // server-specific variant (quolnet: peek | callback)
     const char* cork = nullptr;  // quolnet: on (default) | off
+    int threads = 1;             // quolnet: event loops (CConnectorGroup when more than one)
 };
 
-// Parses --host, --port, --sink, --mode and --cork; prints usage and exits on anything else.
+// Parses --host, --port, --sink, --mode, --cork and --threads; prints usage and exits on anything else.
 ServerOptions ParseServerOptions(int argc, char** argv, const char* prog);
 
 // Opens a non-blocking IPv4 listening socket bound to host:port with SO_REUSEADDR and a

@@ -1,4 +1,6 @@
-// bench_server_quolnet: the echo server on quolnet's owner loop (CConnectorMgr), one thread.
+// bench_server_quolnet: the echo server on quolnet's owner loop (CConnectorMgr), one thread,
+// or with --threads N on N loops (CConnectorGroup: a listening socket per loop with
+// SO_REUSEPORT, each loop its own pool).
 //
 //   --mode peek      (default) the manager takes each packet out of the connector's ring with
 //                    Peek/Drop and offers it to the handler;
@@ -14,13 +16,16 @@
 // own connection down through TCP.
 //
 //   --cork off       never cork: every reply is a direct Send (to measure what corking buys).
+#include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "common/bench_net.h"
+#include "net/connector_group.h"
 #include "net/connector_mgr.h"
 
 using namespace QUOLNET_BENCH;
@@ -58,11 +63,62 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
 
   private:
     bool m_sink;
-    bool m_cork;  // false: every reply is a direct Send
-    uint64_t m_packets = 0;
-    uint64_t m_bytes = 0;
+    bool m_cork;                         // false: every reply is a direct Send
+    std::atomic<uint64_t> m_packets{0};  // loops count on their own threads
+    std::atomic<uint64_t> m_bytes{0};
 };
 
+int RunOne(CEchoHandler* handler, const QUOLNET::ConnectorMgrOptions& options, const std::string& url) {
+    QUOLNET::CConnectorMgr mgr(handler, options);
+    if (mgr.Init() != 0) {
+        std::perror("bench_server_quolnet: Init");
+        return 1;
+    }
+    if (mgr.Listen(url.c_str(), 4096) < 0) {
+        std::fprintf(stderr, "bench_server_quolnet: cannot listen on %s: %s\n", url.c_str(),
+                     std::strerror(errno));
+        return 1;
+    }
+    g_mgr = &mgr;
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = OnStopSignal;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    int ret = mgr.Run();
+    g_mgr = nullptr;
+    return ret == 0 ? 0 : 1;
+}
+
+// N loops on N threads; this thread waits for SIGINT/SIGTERM (blocked in every thread and
+// taken with sigwait), then stops the group.
+int RunGroup(CEchoHandler* handler, const QUOLNET::ConnectorMgrOptions& options, int threads,
+             const std::string& url) {
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    QUOLNET::ConnectorGroupOptions go;
+    go.threads = threads;
+    go.loop = options;
+    QUOLNET::CConnectorGroup group(handler, go);
+    if (group.Init() != 0) {
+        std::perror("bench_server_quolnet: Init");
+        return 1;
+    }
+    if (group.Listen(url.c_str(), 4096) < 0) {
+        std::fprintf(stderr, "bench_server_quolnet: cannot listen on %s: %s\n", url.c_str(),
+                     std::strerror(errno));
+        return 1;
+    }
+    group.Start();
+    int sig = 0;
+    sigwait(&stop_signals, &sig);
+    group.Stop();
+    std::fprintf(stderr, "%s", group.FormatStats().c_str());
+    return 0;
+}
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -83,25 +139,9 @@ int main(int argc, char** argv) {
     options.use_recv_callback = mode == "callback";
     options.pool_blocks = 16384;  // made on demand: 1000 connections x 256 KiB packets fit
     options.max_events = 1024;
-    QUOLNET::CConnectorMgr mgr(&handler, options);
-    if (mgr.Init() != 0) {
-        std::perror("bench_server_quolnet: Init");
-        return 1;
-    }
     std::string url = std::string("tcp://") + opt.host + ":" + std::to_string(opt.port);
-    if (mgr.Listen(url.c_str(), 4096) < 0) {
-        std::fprintf(stderr, "bench_server_quolnet: cannot listen on %s: %s\n", url.c_str(),
-                     std::strerror(errno));
-        return 1;
-    }
-    g_mgr = &mgr;
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof(sa));
-    sa.sa_handler = OnStopSignal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    int ret = mgr.Run();
-    g_mgr = nullptr;
+    int ret =
+        opt.threads > 1 ? RunGroup(&handler, options, opt.threads, url) : RunOne(&handler, options, url);
     PrintServed(handler.Packets(), handler.Bytes());
     return ret == 0 ? 0 : 1;
 }
