@@ -139,7 +139,10 @@ int CConnectorMgr::Init() {
     if (m_options.parser != nullptr) {
         m_parser = m_options.parser;
     } else {
-        m_own_parser.reset(new (std::nothrow) CLengthPrefixParser(m_options.max_packet_len));
+        // The parser accepts any length; the connector refuses one over max_packet_len (the
+        // combine buffers' size) itself, so that the close is counted as that limit rather
+        // than as a malformed header.
+        m_own_parser.reset(new (std::nothrow) CLengthPrefixParser(0x7fffffffu));
         m_parser = m_own_parser.get();
     }
     m_combine_buf.reset(new (std::nothrow) char[m_options.max_packet_len]);

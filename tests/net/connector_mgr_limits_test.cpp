@@ -587,3 +587,24 @@ TEST_F(ConnectorMgrLimitsTest, AnExhaustedPoolIsLoggedOncePerEpisode) {
 }
 
 }  // namespace
+
+namespace {
+
+// A packet announced over max_packet_len ends the connection at once, counted as that
+// limit (not as a malformed header), and holds no block meanwhile.
+TEST_F(ConnectorMgrLimitsTest, AnAnnouncedPacketOverTheMaximumIsCountedAsThatLimit) {
+    RecordingEcho h;
+    CConnectorMgr mgr(&h, Options());
+    int fd = qntest::ListenAndDial(mgr);
+    ASSERT_GE(fd, 0);
+    char header[4];
+    QUOLNET::CLengthPrefixParser::WriteHeader(header, 16u << 20);
+    ASSERT_TRUE(qntest::WriteAll(fd, header, sizeof(header)));
+    ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.closed.size() == 1; }));
+    EXPECT_EQ(CloseReason::kLimit, h.closed.begin()->second.reason);
+    EXPECT_EQ(CloseLimit::kPacketTooLong, h.closed.begin()->second.limit);
+    EXPECT_EQ(1u, mgr.GetLimitCloseCount(CloseLimit::kPacketTooLong));
+    close(fd);
+}
+
+}  // namespace
