@@ -64,6 +64,7 @@ class RecordingEcho : public QUOLNET::IConnectorHandler {
         std::lock_guard<std::mutex> lock(m_mutex);
         closed[id] = info;
         close_order.push_back(id);
+        closed_count = close_order.size();
         m_cv.notify_all();
     }
     template <typename P>
@@ -80,6 +81,7 @@ class RecordingEcho : public QUOLNET::IConnectorHandler {
     std::vector<ConnId> writable;
     std::map<ConnId, CloseInfo> closed;
     std::vector<ConnId> close_order;
+    std::atomic<size_t> closed_count{0};  // for threads that poll without the lock
 
   private:
     bool m_echo;
@@ -282,7 +284,7 @@ TEST_F(ConnectorMgrLimitsTest, AReaderThatTakesNothingIsClosedForTheSendStall) {
     // never read.
     std::thread writer([&]() {
         size_t off = 0;
-        for (int i = 0; i < 15000 && h.closed.empty(); ++i) {
+        for (int i = 0; i < 15000 && h.closed_count == 0; ++i) {
             struct pollfd p = {fd, POLLOUT, 0};
             if (poll(&p, 1, 1) <= 0) {
                 continue;
