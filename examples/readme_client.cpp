@@ -59,7 +59,7 @@ int main(int argc, char** argv) {
     if (mgr.Init() != 0) {
         return 1;
     }
-    if (mgr.Dial(argv[1]) == 0) {  // 0: not a usable tcp:// URL
+    if (mgr.Dial(argv[1]) == 0) {  // 0: a malformed URL (or a failed set-up)
         fprintf(stderr, "readme_client: bad URL '%s'\n", argv[1]);
         return 2;
     }
