@@ -8,25 +8,25 @@
 
 using namespace QUOLNET;
 
-struct Client : IConnectorHandler {
+struct CEchoClient : IConnectorHandler {
     static const int kPackets = 1000;
-    int sent = 0, echoed = 0, bad = 0, waits = 0;
-    bool ok = false;
+    int m_sent = 0, m_echoed = 0, m_bad = 0, m_waits = 0;
+    bool m_ok = false;
 
     void OnConnected(CConnectorMgr* mgr, ConnId id, const char*, bool) override { Pump(mgr, id); }
     void OnWritable(CConnectorMgr* mgr, ConnId id) override { Pump(mgr, id); }  // room again
     bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool) override {
-        std::string want = Packet(echoed++);
-        bad += want.size() != len || memcmp(want.data(), data, len) != 0;
-        if (echoed == kPackets) {
+        std::string want = Packet(m_echoed++);
+        m_bad += want.size() != len || memcmp(want.data(), data, len) != 0;
+        if (m_echoed == kPackets) {
             mgr->Close(id);  // graceful: flushes what Send accepted, then awaits the peer's end
         }
         return true;  // consumed
     }
     void OnClosed(CConnectorMgr* mgr, ConnId, const CloseInfo& info) override {
-        printf("%d echoes verified, %d bad, %d waits for room, reason %s (%s)\n", echoed - bad, bad, waits,
-               CloseReasonName(info.reason), info.error != 0 ? strerror(info.error) : "-");
-        ok = echoed == kPackets && bad == 0 && info.reason == CloseReason::kClosedLocally;
+        printf("%d echoes verified, %d bad, %d waits for room, reason %s (%s)\n", m_echoed - m_bad, m_bad,
+               m_waits, CloseReasonName(info.reason), info.error != 0 ? strerror(info.error) : "-");
+        m_ok = m_echoed == kPackets && m_bad == 0 && info.reason == CloseReason::kClosedLocally;
         mgr->Stop();
     }
     static std::string Packet(int i) {  // a 4-byte length header, then 1 B .. 100 KiB of payload
@@ -38,11 +38,11 @@ struct Client : IConnectorHandler {
         return p;
     }
     void Pump(CConnectorMgr* mgr, ConnId id) {
-        for (; sent < kPackets; ++sent) {
-            std::string p = Packet(sent);  // Send copies what it cannot write at once
+        for (; m_sent < kPackets; ++m_sent) {
+            std::string p = Packet(m_sent);  // Send copies what it cannot write at once
             int ret = mgr->Send(id, p.data(), static_cast<unsigned int>(p.size()));
             if (ret <= 0) {  // kSendNoRoom: OnWritable calls Pump again; kSendFailed: OnClosed follows
-                waits += ret == CConnectorMgr::kSendNoRoom;
+                m_waits += ret == CConnectorMgr::kSendNoRoom;
                 return;
             }
         }
@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
         fprintf(argc == 2 ? stdout : stderr, "usage: readme_client tcp://HOST:PORT  (an echo server)\n");
         return argc == 2 ? 0 : 2;
     }
-    Client client;
+    CEchoClient client;
     CConnectorMgr mgr(&client);  // default options: every limit on, WARN and above to stderr
     if (mgr.Init() != 0) {
         return 1;
@@ -64,5 +64,5 @@ int main(int argc, char** argv) {
         return 2;
     }
     mgr.Run();  // until OnClosed calls Stop
-    return client.ok ? 0 : 1;
+    return client.m_ok ? 0 : 1;
 }
