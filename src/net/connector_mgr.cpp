@@ -14,6 +14,45 @@
 
 namespace QUOLNET {
 
+// State of the default category's sink: the current second and what was written or dropped
+// in it. Records may come from any thread (connectors log from senders), hence the mutex.
+struct CConnectorMgr::LogLimiter {
+    std::mutex mutex;
+    int64_t second = 0;
+    int lines = 0;
+    uint64_t dropped = 0;
+
+    static void Sink(const LogEntry& e, void* arg) {
+        LogLimiter* self = static_cast<LogLimiter*>(arg);
+        uint64_t dropped_before = 0;
+        {
+            std::lock_guard<std::mutex> lock(self->mutex);
+            int64_t now = NowMs() / 1000;
+            if (now != self->second) {
+                self->second = now;
+                self->lines = 0;
+            }
+            if (self->lines >= kDefaultLogLinesPerSec) {
+                ++self->dropped;
+                return;
+            }
+            ++self->lines;
+            dropped_before = self->dropped;
+            self->dropped = 0;
+        }
+        char stamp[32];
+        time_t t = time(nullptr);
+        struct tm tm_buf;
+        strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", localtime_r(&t, &tm_buf));
+        if (dropped_before > 0) {
+            fprintf(stderr, "%s WARN [%s] %llu log lines dropped (more than %d a second)\n", stamp,
+                    e.category, static_cast<unsigned long long>(dropped_before), kDefaultLogLinesPerSec);
+        }
+        fprintf(stderr, "%s %s [%s] %s:%d %s: %s\n", stamp, log_priority_name(e.priority), e.category, e.file,
+                e.line, e.function, e.text);
+    }
+};
+
 CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptions& options)
     : m_handler(handler),
       m_options(options),
@@ -86,6 +125,10 @@ int CConnectorMgr::Init() {
     }
     if (m_options.log_cat == nullptr) {
         m_default_log.reset(new (std::nothrow) LogCategory("quolnet", LOG_PRIORITY_WARN));
+        m_log_limiter.reset(new (std::nothrow) LogLimiter());
+        if (m_default_log != nullptr && m_log_limiter != nullptr) {
+            log_set_sink(m_default_log.get(), &LogLimiter::Sink, m_log_limiter.get());
+        }
         m_options.log_cat = m_default_log.get();  // null when even that failed: no logging
     }
     if (m_options.max_packet_len < 16) {
@@ -685,6 +728,9 @@ void CConnectorMgr::SetCloseInfoFromConnector(Conn* c) {
     CTcpConnector* k = c->connector.get();
     int ret = k->GetLastIoResult();
     int err = k->GetLastErrno();
+    if (err == 0 && ret == 0 && c->send_failed) {
+        err = k->GetLastWriteErrno();  // a Send of the application failed, not Update
+    }
     if (err == ECONNRESET || err == EPIPE) {
         SetCloseInfo(c, CloseReason::kReset, err);
     } else if (err != 0) {

@@ -32,7 +32,7 @@ mkfifo "$dir/out"
 case "$mode" in
     echo) "$peer" --listen tcp://127.0.0.1:0 >"$dir/out" 2>"$dir/peer-stderr.txt" & ;;
     refused) "$peer" closed >"$dir/out" 2>"$dir/peer-stderr.txt" & ;;
-    reset) "$peer" reset 1000 >"$dir/out" 2>"$dir/peer-stderr.txt" & ;;
+    reset) "$peer" reset 1 >"$dir/out" 2>"$dir/peer-stderr.txt" & ;;
     *) fail "unknown mode $mode" ;;
 esac
 pid=$!
