@@ -416,13 +416,42 @@ void CClient::Run() {
     close(m_ep);
 }
 
-[[noreturn]] void Usage() {
-    std::fprintf(stderr,
+void PrintUsage(FILE* out) {
+    std::fprintf(out,
                  "usage: bench_client [--host H] [--port P] [--mode pingpong|pipeline|stream]\n"
                  "                    [--size BYTES (>= 12, whole packet)] [--conns N] [--depth K]\n"
                  "                    [--warmup SECONDS] [--duration SECONDS] [--label NAME]\n"
-                 "                    [--csv] [--csv-header]\n");
+                 "                    [--csv] [--csv-header]\n"
+                 "Prints one JSON (or CSV) line. Exit status 1 when an echo does not match, 2 on a bad\n"
+                 "argument.\n");
+}
+
+[[noreturn]] void BadArgument(const std::string& arg) {
+    std::fprintf(stderr, "bench_client: bad argument '%s'\n", arg.c_str());
+    PrintUsage(stderr);
     std::exit(2);
+}
+
+// Parses the whole of `text` as an integer in [lo, hi]; false when it is not one.
+bool ParseInt(const char* text, long lo, long hi, long* out) {
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(text, &end, 10);
+    if (*text == '\0' || errno != 0 || *end != '\0' || v < lo || v > hi)
+        return false;
+    *out = v;
+    return true;
+}
+
+// Parses the whole of `text` as seconds in [lo, 86400] (fractions allowed).
+bool ParseSeconds(const char* text, double lo, double* out) {
+    char* end = nullptr;
+    errno = 0;
+    double v = std::strtod(text, &end);
+    if (*text == '\0' || errno != 0 || *end != '\0' || !(v >= lo && v <= 86400))
+        return false;
+    *out = v;
+    return true;
 }
 
 }  // namespace
@@ -434,26 +463,42 @@ int main(int argc, char** argv) {
         std::string a = argv[i];
         auto next = [&]() -> const char* {
             if (i + 1 >= argc)
-                Usage();
+                BadArgument(a);
             return argv[++i];
         };
-        if (a == "--host") {
+        long n = 0;
+        if (a == "--help" || a == "-h") {
+            PrintUsage(stdout);
+            return 0;
+        } else if (a == "--host") {
             opt.host = next();
+            if (!ValidIPv4(opt.host.c_str()))
+                BadArgument(a + " " + opt.host);
         } else if (a == "--port") {
-            opt.port = std::atoi(next());
+            const char* v = next();
+            if (!ParsePort(v, &opt.port) || opt.port == 0)
+                BadArgument(a + " " + v);
         } else if (a == "--mode") {
             opt.mode = next();
         } else if (a == "--size") {
-            opt.size = uint32_t(std::strtoul(next(), nullptr, 10));
-        } else if (a == "--conns") {
-            opt.conns = std::atoi(next());
-        } else if (a == "--depth") {
-            opt.depth = std::atoi(next());
-            depth_given = true;
+            const char* v = next();
+            if (!ParseInt(v, kClientHeader, kMaxPacketLen, &n))
+                BadArgument(a + " " + v);
+            opt.size = uint32_t(n);
+        } else if (a == "--conns" || a == "--depth") {
+            const char* v = next();
+            if (!ParseInt(v, 1, 1000000, &n))
+                BadArgument(a + " " + v);
+            (a == "--conns" ? opt.conns : opt.depth) = int(n);
+            depth_given = depth_given || a == "--depth";
         } else if (a == "--warmup") {
-            opt.warmup = std::atof(next());
+            const char* v = next();
+            if (!ParseSeconds(v, 0, &opt.warmup))
+                BadArgument(a + " " + v);
         } else if (a == "--duration") {
-            opt.duration = std::atof(next());
+            const char* v = next();
+            if (!ParseSeconds(v, 0, &opt.duration) || opt.duration <= 0)
+                BadArgument(a + " " + v);
         } else if (a == "--label") {
             opt.label = next();
         } else if (a == "--csv") {
@@ -463,20 +508,17 @@ int main(int argc, char** argv) {
                 "server,mode,size,conns,depth,seconds,packets,pps,mib_s,p50_us,p99_us,total_packets\n");
             return 0;
         } else {
-            Usage();
+            BadArgument(a);
         }
     }
     if (opt.mode != "pingpong" && opt.mode != "pipeline" && opt.mode != "stream")
-        Usage();
+        BadArgument("--mode " + opt.mode);
     if (opt.mode == "pingpong")
         opt.depth = 1;
     if (opt.mode == "pipeline" && !depth_given)
         opt.depth = 16;
     if (opt.mode == "stream")
         opt.depth = 1;
-    if (opt.size < kClientHeader || opt.size > kMaxPacketLen || opt.conns < 1 || opt.depth < 1 ||
-        opt.duration <= 0 || opt.warmup < 0)
-        Usage();
     RaiseFdLimit();
     signal(SIGPIPE, SIG_IGN);
     CClient client(opt);

@@ -23,36 +23,65 @@ void OnStop(int) {
     g_stop = 1;
 }
 
-[[noreturn]] void Usage(const char* prog) {
+void PrintUsage(FILE* out, const char* prog) {
     std::fprintf(
-        stderr,
-        "usage: %s [--host 127.0.0.1] [--port 9000] [--sink] [--mode NAME] [--cork on|off] [--threads N]\n",
+        out,
+        "usage: %s [--host 127.0.0.1] [--port 9000] [--sink] [--mode NAME] [--cork on|off] [--threads N]\n"
+        "  --host ADDR   IPv4 address to listen on (default 127.0.0.1)\n"
+        "  --port PORT   port to listen on, 0..65535 (default 9000; 0 picks a free one)\n"
+        "  --sink        frame and discard packets instead of echoing them\n"
+        "  --mode NAME   server variant (bench_server_quolnet: peek or callback)\n"
+        "  --cork on|off bench_server_quolnet: cork replies of one tick (default on)\n"
+        "  --threads N   bench_server_quolnet: event loops, 1..256 (default 1)\n"
+        "Exit status 2 on a bad argument.\n",
         prog);
+}
+
+[[noreturn]] void BadArgument(const char* prog, const char* arg) {
+    std::fprintf(stderr, "%s: bad argument '%s'\n", prog, arg);
+    PrintUsage(stderr, prog);
     std::exit(2);
 }
 }  // namespace
+
+bool ParsePort(const char* text, int* port) {
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(text, &end, 10);
+    if (*text == '\0' || errno != 0 || *end != '\0' || v < 0 || v > 65535) {
+        return false;
+    }
+    *port = static_cast<int>(v);
+    return true;
+}
+
+bool ValidIPv4(const char* text) {
+    in_addr a;
+    return inet_pton(AF_INET, text, &a) == 1;
+}
 
 ServerOptions ParseServerOptions(int argc, char** argv, const char* prog) {
     ServerOptions opt;
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
-        if (!std::strcmp(a, "--sink")) {
+        const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (!std::strcmp(a, "--help") || !std::strcmp(a, "-h")) {
+            PrintUsage(stdout, prog);
+            std::exit(0);
+        } else if (!std::strcmp(a, "--sink")) {
             opt.sink = true;
-        } else if (!std::strcmp(a, "--host") && i + 1 < argc) {
+        } else if (!std::strcmp(a, "--host") && v != nullptr && ValidIPv4(v)) {
             opt.host = argv[++i];
-        } else if (!std::strcmp(a, "--port") && i + 1 < argc) {
-            opt.port = std::atoi(argv[++i]);
-        } else if (!std::strcmp(a, "--mode") && i + 1 < argc) {
+        } else if (!std::strcmp(a, "--port") && v != nullptr && ParsePort(v, &opt.port)) {
+            ++i;
+        } else if (!std::strcmp(a, "--mode") && v != nullptr) {
             opt.mode = argv[++i];
-        } else if (!std::strcmp(a, "--threads") && i + 1 < argc) {
+        } else if (!std::strcmp(a, "--threads") && v != nullptr && std::atoi(v) >= 1 && std::atoi(v) <= 256) {
             opt.threads = std::atoi(argv[++i]);
-            if (opt.threads < 1 || opt.threads > 256) {
-                Usage(prog);
-            }
-        } else if (!std::strcmp(a, "--cork") && i + 1 < argc) {
+        } else if (!std::strcmp(a, "--cork") && v != nullptr) {
             opt.cork = argv[++i];
         } else {
-            Usage(prog);
+            BadArgument(prog, a);
         }
     }
     return opt;

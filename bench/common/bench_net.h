@@ -38,8 +38,15 @@ struct ServerOptions {
     int threads = 1;             // quolnet: event loops (CConnectorGroup when more than one)
 };
 
-// Parses --host, --port, --sink, --mode, --cork and --threads; prints usage and exits on anything else.
+// Parses --host, --port, --sink, --mode, --cork and --threads. --help prints the usage on stdout and
+// exits with 0; anything else it cannot use (an unknown flag, a host that is not an IPv4
+// address, a port outside 0..65535) prints the usage on stderr and exits with 2.
 ServerOptions ParseServerOptions(int argc, char** argv, const char* prog);
+
+// Parses a port number 0..65535 (the whole text); false when it is not one.
+bool ParsePort(const char* text, int* port);
+// True when `text` is a dotted IPv4 address.
+bool ValidIPv4(const char* text);
 
 // Opens a non-blocking IPv4 listening socket bound to host:port with SO_REUSEADDR and a
 // large backlog. Returns the descriptor; exits with a message on failure.

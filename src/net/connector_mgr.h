@@ -141,6 +141,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     static constexpr int kPressureGraceMs = CConnLimits::kPressureGraceMs;  // stalled this long: a candidate
     static constexpr int kDefaultBacklog = 65535;  // the kernel caps it at net.core.somaxconn
     static constexpr size_t kStatsFullRows = CMgrStats::kStatsFullRows;  // more: FormatStats summarises
+    static constexpr int kDefaultLogLinesPerSec = 20;                    // the default stderr logging's cap
 
     // Results of Send and SendCorked besides the packet's length (success).
     static constexpr int kSendNoRoom = 0;         // no room now; OnWritable tells when there is
@@ -284,6 +285,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     std::unique_ptr<char[]> m_combine_buf;       // Peek joins multi-block packets here (loop thread)
     std::unique_ptr<char[]> m_cb_combine_buf;    // framing joins them here for the callback
     std::unique_ptr<LogCategory> m_default_log;  // WARN+ to stderr when log_cat is null
+    struct LogLimiter;
+    std::unique_ptr<LogLimiter> m_log_limiter;  // the default category's sink state
     bool m_initialised;
     char m_last_err[256];
 

@@ -215,6 +215,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // not ended by Update). Reset clears it. A send error comes from whichever thread last
     // failed a write on this connection.
     int GetLastErrno() const { return m_last_errno; }
+    // The errno of the last failed write on this connection, by any thread (a direct Send
+    // included, which Update does not see), or 0. Reset clears it. Any thread.
+    int GetLastWriteErrno() const { return m_write_errno; }
     void GetIPAndPort(int& ip, int& port) override;
     // Dials the parsed URL without blocking, registering the socket with epoll first
     // (EPOLLIN|EPOLLOUT|EPOLLERR, level-triggered, data.ptr = this). Returns 0 with status 1

@@ -10,6 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <stdlib.h>
+
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <map>
@@ -64,6 +67,7 @@ class RecordingEcho : public QUOLNET::IConnectorHandler {
         std::lock_guard<std::mutex> lock(m_mutex);
         closed[id] = info;
         close_order.push_back(id);
+        closed_count = close_order.size();
         m_cv.notify_all();
     }
     template <typename P>
@@ -80,6 +84,7 @@ class RecordingEcho : public QUOLNET::IConnectorHandler {
     std::vector<ConnId> writable;
     std::map<ConnId, CloseInfo> closed;
     std::vector<ConnId> close_order;
+    std::atomic<size_t> closed_count{0};  // for threads that poll without the lock
 
   private:
     bool m_echo;
@@ -282,7 +287,7 @@ TEST_F(ConnectorMgrLimitsTest, AReaderThatTakesNothingIsClosedForTheSendStall) {
     // never read.
     std::thread writer([&]() {
         size_t off = 0;
-        for (int i = 0; i < 15000 && h.closed.empty(); ++i) {
+        for (int i = 0; i < 15000 && h.closed_count == 0; ++i) {
             struct pollfd p = {fd, POLLOUT, 0};
             if (poll(&p, 1, 1) <= 0) {
                 continue;
@@ -584,6 +589,68 @@ TEST_F(ConnectorMgrLimitsTest, AnExhaustedPoolIsLoggedOncePerEpisode) {
         ASSERT_TRUE(qntest::Pump(mgr, [&]() { return mgr.GetConnectionCount() == 0; }));
     }
     EXPECT_EQ(0u, pool.GetUsedCount());
+}
+
+}  // namespace
+
+namespace {
+
+// A packet announced over max_packet_len ends the connection at once, counted as that
+// limit (not as a malformed header), and holds no block meanwhile.
+TEST_F(ConnectorMgrLimitsTest, AnAnnouncedPacketOverTheMaximumIsCountedAsThatLimit) {
+    RecordingEcho h;
+    CConnectorMgr mgr(&h, Options());
+    int fd = qntest::ListenAndDial(mgr);
+    ASSERT_GE(fd, 0);
+    char header[4];
+    QUOLNET::CLengthPrefixParser::WriteHeader(header, 16u << 20);
+    ASSERT_TRUE(qntest::WriteAll(fd, header, sizeof(header)));
+    ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.closed.size() == 1; }));
+    EXPECT_EQ(CloseReason::kLimit, h.closed.begin()->second.reason);
+    EXPECT_EQ(CloseLimit::kPacketTooLong, h.closed.begin()->second.limit);
+    EXPECT_EQ(1u, mgr.GetLimitCloseCount(CloseLimit::kPacketTooLong));
+    close(fd);
+}
+
+}  // namespace
+
+namespace {
+
+// Without a category the manager logs WARN and above to stderr, at most
+// kDefaultLogLinesPerSec lines a second, so that a storm of failures cannot flood it.
+TEST_F(ConnectorMgrLimitsTest, DefaultLoggingGoesToStderrAndIsRateLimited) {
+    RecordingEcho h;
+    ConnectorMgrOptions o = Options();
+    o.log_cat = nullptr;
+    CConnectorMgr mgr(&h, o);
+    int fd = qntest::ListenAndDial(mgr);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.connected.size() == 1; }));
+    char path[] = "/tmp/quolnet_stderr_XXXXXX";
+    int out = mkstemp(path);
+    ASSERT_GE(out, 0);
+    fflush(stderr);
+    int saved = dup(2);
+    ASSERT_EQ(2, dup2(out, 2));
+    // Each call is refused with an ERROR line from the connector.
+    for (int i = 0; i < 100; ++i) {
+        mgr.GetConnector(h.connected[0])->SendToQ(nullptr, 0, nullptr);
+    }
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    std::string text(65536, '\0');
+    ssize_t n = pread(out, &text[0], text.size(), 0);
+    close(out);
+    unlink(path);
+    ASSERT_GT(n, 0);
+    text.resize(static_cast<size_t>(n));
+    size_t lines = static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+    EXPECT_GE(lines, 1u);
+    EXPECT_LE(lines,
+              static_cast<size_t>(2 * CConnectorMgr::kDefaultLogLinesPerSec + 1));  // a second may turn
+    EXPECT_NE(std::string::npos, text.find("ERROR [quolnet]"));
+    close(fd);
 }
 
 }  // namespace

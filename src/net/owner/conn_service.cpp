@@ -255,6 +255,9 @@ void CConnService::SetCloseInfoFromConnector(OwnedConn* c) {
     CTcpConnector* k = c->connector.get();
     int ret = k->GetLastIoResult();
     int err = k->GetLastErrno();
+    if (err == 0 && ret == 0 && c->send_failed) {
+        err = k->GetLastWriteErrno();  // a Send of the application failed, not Update
+    }
     if (err == ECONNRESET || err == EPIPE) {
         SetCloseInfo(c, CloseReason::kReset, err);
     } else if (err != 0) {

@@ -5,14 +5,55 @@
 
 #include <errno.h>
 #include <unistd.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "net/owner/owner_log.h"
 
 namespace QUOLNET {
+
+// State of the default category's sink: the current second and what was written or dropped
+// in it. Records may come from any thread (connectors log from senders), hence the mutex.
+struct CConnectorMgr::LogLimiter {
+    std::mutex mutex;
+    int64_t second = 0;
+    int lines = 0;
+    uint64_t dropped = 0;
+
+    static void Sink(const LogEntry& e, void* arg) {
+        LogLimiter* self = static_cast<LogLimiter*>(arg);
+        uint64_t dropped_before = 0;
+        {
+            std::lock_guard<std::mutex> lock(self->mutex);
+            int64_t now = CEventLoop::NowMs() / 1000;
+            if (now != self->second) {
+                self->second = now;
+                self->lines = 0;
+            }
+            if (self->lines >= kDefaultLogLinesPerSec) {
+                ++self->dropped;
+                return;
+            }
+            ++self->lines;
+            dropped_before = self->dropped;
+            self->dropped = 0;
+        }
+        char stamp[32];
+        time_t t = time(nullptr);
+        struct tm tm_buf;
+        strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", localtime_r(&t, &tm_buf));
+        if (dropped_before > 0) {
+            fprintf(stderr, "%s WARN [%s] %llu log lines dropped (more than %d a second)\n", stamp,
+                    e.category, static_cast<unsigned long long>(dropped_before), kDefaultLogLinesPerSec);
+        }
+        fprintf(stderr, "%s %s [%s] %s:%d %s: %s\n", stamp, log_priority_name(e.priority), e.category, e.file,
+                e.line, e.function, e.text);
+    }
+};
 
 CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptions& options)
     : m_handler(handler),
@@ -62,6 +103,10 @@ int CConnectorMgr::Init() {
     }
     if (m_options.log_cat == nullptr) {
         m_default_log.reset(new (std::nothrow) LogCategory("quolnet", LOG_PRIORITY_WARN));
+        m_log_limiter.reset(new (std::nothrow) LogLimiter());
+        if (m_default_log != nullptr && m_log_limiter != nullptr) {
+            log_set_sink(m_default_log.get(), &LogLimiter::Sink, m_log_limiter.get());
+        }
         m_options.log_cat = m_default_log.get();  // null when even that failed: no logging
     }
     if (m_options.max_packet_len < 16) {
@@ -100,7 +145,10 @@ int CConnectorMgr::InitResources() {
     if (m_options.parser != nullptr) {
         m_parser = m_options.parser;
     } else {
-        m_own_parser.reset(new (std::nothrow) CLengthPrefixParser(m_options.max_packet_len));
+        // The parser accepts any length; the connector refuses one over max_packet_len (the
+        // combine buffers' size) itself, so that the close is counted as that limit rather
+        // than as a malformed header.
+        m_own_parser.reset(new (std::nothrow) CLengthPrefixParser(0x7fffffffu));
         m_parser = m_own_parser.get();
     }
     m_combine_buf.reset(new (std::nothrow) char[m_options.max_packet_len]);
