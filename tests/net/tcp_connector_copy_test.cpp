@@ -216,7 +216,7 @@ TEST_F(CopyFromTest, BlocksMissingFromTheQueueGiveMinusSixSevenEight) {
         if (which == 6) {
             Peer::m_packet_head_idx(*a.c) = 0;
             Peer::m_packet_tail_idx(*a.c) = 0;
-            Peer::m_packet_info(*a.c)[0].buffer = stray;
+            Peer::Slot(*a.c, 0).buffer = stray;
         } else if (which == 7) {
             Peer::m_rx_buffer(*a.c) = stray;
         } else {
