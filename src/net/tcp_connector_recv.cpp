@@ -425,7 +425,8 @@ int CTcpConnector::ParseNetBuffer() {
     time_t now = tv.tv_sec;
 
     for (;;) {
-        // 1. Room in the ring; past the inline slots, the ring's storage first.
+        // 1. Room in the ring. Past the inline slots the ring's storage is taken first, once
+        //    bytes wait that may make one more packet (not after the last packet of a read).
         int packet_cnt = 0;
         bool need_ring = false;
         {
@@ -436,7 +437,8 @@ int CTcpConnector::ParseNetBuffer() {
         if (packet_cnt == kPacketInfoSize) {
             return 0;
         }
-        if (need_ring && !GrowPacketRing()) {
+        if (need_ring && (m_rx_packet.len > 0 || (m_rx_buffer != nullptr && m_rx_buffer->HasReadRemaining())) &&
+            !GrowPacketRing()) {
             return 0;  // no memory for the ring now: wait as for a full ring
         }
 
