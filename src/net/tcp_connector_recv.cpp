@@ -70,8 +70,8 @@ NetBuffer* NextBlock(NetBuffer* buffer) {
 struct PacketRingCache {
     Mutex mutex;
     PacketInfo* cached[CTcpConnector::kPacketRingCacheMax];  // guarded by mutex
-    long cached_cnt = 0;                                      // guarded by mutex
-    std::atomic<long> in_use{0};                              // held by connectors
+    long cached_cnt = 0;                                     // guarded by mutex
+    std::atomic<long> in_use{0};                             // held by connectors
 };
 
 PacketRingCache& RingCache() {
@@ -437,7 +437,8 @@ int CTcpConnector::ParseNetBuffer() {
         if (packet_cnt == kPacketInfoSize) {
             return 0;
         }
-        if (need_ring && (m_rx_packet.len > 0 || (m_rx_buffer != nullptr && m_rx_buffer->HasReadRemaining())) &&
+        if (need_ring &&
+            (m_rx_packet.len > 0 || (m_rx_buffer != nullptr && m_rx_buffer->HasReadRemaining())) &&
             !GrowPacketRing()) {
             return 0;  // no memory for the ring now: wait as for a full ring
         }

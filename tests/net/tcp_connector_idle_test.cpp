@@ -13,12 +13,12 @@
 
 namespace {
 
-using QUOLNET::CONNECTOR_STATUS_CONNECTED;
-using QUOLNET::CTcpConnector;
 using qntest::HarnessOptions;
 using qntest::MakePacket;
 using qntest::Peer;
 using qntest::RecvHarness;
+using QUOLNET::CONNECTOR_STATUS_CONNECTED;
+using QUOLNET::CTcpConnector;
 
 // The connection is idle: no block, no ring storage of its own, still connected.
 void ExpectIdle(RecvHarness& h) {

@@ -64,10 +64,10 @@ void operator delete[](void* p, size_t) noexcept {
 
 namespace {
 
-using QUOLNET::CTcpConnector;
 using qntest::HarnessOptions;
 using qntest::MakePacket;
 using qntest::RecvHarness;
+using QUOLNET::CTcpConnector;
 
 const int kWarmUp = 200;
 const int kMeasured = 10000;
