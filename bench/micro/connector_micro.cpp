@@ -8,8 +8,14 @@
 //   BM_PeekDropInPlace     Peek/Drop of a full ring of small packets already framed
 //   BM_PoolAllocRelease    CNetBufferMgr Allocate + Release, 1..4 threads on one pool
 //   BM_DirectSend          Send of one packet straight to a writable socket
+//   BM_PingPong            one 64 B request and its reply over a socketpair, through
+//                          SetEvent/Update, Peek/Drop and a direct Send (the whole round trip,
+//                          the peer's write and read included); the receive block is taken
+//                          and given back on every packet, so this shows the cost of that
+//   BM_PingPongCallback    the same with the packet taken by a receive callback
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -254,5 +260,108 @@ void BM_DirectSend(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * size);
 }
 BENCHMARK(BM_DirectSend)->Arg(64)->Arg(1024)->Arg(16 * 1024);
+
+// One connector over a socketpair (the accepted-connection path of Init), its reply sent
+// straight back; `peer` is the blocking other end.
+class CPairRig {
+  public:
+    explicit CPairRig(QUOLNET::RecvPkgCallback cb = nullptr, void* arg = nullptr)
+        : m_pool(64), m_combine(kCombineLen), m_cb_combine(kCombineLen) {
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0)
+            Die("socketpair");
+        peer = sv[0];
+        if (fcntl_nonblock(sv[1]) != 0)
+            Die("fcntl");
+        m_epoll = epoll_create1(EPOLL_CLOEXEC);
+        conn.reset(new CTcpConnector(m_combine.data(), kCombineLen, m_cb_combine.data(), kCombineLen,
+                                     m_last_err, &m_pool, 64, 64, cb, arg));
+        if (conn->Init("tcp://127.0.0.1:1", &m_parser, m_epoll, sv[1]) != 0)
+            Die("Init");
+    }
+    ~CPairRig() {
+        conn->Fini();
+        conn.reset();
+        close(peer);
+        close(m_epoll);
+    }
+    CPairRig(const CPairRig&) = delete;
+    CPairRig& operator=(const CPairRig&) = delete;
+
+    static int fcntl_nonblock(int fd) {
+        int flags = fcntl(fd, F_GETFL, 0);
+        return flags < 0 ? -1 : fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    }
+
+    // The peer's request, then one tick of the owner's loop, then the peer reads the reply.
+    void RoundTrip(const char* pkt, unsigned int size, bool peek_drop) {
+        if (write(peer, pkt, size) != ssize_t(size))
+            Die("peer write");
+        conn->SetEvent(EPOLLIN | EPOLLOUT);
+        conn->Update();
+        if (peek_drop) {
+            const char* p = nullptr;
+            unsigned int len = 0;
+            if (conn->Peek(&p, len, nullptr) != 0 || p == nullptr)
+                Die("Peek");
+            if (conn->Send(p, len, nullptr) != int(len))
+                Die("Send");
+            conn->Drop();
+        }
+        char reply[256];
+        size_t got = 0;
+        while (got < size) {
+            ssize_t r = read(peer, reply + got, sizeof(reply) - got);
+            if (r <= 0)
+                Die("peer read");
+            got += size_t(r);
+        }
+    }
+
+    int peer = -1;
+    std::unique_ptr<CTcpConnector> conn;
+    CNetBufferMgr m_pool;
+
+  private:
+    CLengthPrefixParser m_parser;
+    std::vector<char> m_combine;
+    std::vector<char> m_cb_combine;
+    char m_last_err[256] = {};
+    int m_epoll = -1;
+};
+
+void BM_PingPong(benchmark::State& state) {
+    const unsigned int size = 64;
+    CPairRig rig;
+    std::vector<char> pkt = MakePackets(1, size);
+    for (auto _ : state) {
+        rig.RoundTrip(pkt.data(), size, true);
+    }
+    state.counters["blocks_idle"] = double(rig.m_pool.GetUsedCount());
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+BENCHMARK(BM_PingPong);
+
+// The callback replies from inside the receive path and takes the packet.
+int EchoCallback(const char*, const char* data, int len, void* arg) {
+    CTcpConnector* conn = *static_cast<CTcpConnector**>(arg);
+    if (conn->Send(data, unsigned(len), nullptr) != len)
+        Die("Send");
+    return 1;
+}
+
+void BM_PingPongCallback(benchmark::State& state) {
+    const unsigned int size = 64;
+    CTcpConnector* self = nullptr;
+    CPairRig rig(&EchoCallback, &self);
+    self = rig.conn.get();
+    std::vector<char> pkt = MakePackets(1, size);
+    for (auto _ : state) {
+        rig.RoundTrip(pkt.data(), size, false);
+    }
+    state.counters["blocks_idle"] = double(rig.m_pool.GetUsedCount());
+    state.SetItemsProcessed(int64_t(state.iterations()));
+}
+BENCHMARK(BM_PingPongCallback);
 
 }  // namespace

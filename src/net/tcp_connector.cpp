@@ -37,7 +37,6 @@ CTcpConnector::CTcpConnector(char* combine_buf, int combine_buf_len, char* cb_co
     memset(&m_addr6, 0, sizeof(m_addr6));
     memset(&m_ipv6, 0, sizeof(m_ipv6));
     m_ip = 0;
-    memset(m_to_string, 0, sizeof(m_to_string));
     Reset();
 }
 
@@ -50,7 +49,9 @@ void CTcpConnector::Reset() {
     m_close_socket = true;
     m_events.store(0);
     memset(m_peer_url, 0, sizeof(m_peer_url));
-    memset(m_packet_info, 0, sizeof(m_packet_info));
+    GivePacketRing(m_packet_info);
+    m_packet_info = nullptr;
+    memset(m_packet_info_inline, 0, sizeof(m_packet_info_inline));
     m_is_wait_alloc_big_buffer = false;
     m_rx_status = RECV_PACKET_HEAD_STATUS;
     m_rx_buffer = nullptr;
@@ -127,7 +128,7 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
         return 0;
     }
 
-    ret = GetLocalSocketName(m_bIPv6, socket, m_peer_url, m_log_cat);
+    ret = LocalSocketName(socket);
     if (ret != 0) {
         QN_LOG(m_log_cat, QN_ERROR, "GetLocalSocketName() failed, m_bIPv6:%d, socket=%d, ret=%d",
                m_bIPv6 ? 1 : 0, socket, ret);
@@ -162,10 +163,16 @@ void CTcpConnector::Fini() {
         Close(nullptr);
         m_socket = -1;
     }
+    PacketInfo* ring = nullptr;
     if (m_net_buf_mgr != nullptr) {
         {
             AutoLocker locker(&m_rx_mutex);
             m_net_buf_mgr->Release(m_rx_queue);
+            // Packets whose blocks have gone back can no longer be handed out.
+            m_packet_head_idx = -1;
+            m_packet_tail_idx = -1;
+            ring = m_packet_info;
+            m_packet_info = nullptr;
         }
         {
             AutoLocker locker(&m_tx_mutex);
@@ -175,9 +182,21 @@ void CTcpConnector::Fini() {
     m_parser = nullptr;
     m_combine_buf = nullptr;
     m_net_buf_mgr = nullptr;
+    GivePacketRing(ring);
     m_rx_buffer = nullptr;
     memset(&m_rx_packet, 0, sizeof(m_rx_packet));
     CConnector::Fini();
+}
+
+int CTcpConnector::LocalSocketName(int socket) {
+    char url[256];  // GetLocalSocketName's contract; the text itself fits m_peer_url
+    int ret = GetLocalSocketName(m_bIPv6, socket, url, m_log_cat);
+    if (ret == 0) {
+        size_t n = strnlen(url, sizeof(m_peer_url) - 1);
+        memcpy(m_peer_url, url, n);
+        m_peer_url[n] = '\0';
+    }
+    return ret;
 }
 
 void CTcpConnector::SetEvent(unsigned int events) {
@@ -341,7 +360,7 @@ void CTcpConnector::Close(LogCategory* log_cat) {
 void CTcpConnector::Update() {
     unsigned int events = m_events.load();
     if (m_status == CONNECTOR_STATUS_CONNECTING && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == EPOLLOUT) {
-        if (GetLocalSocketName(m_bIPv6, m_socket, m_peer_url, m_log_cat) == -1) {
+        if (LocalSocketName(m_socket) == -1) {
             QN_LOG(m_log_cat, QN_ERROR,
                    "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
                    GetURL(), static_cast<int>(m_socket), -1);
@@ -468,27 +487,39 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
     }
 
     // Ring, indices and receive pointers as they stand: they still point into the source's
-    // blocks until rewritten below.
-    memcpy(m_packet_info, that.m_packet_info, sizeof(m_packet_info));
+    // blocks until rewritten below. Only the waiting packets are copied, into ring storage
+    // when the inline slots cannot hold them.
+    int n = that.GetPacketInfoCnt();
+    if (n > kInlinePacketSlots) {
+        GivePacketRing(m_packet_info);
+        m_packet_info = TakePacketRing();
+        if (m_packet_info == nullptr) {
+            QN_LOG(m_log_cat, QN_ERROR, "cannot take packet ring storage, packets=%d", n);
+            m_events.fetch_or(EPOLLERR);
+            return -9;
+        }
+    }
     m_packet_head_idx = that.m_packet_head_idx;
     m_packet_tail_idx = that.m_packet_tail_idx;
+    for (int i = 0, idx = m_packet_head_idx; i < n; ++i, idx = idx + 1 == kPacketInfoSize ? 0 : idx + 1) {
+        PacketSlot(idx) = that.PacketSlot(idx);
+    }
     m_rx_packet = that.m_rx_packet;
     m_rx_buffer = that.m_rx_buffer;
 
     // Packets lie in queue order, so one side-by-side walk serves the whole ring.
     if (m_packet_head_idx != -1) {
-        int n = that.GetPacketInfoCnt();
         LIST_NODE* src_node = that.m_rx_queue.Head();
         LIST_NODE* dst_node = m_rx_queue.Head();
         int idx = m_packet_head_idx;
         for (int i = 0; i < n; ++i) {
-            NetBuffer* dst = FindMatchingBlock(&src_node, &dst_node, m_packet_info[idx].buffer);
+            NetBuffer* dst = FindMatchingBlock(&src_node, &dst_node, PacketSlot(idx).buffer);
             if (dst == nullptr) {
                 QN_LOG(m_log_cat, QN_ERROR, "unexpected error, src_node=%p, dst_node=%p",
                        static_cast<void*>(src_node), static_cast<void*>(dst_node));
                 return -6;
             }
-            m_packet_info[idx].buffer = dst;
+            PacketSlot(idx).buffer = dst;
             idx = idx + 1 == kPacketInfoSize ? 0 : idx + 1;
         }
     }

@@ -12,6 +12,27 @@
 // belong to the owner, which keeps them alive for the connector's lifetime. The connector
 // frees none of them and returns every block it borrowed at Fini.
 //
+// An idle connection holds no pool block and no ring storage, so that a process can keep
+// as many idle connections as it has descriptors:
+// - Receive block. The current receive block (m_rx_buffer) goes back to the pool as soon as
+//   nothing needs it: it holds no unread byte, no packet is half received (or being
+//   delivered to the callback), and the ring is empty (so no packet waiting for, or handed
+//   out by, Peek lies in it). That is checked at the end of every Recv and by the Drop that
+//   takes the ring's last packet, whichever comes last; the next read takes a block again.
+//   Both checks run under m_rx_mutex. Recv reads into m_rx_buffer and parses it without the
+//   lock, so Drop, which may run on a consumer thread, releases the block only while no Recv
+//   is under way (m_rx_reading, which Recv sets on entry and clears on exit under
+//   m_rx_mutex); a Drop that meets a Recv leaves the release to that Recv's end. Cost: one
+//   pool round trip per packet on a ping-pong load (the pool is last in, first out, so the
+//   block comes back cache-warm). The receive wait statistics count the released block
+//   like any block that Drop frees.
+// - Packet ring. The ring keeps its capacity of kPacketInfoSize packets, but only
+//   kInlinePacketSlots slots live in the connector. When more packets wait, framing takes
+//   storage for the whole ring from a process-wide cache (the heap only when the cache is
+//   empty) and the Drop that empties the ring gives it back (see GetPacketRingsInUse). A
+//   connection that keeps a few packets in flight never touches the cache; one that
+//   bursts pays one cache round trip per burst.
+//
 // Threads and locks:
 //   m_mutex                  connection state: status, socket, epoll registration
 //   m_rx_mutex               receive queue, ring indices, rebinding of m_rx_packet/m_rx_buffer
@@ -157,7 +178,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // the current receive block). Update thread only. Called from the receive callback, a
     // nonzero value means more data follows the packet being delivered, so the next packet
     // is likely to be delivered in the same call; an owner can cork its replies on it.
-    int GetUnframedLen() const { return m_rx_buffer != nullptr ? m_rx_buffer->ReadRemaining() : 0; }
+    // Takes m_rx_mutex (the block may be given back by a consumer thread's Drop).
+    int GetUnframedLen();
 
     // ---- the peer's end of stream ----
 
@@ -196,7 +218,7 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // because the ring is full, or when only a block is lacking for the next read. Those
     // waiting packets are checked with the parser, one call per packet (only while the
     // ring is or just was full), so the answer does not depend on when framing last ran.
-    // Update thread only.
+    // Update thread only; takes m_rx_mutex (see GetUnframedLen).
     bool HasPartialPacket();
     // Complete packets received on this connection (the counter behind the first-packet
     // dump). Reset clears it, CopyFrom copies it.
@@ -235,7 +257,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     void SetCloseSocket(bool close_socket) { m_close_socket = close_socket; }
     bool GetCloseSocket() const { return m_close_socket; }
     int GetSocket() const { return m_socket; }
-    // Moves the live state of `that` (same socket) into this fresh connector. 0, or -1..-8.
+    // Moves the live state of `that` (same socket) into this fresh connector. 0, or -1..-8,
+    // or -9 when more than kInlinePacketSlots packets wait and no memory could be had for
+    // this connector's ring (ERROR "cannot take packet ring storage, packets=%d").
     // Neither connector may be in use by another thread.
     int CopyFrom(CTcpConnector& that);
 
@@ -313,11 +337,23 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
 
     // ---- diagnostics ----
 
-    // One-line dump into m_to_string; valid until the next ToString on this connector.
+    // One-line dump into a buffer of the calling thread (512 bytes, not one per connector, so
+    // that an idle connection does not carry it); valid until the next ToString on the same
+    // thread, whichever connector it describes.
     const char* ToString();
     // One statistics row into buf (at most len bytes); returns the row's full length.
     int PrintStat(char* buf, int len);
     int GetPacketInfoCnt();
+
+    // ---- packet ring storage (process-wide; any thread) ----
+
+    // Ring slots inside every connector; more waiting packets need ring storage.
+    static constexpr int kInlinePacketSlots = 4;
+    // Ring storage (kPacketInfoSize slots) held by connectors now, and kept for reuse. At most
+    // kPacketRingCacheMax storages are kept; one given back beyond that goes to the heap.
+    static constexpr int kPacketRingCacheMax = 32;
+    static long GetPacketRingsInUse();
+    static long GetPacketRingsCached();
     int GetSendQCount() override;
     int GetRecvQCount() override;
     int GetSendBuffLeftRate() override;
@@ -341,6 +377,31 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     int ParseNetBuffer();
     int CombinePacket(PacketInfo* info, char* out, LogCategory* log_cat);
     void ReleaseCallBackPacket();
+    // The body of Recv; Recv brackets it with m_rx_reading and the idle release.
+    int RecvLoop();
+    // Gives the receive blocks back to the pool when nothing needs them (see the top of this
+    // file); a no-op otherwise. Caller holds m_rx_mutex.
+    void ReleaseIdleRxLocked();
+    // Frees the front block of m_rx_queue, counting its wait in the receive statistics.
+    // Caller holds m_rx_mutex; `now` is read once by the caller (`have_now` tells whether).
+    void ReleaseFrontRxBlockLocked(struct timeval* now, bool* have_now);
+
+    // The ring slot of index `idx` (0..kPacketInfoSize-1): in the ring storage when the
+    // connector holds one, else in the inline slots. Caller holds m_rx_mutex, or is the
+    // consumer reading the head slot (see Peek).
+    PacketInfo& PacketSlot(int idx) {
+        return m_packet_info != nullptr ? m_packet_info[idx] : m_packet_info_inline[idx % kInlinePacketSlots];
+    }
+    // Packets in the ring (the rule of GetPacketInfoCnt). Caller holds m_rx_mutex.
+    int PacketCountLocked() const;
+    // Moves the ring into ring storage once kInlinePacketSlots packets wait, so that framing
+    // may file more. False when no storage could be had (framing then waits as for a full
+    // ring). Update thread; takes m_rx_mutex.
+    bool GrowPacketRing();
+    // Ring storage: taken from the process-wide cache or the heap (null when the heap
+    // refuses), and given back (null is ignored).
+    static PacketInfo* TakePacketRing();
+    static void GivePacketRing(PacketInfo* ring);
 
     // send path
     // Whether `len` more bytes in fresh blocks would take the queue over m_max_tx_buf_num.
@@ -374,6 +435,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // blocks would take the queue over m_max_tx_buf_num, logs the DEBUG line to `cat`, marks
     // the send side full (counted once per episode) and returns true.
     bool RefuseOverQueueLimit(int len, LogCategory* cat);
+    // GetLocalSocketName into m_peer_url (unchanged on failure). 0, or -1.
+    int LocalSocketName(int socket);
     // Records `events` as the socket's registration after Init/Connect registered it (or 0
     // after Close removed it). Takes m_tx_mutex; callers may hold m_mutex.
     void SetRegisteredEvents(unsigned int events);
@@ -404,6 +467,13 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     PacketInfo m_rx_packet;
     int m_packet_head_idx;  // guarded by m_rx_mutex
     int m_packet_tail_idx;  // guarded by m_rx_mutex
+    // Recv is under way on the update thread; Drop then leaves the idle release to it.
+    // Guarded by m_rx_mutex.
+    bool m_rx_reading = false;
+    // The ring's storage while more than the inline slots are needed, else null. Guarded by
+    // m_rx_mutex (taken by framing, given back by the Drop that empties the ring).
+    PacketInfo* m_packet_info = nullptr;
+    PacketInfo m_packet_info_inline[kInlinePacketSlots];  // the ring's slots otherwise
     bool m_is_wait_alloc_big_buffer;
     time_t m_wait_alloc_starttime;
 
@@ -451,8 +521,7 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     int m_read_errno = 0;
     Relaxed<int> m_write_errno;
 
-    // Large and rarely touched members come last, so that the fields every packet uses share
-    // a few cache lines instead of being spread around the 24 KB ring.
+    // Rarely touched members come last.
     union {
         struct sockaddr_in m_addr;
         struct sockaddr_in6 m_addr6;
@@ -461,9 +530,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
         int m_ip;
         struct in6_addr m_ipv6;
     };
-    char m_peer_url[256];  // local address text
-    char m_to_string[512];
-    PacketInfo m_packet_info[kPacketInfoSize];  // the ring; guarded by m_rx_mutex
+    // Local address text: "tcp://[" + at most 45 characters of an IPv6 address + "]:" + port.
+    char m_peer_url[64];
 };
 
 }  // namespace QUOLNET

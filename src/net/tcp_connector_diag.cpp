@@ -8,6 +8,10 @@ namespace QUOLNET {
 
 int CTcpConnector::GetPacketInfoCnt() {
     AutoLocker locker(&m_rx_mutex);
+    return PacketCountLocked();
+}
+
+int CTcpConnector::PacketCountLocked() const {
     if (m_packet_head_idx == -1) {
         return 0;
     }
@@ -37,6 +41,14 @@ int CTcpConnector::GetRecvBuffLeftRate() {
     return static_cast<int>(100u - used);
 }
 
+namespace {
+
+// ToString's text, one per thread rather than one per connector: a connector is mostly idle,
+// and 512 bytes in each would be a good part of an idle connection's memory.
+thread_local char t_to_string[512];
+
+}  // namespace
+
 const char* CTcpConnector::ToString() {
     // The block description is limited to 64 bytes on purpose: it keeps the line short, and
     // a typical description is cut near its end.
@@ -55,7 +67,7 @@ const char* CTcpConnector::ToString() {
     unsigned int events = GetEvent();
     int tx_cnt = GetSendQCount();
     int rx_cnt = GetRecvQCount();
-    snprintf(m_to_string, sizeof(m_to_string),
+    snprintf(t_to_string, sizeof(t_to_string),
              "CTcpConnector[this=%p, idx=%d, url=%s, local_url=%s, m_events=%d, m_parser=%p, m_socket=%d, "
              "m_tx_queue.cnt=%d, m_rx_queue.cnt=%d, m_close_socket=%d, m_packet_head_idx=%d, "
              "m_packet_tail_idx=%d, m_rx_packet[buffer=%p, start_pos=%d, len=%d, recv_len=%d], "
@@ -66,7 +78,7 @@ const char* CTcpConnector::ToString() {
              m_rx_packet.start_pos, m_rx_packet.len, m_rx_packet.recv_len, rx_buffer_text,
              m_is_wait_alloc_big_buffer ? 1 : 0, static_cast<unsigned long>(m_tx_packet_cnt.load()),
              static_cast<unsigned long>(m_rx_packet_cnt.load()));
-    return m_to_string;
+    return t_to_string;
 }
 
 int CTcpConnector::PrintStat(char* buf, int len) {

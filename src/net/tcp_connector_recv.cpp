@@ -14,6 +14,13 @@
 //
 // Releasing: Drop frees blocks lazily from the front of m_rx_queue, stopping at the first
 // block still used by a queued packet, by the packet being assembled or by the read position.
+// The current block itself goes back once nothing needs it (ReleaseIdleRxLocked, at the end
+// of Recv and in the Drop that empties the ring), so an idle connection holds no block.
+//
+// The ring: its first kInlinePacketSlots packets live in the connector; framing moves it to
+// ring storage of kPacketInfoSize slots (GrowPacketRing) before filing one more, and the
+// Drop that empties the ring gives that storage back. Storage comes from a small
+// process-wide cache, so a steady load never reaches the heap for it.
 //
 // Threads: Recv and everything it calls run on the update thread. Peek and Drop may run on
 // one consumer thread. They meet under m_rx_mutex, which guards m_rx_queue, the ring indices
@@ -32,9 +39,11 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include "net/tcp_connector.h"
 #include "net/tcp_connector_log.h"
@@ -57,7 +66,96 @@ NetBuffer* NextBlock(NetBuffer* buffer) {
     return next == nullptr ? nullptr : static_cast<NetBuffer*>(next->pData);
 }
 
+// Ring storages given back and kept for reuse, shared by every connector of the process.
+struct PacketRingCache {
+    Mutex mutex;
+    PacketInfo* cached[CTcpConnector::kPacketRingCacheMax];  // guarded by mutex
+    long cached_cnt = 0;                                     // guarded by mutex
+    std::atomic<long> in_use{0};                             // held by connectors
+};
+
+PacketRingCache& RingCache() {
+    // Made on first use and never destroyed, so that a connector with static storage
+    // duration may still give its ring back while the process exits.
+    static PacketRingCache* cache = new PacketRingCache;
+    return *cache;
+}
+
 }  // namespace
+
+// ---------------------------------------------------------------------------------------
+// Ring storage
+// ---------------------------------------------------------------------------------------
+
+PacketInfo* CTcpConnector::TakePacketRing() {
+    PacketRingCache& cache = RingCache();
+    PacketInfo* ring = nullptr;
+    {
+        AutoLocker locker(&cache.mutex);
+        if (cache.cached_cnt > 0) {
+            ring = cache.cached[--cache.cached_cnt];
+        }
+    }
+    if (ring == nullptr) {
+        ring = new (std::nothrow) PacketInfo[kPacketInfoSize];
+        if (ring == nullptr) {
+            return nullptr;
+        }
+    }
+    cache.in_use.fetch_add(1, std::memory_order_relaxed);
+    return ring;
+}
+
+void CTcpConnector::GivePacketRing(PacketInfo* ring) {
+    if (ring == nullptr) {
+        return;
+    }
+    PacketRingCache& cache = RingCache();
+    cache.in_use.fetch_sub(1, std::memory_order_relaxed);
+    {
+        AutoLocker locker(&cache.mutex);
+        if (cache.cached_cnt < kPacketRingCacheMax) {
+            cache.cached[cache.cached_cnt++] = ring;
+            return;
+        }
+    }
+    delete[] ring;
+}
+
+long CTcpConnector::GetPacketRingsInUse() {
+    return RingCache().in_use.load(std::memory_order_relaxed);
+}
+
+long CTcpConnector::GetPacketRingsCached() {
+    PacketRingCache& cache = RingCache();
+    AutoLocker locker(&cache.mutex);
+    return cache.cached_cnt;
+}
+
+bool CTcpConnector::GrowPacketRing() {
+    PacketInfo* ring = TakePacketRing();
+    if (ring == nullptr) {
+        return false;
+    }
+    {
+        AutoLocker locker(&m_rx_mutex);
+        if (m_packet_info == nullptr && m_packet_head_idx != -1) {
+            // Live slots keep their indices. The consumer may be reading the head's inline
+            // slot without the lock (Peek): it is copied, not changed, and the inline slots
+            // are written again only after the ring has emptied.
+            for (int idx = m_packet_head_idx;; idx = idx + 1 == kPacketInfoSize ? 0 : idx + 1) {
+                ring[idx] = m_packet_info_inline[idx % kInlinePacketSlots];
+                if (idx == m_packet_tail_idx) {
+                    break;
+                }
+            }
+            m_packet_info = ring;
+            ring = nullptr;
+        }
+    }
+    GivePacketRing(ring);  // the consumer emptied the ring meanwhile: not needed after all
+    return true;
+}
 
 // ---------------------------------------------------------------------------------------
 // Receive blocks and socket reads
@@ -142,6 +240,18 @@ int CTcpConnector::ReadSocket(void* buf, int len) {
 int CTcpConnector::Recv() {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::Recv(), url=%s, local_url=%s, m_rx_status=%d", GetURL(),
            GetLocalURL(), static_cast<int>(m_rx_status));
+    {
+        AutoLocker locker(&m_rx_mutex);
+        m_rx_reading = true;
+    }
+    int ret = RecvLoop();
+    AutoLocker locker(&m_rx_mutex);
+    m_rx_reading = false;
+    ReleaseIdleRxLocked();
+    return ret;
+}
+
+int CTcpConnector::RecvLoop() {
     m_read_errno = 0;
     if (m_peer_closed && m_keep_writing_after_peer_close) {
         return 0;  // reading stopped for good at the peer's end of stream
@@ -315,10 +425,22 @@ int CTcpConnector::ParseNetBuffer() {
     time_t now = tv.tv_sec;
 
     for (;;) {
-        // 1. Room in the ring.
-        int packet_cnt = GetPacketInfoCnt();
+        // 1. Room in the ring. Past the inline slots the ring's storage is taken first, once
+        //    bytes wait that may make one more packet (not after the last packet of a read).
+        int packet_cnt = 0;
+        bool need_ring = false;
+        {
+            AutoLocker locker(&m_rx_mutex);
+            packet_cnt = PacketCountLocked();
+            need_ring = packet_cnt >= kInlinePacketSlots && m_packet_info == nullptr;
+        }
         if (packet_cnt == kPacketInfoSize) {
             return 0;
+        }
+        if (need_ring &&
+            (m_rx_packet.len > 0 || (m_rx_buffer != nullptr && m_rx_buffer->HasReadRemaining())) &&
+            !GrowPacketRing()) {
+            return 0;  // no memory for the ring now: wait as for a full ring
         }
 
         // 2. One sample of the ring's fill per second: a one-minute sliding average, not
@@ -470,7 +592,7 @@ int CTcpConnector::ParseNetBuffer() {
         } else if (m_packet_tail_idx == -1) {
             m_packet_head_idx = 0;
             m_packet_tail_idx = 0;
-            m_packet_info[0] = m_rx_packet;
+            PacketSlot(0) = m_rx_packet;
         } else {
             int next = m_packet_tail_idx + 1;
             if (next == kPacketInfoSize) {
@@ -485,7 +607,7 @@ int CTcpConnector::ParseNetBuffer() {
                        GetLocalURL(), m_packet_head_idx);
                 return kParseMalformed;
             }
-            m_packet_info[next] = m_rx_packet;
+            PacketSlot(next) = m_rx_packet;
         }
 
         // Next packet starts where reading stands.
@@ -497,7 +619,13 @@ int CTcpConnector::ParseNetBuffer() {
     }
 }
 
+int CTcpConnector::GetUnframedLen() {
+    AutoLocker locker(&m_rx_mutex);
+    return m_rx_buffer != nullptr ? m_rx_buffer->ReadRemaining() : 0;
+}
+
 bool CTcpConnector::HasPartialPacket() {
+    AutoLocker locker(&m_rx_mutex);
     if (m_rx_packet.len > 0) {
         // The length is known; the packet is filed (and m_rx_packet cleared) once complete.
         return m_rx_packet.recv_len < m_rx_packet.len;
@@ -531,16 +659,18 @@ int CTcpConnector::Peek(const char** buf, unsigned int& len, LogCategory* log_ca
            GetLocalURL(), static_cast<void*>(buf));
     *buf = nullptr;
     len = 0;
-    int head = -1;
+    PacketInfo* slot = nullptr;
     {
         AutoLocker locker(&m_rx_mutex);
-        head = m_packet_head_idx;
+        if (m_packet_head_idx != -1) {
+            slot = &PacketSlot(m_packet_head_idx);
+        }
     }
-    if (head == -1) {
+    if (slot == nullptr) {
         return 0;
     }
-    // Only Drop, on this same thread, moves the head, so the slot stays put without the lock.
-    PacketInfo* slot = &m_packet_info[head];
+    // Only Drop, on this same thread, moves the head or gives the ring storage back, so the
+    // slot stays put without the lock (a move of the ring to storage copies it).
     if (slot->len > 65536) {
         int ret = CombinePacket(slot, m_combine_buf, cat);
         if (ret != 0) {
@@ -563,54 +693,87 @@ int CTcpConnector::Peek(const char** buf, unsigned int& len, LogCategory* log_ca
 }
 
 int CTcpConnector::Drop() {
-    AutoLocker locker(&m_rx_mutex);
-    if (m_packet_head_idx == -1) {
-        return -1;
-    }
-    memset(&m_packet_info[m_packet_head_idx], 0, sizeof(PacketInfo));
-    if (m_packet_head_idx == m_packet_tail_idx) {
-        m_packet_head_idx = -1;
-        m_packet_tail_idx = -1;
-    } else {
-        ++m_packet_head_idx;
-        if (m_packet_head_idx == kPacketInfoSize) {
-            m_packet_head_idx = 0;
+    PacketInfo* spare_ring = nullptr;
+    {
+        AutoLocker locker(&m_rx_mutex);
+        if (m_packet_head_idx == -1) {
+            return -1;
+        }
+        memset(&PacketSlot(m_packet_head_idx), 0, sizeof(PacketInfo));
+        if (m_packet_head_idx == m_packet_tail_idx) {
+            m_packet_head_idx = -1;
+            m_packet_tail_idx = -1;
+            spare_ring = m_packet_info;  // empty: the inline slots serve again
+            m_packet_info = nullptr;
+        } else {
+            ++m_packet_head_idx;
+            if (m_packet_head_idx == kPacketInfoSize) {
+                m_packet_head_idx = 0;
+            }
+        }
+
+        // The clock is read once, when the first block is freed: most drops free nothing
+        // (the next packet shares the block), and the time is used for nothing else.
+        struct timeval now;
+        bool have_now = false;
+        NetBuffer* head_block = m_packet_head_idx != -1 ? PacketSlot(m_packet_head_idx).buffer : nullptr;
+        for (;;) {
+            LIST_NODE* front = m_rx_queue.Head();
+            if (front == nullptr) {
+                break;
+            }
+            NetBuffer* block = static_cast<NetBuffer*>(front->pData);
+            if ((m_packet_head_idx != -1 && block == head_block) || block == m_rx_buffer ||
+                block == m_rx_packet.buffer) {
+                break;
+            }
+            ReleaseFrontRxBlockLocked(&now, &have_now);
+        }
+        if (m_packet_head_idx == -1) {
+            ReleaseIdleRxLocked();
         }
     }
+    GivePacketRing(spare_ring);
+    return 0;
+}
 
-    // The clock is read once, when the first block is freed: most drops free nothing (the
-    // next packet shares the block), and the time is used for nothing else.
+void CTcpConnector::ReleaseFrontRxBlockLocked(struct timeval* now, bool* have_now) {
+    LIST_NODE* front = m_rx_queue.RemoveHead();
+    NetBuffer* block = static_cast<NetBuffer*>(front->pData);
+    if (!*have_now) {
+        gettimeofday(now, nullptr);
+        *have_now = true;
+    }
+    int wait = WaitMicros(block->m_tv, *now);
+    if (wait < 0) {
+        wait = 0;
+    }
+    if (m_rx_max_wait_time < wait) {
+        m_rx_max_wait_time = wait;
+    }
+    // The previous average in this formula is the send side's: the receive average follows
+    // the send average with a weight of 1/10000 per freed block.
+    m_rx_avg_wait_time = static_cast<float>((wait + 9999.0 * m_tx_avg_wait_time) / 10000.0);
+    m_net_buf_mgr->Release(&block);
+}
+
+// Every block of m_rx_queue is spent when the ring is empty and nothing is half received
+// in the current block (the last of the queue): earlier blocks hold only consumed packets
+// and bytes carried over to a later block.
+void CTcpConnector::ReleaseIdleRxLocked() {
+    if (m_rx_reading || m_packet_head_idx != -1 || m_rx_buffer == nullptr) {
+        return;
+    }
+    if (m_rx_status != RECV_PACKET_HEAD_STATUS || m_rx_packet.len != 0 || m_rx_buffer->HasReadRemaining()) {
+        return;
+    }
     struct timeval now;
     bool have_now = false;
-    NetBuffer* head_block = m_packet_head_idx != -1 ? m_packet_info[m_packet_head_idx].buffer : nullptr;
-    for (;;) {
-        LIST_NODE* front = m_rx_queue.Head();
-        if (front == nullptr) {
-            break;
-        }
-        NetBuffer* block = static_cast<NetBuffer*>(front->pData);
-        if ((m_packet_head_idx != -1 && block == head_block) || block == m_rx_buffer ||
-            block == m_rx_packet.buffer) {
-            break;
-        }
-        if (!have_now) {
-            gettimeofday(&now, nullptr);
-            have_now = true;
-        }
-        int wait = WaitMicros(block->m_tv, now);
-        if (wait < 0) {
-            wait = 0;
-        }
-        if (m_rx_max_wait_time < wait) {
-            m_rx_max_wait_time = wait;
-        }
-        // The previous average in this formula is the send side's: the receive average
-        // follows the send average with a weight of 1/10000 per freed block.
-        m_rx_avg_wait_time = static_cast<float>((wait + 9999.0 * m_tx_avg_wait_time) / 10000.0);
-        m_rx_queue.RemoveHead();
-        m_net_buf_mgr->Release(&block);
+    while (!m_rx_queue.IsEmpty()) {
+        ReleaseFrontRxBlockLocked(&now, &have_now);
     }
-    return 0;
+    m_rx_buffer = nullptr;
+    memset(&m_rx_packet, 0, sizeof(m_rx_packet));
 }
 
 int CTcpConnector::CombinePacket(PacketInfo* info, char* out, LogCategory* log_cat) {
@@ -714,6 +877,17 @@ void CTcpConnector::ReleaseCallBackPacket() {
 
     // The block in which the packet ends: free it unless it already holds the next packet.
     if (m_rx_buffer->HasReadRemaining()) {
+        return;
+    }
+    if (m_packet_head_idx == -1 && m_rx_queue.Count() == 1 && m_rx_queue.Head()->pData == m_rx_buffer) {
+        // The connection's only block is read on from its start instead of being swapped for
+        // a fresh one: the read that follows needs a block anyway, and the end of Recv gives
+        // it back if nothing more comes.
+        m_rx_buffer->m_read_pos = 0;
+        m_rx_buffer->m_write_pos = 0;
+        m_rx_buffer->m_limit_pos = NetBuffer::kBlockSize;
+        m_rx_buffer->m_is_big_buf = 0;
+        gettimeofday(&m_rx_buffer->m_tv, nullptr);
         return;
     }
     m_rx_queue.Remove(&block->m_node);

@@ -216,7 +216,7 @@ TEST_F(CopyFromTest, BlocksMissingFromTheQueueGiveMinusSixSevenEight) {
         if (which == 6) {
             Peer::m_packet_head_idx(*a.c) = 0;
             Peer::m_packet_tail_idx(*a.c) = 0;
-            Peer::m_packet_info(*a.c)[0].buffer = stray;
+            Peer::Slot(*a.c, 0).buffer = stray;
         } else if (which == 7) {
             Peer::m_rx_buffer(*a.c) = stray;
         } else {
@@ -274,8 +274,10 @@ TEST_F(CopyFromTest, HandOverMidStreamLosesNothing) {
 
     ASSERT_EQ(0, b.c->Init(kUrl, &m_parser, m_ep2, m_server));
     m_log_dst.Clear();
+    const long rings = CTcpConnector::GetPacketRingsInUse();  // the source's: 20 packets wait
     ASSERT_EQ(0, b.c->CopyFrom(*a.c)) << m_log_dst.Dump();
     EXPECT_EQ(20, b.c->GetPacketInfoCnt());
+    EXPECT_EQ(rings + 1, CTcpConnector::GetPacketRingsInUse());  // a ring of its own
     EXPECT_EQ(a.c->GetSendQCount(), b.c->GetSendQCount());
     EXPECT_EQ(a.c->GetRecvQCount(), b.c->GetRecvQCount());
     a.c->SetCloseSocket(false);  // the destination keeps the descriptor
@@ -313,6 +315,7 @@ TEST_F(CopyFromTest, HandOverMidStreamLosesNothing) {
     EXPECT_EQ(out_wire, received);
     b.c->Fini();
     EXPECT_EQ(0u, m_pool.GetUsedCount());
+    EXPECT_EQ(0, CTcpConnector::GetPacketRingsInUse());
 }
 
 // A big packet's chain grows with its bytes: a source that waits for the next block of its

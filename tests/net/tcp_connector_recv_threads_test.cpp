@@ -13,6 +13,7 @@ namespace {
 
 using qntest::HarnessOptions;
 using qntest::RecvHarness;
+using QUOLNET::CTcpConnector;
 
 const int kPackets = 100000;
 
@@ -122,6 +123,78 @@ TEST(TcpConnectorRecvThreads, ConsumerSeesEveryPacketExactlyOnce) {
     EXPECT_EQ(static_cast<unsigned>(h.c().GetRecvQCount()), h.pool().GetUsedCount());
     h.c().Fini();
     EXPECT_EQ(0u, h.pool().GetUsedCount());
+}
+
+// One packet at a time, so that the ring empties after each: the receive block goes back to
+// the pool now in the consumer's Drop, now at the end of a Recv (when the Drop met it), and a
+// burst now and then moves the ring to ring storage and back. Nothing is lost, and the
+// connection ends idle.
+TEST(TcpConnectorRecvThreads, IdleReleaseBetweenTheReceiveAndConsumerThreads) {
+    HarnessOptions o;
+    o.pool_blocks = 16;
+    o.with_log = false;
+    RecvHarness h(o);
+    ASSERT_TRUE(h.ok());
+    const int kRounds = 3000;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    std::atomic<int> consumed{0};
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad_seq{-1};
+
+    std::thread consumer([&] {
+        uint32_t next = 0;
+        while (next < static_cast<uint32_t>(kRounds) * 2 && !stop.load()) {
+            const char* buf = nullptr;
+            unsigned int len = 0;
+            if (h.c().Peek(&buf, len, nullptr) != 0 || buf == nullptr) {
+                std::this_thread::yield();
+                continue;
+            }
+            if (len != static_cast<unsigned int>(SizeOf(next)) || memcmp(buf + 4, &next, 4) != 0) {
+                bad_seq.store(static_cast<int>(next));
+                stop.store(true);
+                return;
+            }
+            h.c().Drop();
+            ++next;
+            consumed.store(static_cast<int>(next));
+        }
+    });
+
+    int error = 0;
+    uint32_t seq = 0;
+    for (int round = 0; round < kRounds && !stop.load() && error == 0; ++round) {
+        // Mostly one packet; every tenth round a burst of eight (past the inline slots).
+        int burst = round % 10 == 9 ? 8 : 1;
+        std::string wire;
+        for (int k = 0; k < burst; ++k) {
+            wire += Build(seq++);
+        }
+        if (!qntest::WriteAll(h.client(), wire.data(), wire.size(), 30000)) {
+            error = -1;
+            break;
+        }
+        while (consumed.load() < static_cast<int>(seq) && !stop.load()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                error = -2;
+                break;
+            }
+            h.WaitReadable(1);
+            int r = h.RecvOnce();
+            if (r < 0) {
+                error = r;
+                break;
+            }
+        }
+    }
+    stop.store(true);
+    consumer.join();
+    EXPECT_EQ(0, error);
+    EXPECT_EQ(-1, bad_seq.load());
+    EXPECT_EQ(static_cast<int>(seq), consumed.load());
+    EXPECT_EQ(0, h.RecvOnce());  // the last Drop may have met a Recv: this one's end releases
+    EXPECT_EQ(0u, h.pool().GetUsedCount());
+    EXPECT_EQ(0, CTcpConnector::GetPacketRingsInUse());
 }
 
 }  // namespace

@@ -41,6 +41,8 @@ class CTcpConnectorTestPeer {
     QN_PEER_FIELD(m_rx_buffer)
     QN_PEER_FIELD(m_rx_packet)
     QN_PEER_FIELD(m_packet_info)
+    QN_PEER_FIELD(m_packet_info_inline)
+    QN_PEER_FIELD(m_rx_reading)
     QN_PEER_FIELD(m_packet_head_idx)
     QN_PEER_FIELD(m_packet_tail_idx)
     QN_PEER_FIELD(m_is_wait_alloc_big_buffer)
@@ -58,7 +60,6 @@ class CTcpConnectorTestPeer {
     QN_PEER_FIELD(m_is_last_rx_full)
     QN_PEER_FIELD(m_rx_packet_cnt)
     QN_PEER_FIELD(m_tx_packet_cnt)
-    QN_PEER_FIELD(m_to_string)
     QN_PEER_FIELD(m_is_sending)
     QN_PEER_FIELD(m_registered_events)
     QN_PEER_FIELD(m_tx_tail_detached)
@@ -80,6 +81,15 @@ class CTcpConnectorTestPeer {
     }
     static void ReleaseCallBackPacket(CTcpConnector& c) {
         c.ReleaseCallBackPacket();
+    }
+    // The ring slot of index `idx`, wherever it lives now (inline or ring storage).
+    static PacketInfo& Slot(CTcpConnector& c, int idx) {
+        return c.PacketSlot(idx);
+    }
+    // Moves the ring to ring storage as framing does past the inline slots (the ring must
+    // hold a packet). False when no storage could be had.
+    static bool GrowPacketRing(CTcpConnector& c) {
+        return c.GrowPacketRing();
     }
 };
 
