@@ -33,6 +33,12 @@ void* CountedAlloc(size_t size) {
 
 }  // namespace
 
+// The replacements below pair malloc with free by design; GCC cannot see that the two
+// replaced operators match and warns at every delete.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
 void* operator new(size_t size) {
     void* p = CountedAlloc(size);
     if (p == nullptr) {
