@@ -152,6 +152,12 @@ class QUOLNET_EXPORT CConnectorMgr {
     static constexpr int kSendFailed = -5;        // the write failed; the connection is closing
     static constexpr int kSendBadArgs = -6;       // null buffer or zero length
 
+    // Blocks the manager's own pool keeps back from reading for replies: a sixteenth, at
+    // least one in a pool of two or more (see CNetBufferMgr's tx_reserve_blocks).
+    static unsigned int SendReserveFor(unsigned int pool_blocks) {
+        return pool_blocks >= 16 ? pool_blocks / 16 : (pool_blocks >= 2 ? 1 : 0);
+    }
+
     // `handler` (not owned) receives the connections' events; it must outlive the manager.
     CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptions& options = ConnectorMgrOptions());
     // Closes every connection (without offering further packets) and every descriptor.
@@ -258,6 +264,11 @@ class QUOLNET_EXPORT CConnectorMgr {
     void AdoptAccepted(int fd, const std::string& peer);
     void Queue(OwnedConn* conn);
     void Retry(OwnedConn* conn) { m_pending.push_back(conn); }
+    // Parks a connection whose reading waits for a pool block: it is retried only when the
+    // pool has blocks again, a few per free block, not every tick (see ResumeStarved).
+    void Starve(OwnedConn* conn);
+    void ResumeStarved();
+    unsigned int RecvBlocksFree() const;
     void ReleaseFd(OwnedConn* conn);
     void DestroyConn(OwnedConn* conn);
     void CloseNow(ConnId id, bool graceful);
@@ -300,6 +311,7 @@ class QUOLNET_EXPORT CConnectorMgr {
 
     OwnedConn* m_delivering;              // the connection whose packet OnPacket is handling
     std::vector<OwnedConn*> m_work;       // connections to service this tick (loop thread)
+    std::vector<OwnedConn*> m_starved;    // reading waits for a block, oldest first (loop thread)
     std::vector<OwnedConn*> m_pending;    // work carried over to the next tick (loop thread)
     std::vector<OwnedConn*> m_corked;     // connections with corked sends this tick (loop thread)
     std::vector<OwnedConn*> m_graveyard;  // finalised or moved away, freed at the end of the tick

@@ -14,12 +14,14 @@ LogCategory g_pool_log_cat("quolnet.pool", LOG_PRIORITY_ERROR);
 
 }  // namespace
 
-CNetBufferMgr::CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks, int min_big_packet_len)
+CNetBufferMgr::CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks, int min_big_packet_len,
+                             unsigned int tx_reserve_blocks)
     : m_max_block_num(max_block_num),
       m_rx_reserve_blocks(
           rx_reserve_blocks >= 0
               ? rx_reserve_blocks
               : (max_block_num / 8 > 0 ? static_cast<int>(max_block_num / 8) : (max_block_num > 1 ? 1 : 0))),
+      m_tx_reserve_blocks(tx_reserve_blocks < max_block_num ? tx_reserve_blocks : 0),
       m_min_big_packet_len(min_big_packet_len),
       m_used(0),
       m_peak_used(0) {}
@@ -97,7 +99,7 @@ NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
         gettimeofday(&now, nullptr);
     }
     AutoLocker locker(&m_mutex);
-    if (m_used >= m_max_block_num) {
+    if (m_used >= m_max_block_num || (is_rx && m_used >= m_max_block_num - m_tx_reserve_blocks)) {
         return nullptr;
     }
     return TakeLocked(is_rx, is_big, is_rx ? &now : nullptr);
@@ -115,7 +117,8 @@ bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
     }
     CBidirList got;
     AutoLocker locker(&m_mutex);
-    if (m_max_block_num - m_used < need || m_used > m_max_block_num) {
+    unsigned int limit = is_rx ? m_max_block_num - m_tx_reserve_blocks : m_max_block_num;
+    if (m_used > limit || limit - m_used < need) {
         return false;
     }
     for (unsigned int i = 0; i < need; ++i) {

@@ -20,6 +20,12 @@
 // Allocate itself does not apply the reserve; it is advice that IsSendBufEnough passes on
 // to the application.
 //
+// The other way round, a pool may keep back `tx_reserve_blocks` from receiving (0 by
+// default; the connector manager's own pool keeps a sixteenth): receive allocations
+// (is_rx) are refused when no more than that many blocks are free, so that when reading has
+// taken everything else the replies that would let received packets go can still reserve
+// blocks, and the server cannot deadlock on its own pool.
+//
 // GetMinBigPacketLen (default 1 MiB): a receive that waits for the chain of a packet at
 // least this long is flagged as waiting for a big buffer, and the update driver stops
 // reading that socket until the owner retries (the kernel keeps the bytes meanwhile).
@@ -50,8 +56,9 @@ class QUOLNET_EXPORT CNetBufferMgr {
   public:
     // A pool of at most `max_block_num` blocks at once; `rx_reserve_blocks` of them are kept
     // back from CanAllocateSendBuf (-1 selects one eighth of the pool, at least one).
+    // `tx_reserve_blocks` are kept back from receive allocations (see above).
     explicit CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks = -1,
-                           int min_big_packet_len = 1 << 20);
+                           int min_big_packet_len = 1 << 20, unsigned int tx_reserve_blocks = 0);
     ~CNetBufferMgr();
     CNetBufferMgr(const CNetBufferMgr&) = delete;
     CNetBufferMgr& operator=(const CNetBufferMgr&) = delete;
@@ -91,6 +98,7 @@ class QUOLNET_EXPORT CNetBufferMgr {
     unsigned int GetFreeCount();      // blocks made and waiting for reuse
     unsigned int GetPeakUsedCount();  // most blocks out at once since construction
     int GetRxReserveBlocks() const { return m_rx_reserve_blocks; }
+    unsigned int GetTxReserveBlocks() const { return m_tx_reserve_blocks; }
 
     // Releases refused because the block was not out (see above). Any thread.
     unsigned long GetDoubleReleaseCount();
@@ -111,6 +119,7 @@ class QUOLNET_EXPORT CNetBufferMgr {
 
     const unsigned int m_max_block_num;
     const int m_rx_reserve_blocks;
+    const unsigned int m_tx_reserve_blocks;
     const int m_min_big_packet_len;
 
     Mutex m_mutex;

@@ -240,6 +240,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // The errno of the last failed write on this connection, by any thread (a direct Send
     // included, which Update does not see), or 0. Reset clears it. Any thread.
     int GetLastWriteErrno() const { return m_write_errno; }
+    // Whether the last attempt to take a receive block was refused (the pool was empty or
+    // the connection was at m_max_rx_buf_num) and none has been taken since. Any thread.
+    bool IsRecvStarved() const { return m_is_last_rx_full; }
     void GetIPAndPort(int& ip, int& port) override;
     // Dials the parsed URL without blocking, registering the socket with epoll first
     // (EPOLLIN|EPOLLOUT|EPOLLERR, level-triggered, data.ptr = this). Returns 0 with status 1

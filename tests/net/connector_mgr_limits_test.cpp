@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -651,6 +652,62 @@ TEST_F(ConnectorMgrLimitsTest, DefaultLoggingGoesToStderrAndIsRateLimited) {
               static_cast<size_t>(2 * CConnectorMgr::kDefaultLogLinesPerSec + 1));  // a second may turn
     EXPECT_NE(std::string::npos, text.find("ERROR [quolnet]"));
     close(fd);
+}
+
+}  // namespace
+
+namespace {
+
+// Bug pinned: with the pool empty, connections waiting for a block were retried every
+// millisecond and the loop spun at full CPU. They now wait for blocks, then are served.
+TEST_F(ConnectorMgrLimitsTest, ConnectionsWaitingForABlockDoNotSpinAndAreServedOnceBlocksReturn) {
+    // Five blocks, one kept back for replies as the manager's own pool does.
+    QUOLNET::CNetBufferMgr pool(5, -1, 1 << 20, CConnectorMgr::SendReserveFor(5));
+    ConnectorMgrOptions o = Options();
+    o.pool = &pool;
+    o.pool_reserve_blocks = 1;
+    o.packet_deadline_ms = 0;
+    RecordingEcho h;
+    {
+        CConnectorMgr mgr(&h, o);
+        std::vector<int> fds;
+        int first = qntest::ListenAndDial(mgr);
+        ASSERT_GE(first, 0);
+        fds.push_back(first);
+        for (int i = 1; i < 6; ++i) {
+            fds.push_back(qntest::DialListener(mgr));
+            ASSERT_GE(fds.back(), 0);
+        }
+        ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.connected.size() == 6; }));
+        std::string packet = Packet(std::string(1000, 'w'));
+        for (int fd : fds) {
+            ASSERT_TRUE(qntest::WriteAll(fd, packet.data(), 100));  // a start holds a block
+        }
+        ASSERT_TRUE(qntest::Pump(mgr, [&]() { return pool.GetUsedCount() == 4; }));
+        // Every block reading may take is held and two connections wait: the loop must sleep, not spin.
+        int ticks = 0;
+        auto start = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(100)) {
+            mgr.RunOnce(20);
+            ++ticks;
+        }
+        EXPECT_LE(ticks, 20);  // spinning made about one tick a millisecond
+        for (int fd : fds) {
+            ASSERT_TRUE(qntest::WriteAll(fd, packet.data() + 100, packet.size() - 100));
+        }
+        ASSERT_TRUE(qntest::Pump(mgr, [&]() {
+            std::lock_guard<std::mutex> lock(h.m_mutex);
+            return h.packets.size() == 6;
+        }));
+        for (int fd : fds) {
+            std::string echo(packet.size(), '\0');
+            ASSERT_TRUE(qntest::ReadExactly(fd, &echo[0], echo.size()));
+            EXPECT_EQ(packet, echo);
+            close(fd);
+        }
+        ASSERT_TRUE(qntest::Pump(mgr, [&]() { return mgr.GetConnectionCount() == 0; }));
+    }
+    EXPECT_EQ(0u, pool.GetUsedCount());
 }
 
 }  // namespace

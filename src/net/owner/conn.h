@@ -68,6 +68,7 @@ struct OwnedConn {
     bool graceful = false;              // Close(id): drain, shut down, linger, close
     bool refused = false;               // the handler refused a packet; re-offer later
     bool in_work = false;               // already queued for this tick
+    bool starved = false;               // in the manager's list of connections waiting for a block
     bool corked = false;                // in the manager's corked list
     bool too_large_logged = false;      // kSendTooLarge was logged for this connection
     Relaxed<bool> want_room;            // a Send returned kSendNoRoom; OnWritable is due

@@ -154,7 +154,7 @@ void CConnLimits::RelievePressure(int64_t now) {
 // serving more connections says why; the episode ends once the reserve is free again.
 void CConnLimits::WatchPool() {
     unsigned int free_blocks = PoolFree();
-    if (!m_pool_exhausted && free_blocks == 0) {
+    if (!m_pool_exhausted && free_blocks <= m_mgr.m_pool->GetTxReserveBlocks()) {
         m_pool_exhausted = true;
         m_mgr.m_stats.CountPoolExhausted();
         QN_OWNER_LOG(

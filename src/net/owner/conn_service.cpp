@@ -110,7 +110,11 @@ void CConnService::ServiceEstablished(OwnedConn* c) {
     // pending list instead; reading resumes once a read reaches would-block again.
     bool stalled = !round_limit && (k->GetEvent() & EPOLLIN) != 0;
     k->PauseReading(stalled);  // a failed change is applied with the next registration
-    if (c->refused || k->IsWaitAllocBigBuffer() || stalled) {
+    if (stalled && !c->refused && !k->IsWaitAllocBigBuffer() && k->IsRecvStarved()) {
+        // No block for the next read: polling it every tick would spin while the pool is
+        // empty; it waits for blocks instead (a reset is still reported by epoll).
+        m_mgr.Starve(c);
+    } else if (c->refused || k->IsWaitAllocBigBuffer() || stalled) {
         m_mgr.Retry(c);
     }
 }

@@ -36,7 +36,8 @@ int CConnectorGroup::Init() {
     ConnectorMgrOptions lo = m_options.loop;
     std::unique_ptr<CNetBufferMgr> shared;
     if (lo.pool == nullptr && !m_options.pool_per_loop) {
-        shared.reset(new (std::nothrow) CNetBufferMgr(lo.pool_blocks));
+        shared.reset(new (std::nothrow) CNetBufferMgr(lo.pool_blocks, -1, 1 << 20,
+                                                      CConnectorMgr::SendReserveFor(lo.pool_blocks)));
         lo.pool = shared.get();
     }
     if (lo.pool == nullptr) {

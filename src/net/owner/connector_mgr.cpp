@@ -139,7 +139,8 @@ int CConnectorMgr::InitResources() {
     if (m_options.pool != nullptr) {
         m_pool = m_options.pool;
     } else {
-        m_own_pool.reset(new (std::nothrow) CNetBufferMgr(m_options.pool_blocks));
+        m_own_pool.reset(new (std::nothrow) CNetBufferMgr(m_options.pool_blocks, -1, 1 << 20,
+                                                          SendReserveFor(m_options.pool_blocks)));
         m_pool = m_own_pool.get();
     }
     if (m_options.parser != nullptr) {

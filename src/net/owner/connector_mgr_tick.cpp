@@ -27,7 +27,7 @@ int CConnectorMgr::ComputeWait(int timeout_ms) {
     if (m_loop.HasPosted()) {
         bound(0);
     }
-    if (!m_pending.empty()) {
+    if (!m_pending.empty() || (!m_starved.empty() && RecvBlocksFree() > 0)) {
         bound(kRefusedRetryMs);
     }
     if (m_table.Size() != 0) {
@@ -73,6 +73,38 @@ void CConnectorMgr::HandleEvents(int n, std::vector<size_t>* readable) {
     for (OwnedConn* c : pending) {
         Queue(c);
     }
+    ResumeStarved();
+}
+
+// Blocks a read may still take: the pool's free blocks less those it keeps for sending.
+unsigned int CConnectorMgr::RecvBlocksFree() const {
+    unsigned int free_blocks = m_limits.PoolFree();
+    unsigned int kept = m_pool->GetTxReserveBlocks();
+    return free_blocks > kept ? free_blocks - kept : 0;
+}
+
+void CConnectorMgr::Starve(OwnedConn* c) {
+    if (!c->starved) {
+        c->starved = true;
+        m_starved.push_back(c);
+    }
+}
+
+// Retries the connections that wait for a block, oldest first, as many as the pool has free
+// blocks (each read takes one), so an empty pool costs nothing per tick.
+void CConnectorMgr::ResumeStarved() {
+    size_t n = std::min<size_t>(m_starved.size(), RecvBlocksFree());
+    if (n == 0) {
+        return;
+    }
+    for (size_t i = 0; i < n; ++i) {
+        OwnedConn* c = m_starved[i];
+        c->starved = false;
+        if (!c->dead) {
+            Queue(c);
+        }
+    }
+    m_starved.erase(m_starved.begin(), m_starved.begin() + static_cast<std::ptrdiff_t>(n));
 }
 
 void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
@@ -118,6 +150,9 @@ void CConnectorMgr::EndTick() {
         m_pending.erase(
             std::remove_if(m_pending.begin(), m_pending.end(), [](OwnedConn* c) { return c->dead; }),
             m_pending.end());
+        m_starved.erase(
+            std::remove_if(m_starved.begin(), m_starved.end(), [](OwnedConn* c) { return c->dead; }),
+            m_starved.end());
         for (OwnedConn* c : m_graveyard) {
             delete c;
         }
