@@ -282,6 +282,12 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // stream also stops reading for good (see there) and still returns kPeerClosed; an owner
     // that calls Recv itself then keeps the connection (IsPeerClosed() is true); later calls
     // return 0 without reading.
+    //
+    // One read per readiness: a read that fills less than the room it was given means the
+    // socket is drained for now, so Recv frames what it got and returns without the further
+    // read that would only meet would-block; EPOLLIN leaves m_events as on would-block, and
+    // level-triggered epoll reports the socket again when more bytes (or the end of stream)
+    // arrive. A read that fills its room is followed by another, as before.
     int Recv();
     // The oldest packet, in place (<= 65536 bytes) or joined into the combine buffer. Valid
     // until the next Drop (or the next Peek of a multi-block packet). Ring consumer thread.
@@ -522,6 +528,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // errno of the last failed recv (update thread; Recv clears it on entry) and of the last
     // failed send (any thread holding the sending role).
     int m_read_errno = 0;
+    // The last read of this Recv came back short: the socket is drained for now. Update
+    // thread only.
+    bool m_rx_drained = false;
     Relaxed<int> m_write_errno;
 
     // Rarely touched members come last.

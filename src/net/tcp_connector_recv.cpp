@@ -203,10 +203,16 @@ int CTcpConnector::RecvToBuffer(NetBuffer* buffer) {
     if (buffer->m_write_pos > 65535) {
         return 0;
     }
-    int cnt = ReadSocket(buffer->m_buf + buffer->m_write_pos, buffer->WriteRemaining());
+    int room = buffer->WriteRemaining();
+    int cnt = ReadSocket(buffer->m_buf + buffer->m_write_pos, room);
     if (cnt >= 1) {
         buffer->AddWritePosition(cnt);
         m_rx_bytes += cnt;
+        if (cnt < room) {
+            // Drained for now: no read that would only meet would-block (see Recv).
+            m_rx_drained = true;
+            m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN));
+        }
     }
     return cnt;
 }
@@ -257,7 +263,11 @@ int CTcpConnector::RecvLoop() {
         return 0;  // reading stopped for good at the peer's end of stream
     }
     int total_recv_cnt = 0;
+    m_rx_drained = false;
     for (;;) {
+        if (m_rx_drained && m_rx_status != WAIT_PARSE_PACKET_STATUS) {
+            return total_recv_cnt;  // the socket had no more; framing is done
+        }
         if (m_rx_status == ALLOC_MULTI_BUFFER_BODY_STATUS) {
             if (!TakeNextBigPacketBlock()) {
                 return total_recv_cnt;  // the state stays; retried on the next call
@@ -303,6 +313,12 @@ int CTcpConnector::RecvLoop() {
             return ret;
         }
         if (m_rx_status == WAIT_PARSE_PACKET_STATUS) {
+            if (m_rx_drained) {
+                // Framing stopped with bytes in hand (a full ring, no block to move a packet
+                // into): the socket being drained must not hide them, so the owner still sees
+                // EPOLLIN and comes back once packets are taken.
+                m_events.fetch_or(EPOLLIN);
+            }
             return total_recv_cnt;
         }
     }
