@@ -380,6 +380,7 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // receive path
     void AddRecvQueue(CBidirList& list);
     NetBuffer* AllocateRecvBufferNoLock();
+    bool AtRecvCapLocked();
     int RecvToBuffer(NetBuffer* buffer);
     int ReadSocket(void* buf, int len);
     int RecvPacketHead();

@@ -166,19 +166,28 @@ void CTcpConnector::AddRecvQueue(CBidirList& list) {
     m_rx_queue.Merge(list, false);
 }
 
+// Whether the connection holds m_max_rx_buf_num receive blocks already; the first refusal of
+// a run of shortages is counted and logged. Caller holds m_rx_mutex.
+bool CTcpConnector::AtRecvCapLocked() {
+    if (m_rx_queue.Count() < m_max_rx_buf_num) {
+        return false;
+    }
+    if (!m_is_last_rx_full) {
+        m_is_last_rx_full = true;
+        ++m_rx_buf_full_cnt;
+        QN_LOG(m_log_cat, QN_WARN,
+               "allocate recv buffer failed, url=%s, local_url=%s, m_rx_queue.cnt(%d) >= "
+               "m_max_rx_buf_num(%d)",
+               GetURL(), GetLocalURL(), static_cast<int>(m_rx_queue.Count()),
+               static_cast<int>(m_max_rx_buf_num));
+    }
+    return true;
+}
+
 NetBuffer* CTcpConnector::AllocateRecvBufferNoLock() {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::AllocateRecvBufferNoLock(), url=%s, local_url=%s",
            GetURL(), GetLocalURL());
-    if (m_rx_queue.Count() >= m_max_rx_buf_num) {
-        if (!m_is_last_rx_full) {
-            m_is_last_rx_full = true;
-            ++m_rx_buf_full_cnt;
-            QN_LOG(m_log_cat, QN_WARN,
-                   "allocate recv buffer failed, url=%s, local_url=%s, m_rx_queue.cnt(%d) >= "
-                   "m_max_rx_buf_num(%d)",
-                   GetURL(), GetLocalURL(), static_cast<int>(m_rx_queue.Count()),
-                   static_cast<int>(m_max_rx_buf_num));
-        }
+    if (AtRecvCapLocked()) {
         return nullptr;
     }
     NetBuffer* buffer = m_net_buf_mgr->Allocate(true, false);
@@ -334,17 +343,7 @@ bool CTcpConnector::TakeNextBigPacketBlock() {
     NetBuffer* block = nullptr;
     {
         AutoLocker locker(&m_rx_mutex);
-        if (m_rx_queue.Count() >= m_max_rx_buf_num) {
-            if (!m_is_last_rx_full) {
-                m_is_last_rx_full = true;
-                ++m_rx_buf_full_cnt;
-                QN_LOG(m_log_cat, QN_WARN,
-                       "allocate recv buffer failed, url=%s, local_url=%s, m_rx_queue.cnt(%d) >= "
-                       "m_max_rx_buf_num(%d)",
-                       GetURL(), GetLocalURL(), static_cast<int>(m_rx_queue.Count()),
-                       static_cast<int>(m_max_rx_buf_num));
-            }
-        } else {
+        if (!AtRecvCapLocked()) {
             block = m_net_buf_mgr->Allocate(true, true);
             if (block == nullptr) {
                 if (!m_is_last_rx_full) {
