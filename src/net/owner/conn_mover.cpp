@@ -95,6 +95,11 @@ void CConnMover::Adopt(CConnectorMgr& to, OwnedConn* n) {
         n->want_room = true;
         to.m_limits.WantRoom(n->id, true);
     }
+    // The readiness seen by the old connector is not carried over, and the socket may have
+    // been drained while bytes wait unframed in the block (framing stopped at a full ring)
+    // or queued bytes wait for writability: the first tick on this loop tries both, and
+    // level-triggered epoll reports the rest.
+    n->connector->SetEvent(EPOLLIN | EPOLLOUT);
     to.Queue(n);
 }
 
