@@ -337,6 +337,12 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     bool IsSendBufEnough(unsigned int len) override;
     // Copies one whole packet into the send queue, or none of it. Any thread. Returns len,
     // 0 when refused (queue limit or pool), -1 for a null `buf` or a zero `len`.
+    // Queues like SendToQ, but does not ask epoll for writability when the queue was empty:
+    // the caller flushes with Send() before its thread next waits (the owner's end-of-tick
+    // flush of corked replies), and a flush that meets would-block or a partial write asks
+    // for writability itself. A burst of corked replies thus costs no epoll_ctl at all when
+    // the socket takes it. Owner's thread. Results as SendToQ.
+    int SendToQCorked(const char* buf, unsigned int len) { return SendToQImpl(buf, len, nullptr, false); }
     int SendToQ(const char* buf, unsigned int len, LogCategory* log_cat) override;
     // Milliseconds since the pool first refused SendToQ blocks in the current starvation
     // episode; 0 when the send side is not starved (answered without locking).
@@ -424,7 +430,11 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // nothing of the packet is queued: its blocks go back to the pool and the queue's old
     // tail returns with only the bytes it held before (ERROR "unexpected error, node=NULL,
     // ...").
-    void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false);
+    // With `arm` false, a queue that was empty is not armed for writability: the caller has
+    // promised a flush (SendToQCorked).
+    void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false,
+                   bool arm = true);
+    int SendToQImpl(const char* buf, unsigned int len, LogCategory* log_cat, bool arm);
     // Writes queued blocks until the queue is empty or the socket would block. Caller holds
     // the sending role. Bytes written, or negative.
     int Sending(LogCategory* log_cat);

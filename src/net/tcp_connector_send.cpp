@@ -89,6 +89,10 @@ bool CTcpConnector::IsSendBufEnough(unsigned int len) {
 }
 
 int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_cat) {
+    return SendToQImpl(buf, len, log_cat, true);
+}
+
+int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* log_cat, bool arm) {
     LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
     QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::SendToQ(), url=%s, local_url=%s, len=%d", GetURL(),
            GetLocalURL(), static_cast<int>(len));
@@ -129,7 +133,7 @@ int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_c
     }
 
     m_is_last_tx_full = false;
-    PushSendQ(buf, static_cast<int>(len), buffer_list, cat);
+    PushSendQ(buf, static_cast<int>(len), buffer_list, cat, false, arm);
     m_net_buf_mgr->Release(buffer_list);
     return static_cast<int>(len);
 }
@@ -201,7 +205,8 @@ bool CTcpConnector::IsReadingPaused() {
     return m_read_paused;
 }
 
-void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead) {
+void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead,
+                              bool arm) {
     LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
     QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d",
            GetURL(), GetLocalURL(), len, static_cast<int>(list.Count()));
@@ -267,7 +272,7 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
     }
 
     AutoLocker locker(&m_tx_mutex);
-    if (m_tx_queue.IsEmpty() && SetRegisteredEventsLocked(kArmedEvents) != 0) {
+    if (arm && m_tx_queue.IsEmpty() && SetRegisteredEventsLocked(kArmedEvents) != 0) {
         int err = errno;
         QN_LOG(cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(), GetLocalURL(),
                err);
@@ -395,12 +400,15 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
 int CTcpConnector::Send() {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::Send(), url=%s, local_url=%s", GetURL(), GetLocalURL());
 
-    if (m_is_sending.load()) {
-        return 0;
-    }
     {
         AutoLocker locker(&m_tx_mutex);
         if (m_is_sending.load()) {
+            // Another thread holds the sending role. What is queued may have come from
+            // SendToQCorked, unarmed: ask for writability so that it is not left behind.
+            if (!m_tx_queue.IsEmpty() && SetRegisteredEventsLocked(kArmedEvents) != 0) {
+                m_write_errno = errno;
+                return kIoFailed;
+            }
             return 0;
         }
         m_is_sending.store(true);
@@ -452,9 +460,15 @@ int CTcpConnector::Sending(LogCategory* log_cat) {
         }
 
         if (buffer->HasReadRemaining()) {
-            // Partial write or would-block: the block stays first; write readiness stays armed.
+            // Partial write or would-block: the block stays first, and write readiness is
+            // armed (it already is unless the queue was filled by SendToQCorked).
             AutoLocker locker(&m_tx_mutex);
             m_tx_queue.InsertHead(node);
+            if (SetRegisteredEventsLocked(kArmedEvents) != 0) {
+                int err = errno;
+                QN_LOG(cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(),
+                       GetLocalURL(), err);
+            }
             return total_send_cnt;
         }
 

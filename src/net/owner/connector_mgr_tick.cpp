@@ -39,7 +39,7 @@ int CConnectorMgr::ComputeWait(int timeout_ms) {
     if (m_next_stats_ms > 0) {
         bound(m_next_stats_ms - now);
     }
-    if (m_stop.load() || m_stats_requested.load()) {
+    if (m_stop.load() || m_stats_requested.load() || !m_corked.empty()) {
         bound(0);
     }
     return wait;
@@ -132,8 +132,13 @@ void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
     DrainWork();
     m_limits.NotifyRoom();
     DrainWork();
-    FlushCorked();
-    DrainWork();
+    // Corked replies are not armed for writability (SendToQCorked): none may outlive the
+    // tick. Work done by a flush can cork more; a last one left is flushed at once by the
+    // next tick, whose wait is then zero.
+    for (int i = 0; i < 4 && !m_corked.empty(); ++i) {
+        FlushCorked();
+        DrainWork();
+    }
 }
 
 // Statistics when due, and the graveyard.
@@ -250,7 +255,10 @@ int CConnectorMgr::SendTo(OwnedConn* c, const char* buf, unsigned int len, bool 
     // A direct send behind replies corked in this tick would first have to flush them and
     // then write again; it joins them instead and leaves with the same flush.
     corked = corked || (on_loop && c->corked);
-    int ret = corked ? k->SendToQ(buf, len, nullptr) : k->Send(buf, len, nullptr);
+    // The loop's own corked packets leave with its end-of-tick flush, so they need not arm
+    // writability; another thread's must.
+    int ret = corked ? (on_loop ? k->SendToQCorked(buf, len) : k->SendToQ(buf, len, nullptr))
+                     : k->Send(buf, len, nullptr);
     if (ret < 0) {
         c->send_failed = true;
         if (on_loop) {
