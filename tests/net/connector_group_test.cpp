@@ -5,6 +5,8 @@
 #include "net/connector_group.h"
 
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -84,9 +86,16 @@ class GroupHandler : public QUOLNET::IConnectorHandler {
         ++m_packets;
         return true;
     }
-    void OnConnected(CConnectorMgr*, ConnId id, const char*, bool) override {
+    void OnConnected(CConnectorMgr*, ConnId id, const char* url, bool) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_ids.push_back(id);
+        m_urls[url] = id;
+    }
+    // The id of the connection whose peer is `url`, or 0.
+    ConnId IdOf(const std::string& url) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_urls.find(url);
+        return it == m_urls.end() ? 0 : it->second;
     }
     void OnClosed(CConnectorMgr*, ConnId id, const CloseInfo&) override {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -119,6 +128,7 @@ class GroupHandler : public QUOLNET::IConnectorHandler {
     }
     std::mutex m_mutex;
     std::map<ConnId, State> m_state;
+    std::map<std::string, ConnId> m_urls;  // peer URL -> id
     std::vector<ConnId> m_ids;
     std::map<ConnId, int> m_closed;
 };
@@ -263,6 +273,17 @@ TEST(ConnectorGroupTest, MovedConnectionsKeepEveryByteInOrderBothWaysUnderLoad) 
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     ASSERT_EQ(ids.size(), static_cast<size_t>(kConns));
+    // ids[i] must be the connection of conns[i]: the loops accept in any order, so match
+    // each client's local address with the peer URL the server saw.
+    for (int i = 0; i < kConns; ++i) {
+        sockaddr_in local;
+        socklen_t len = sizeof(local);
+        ASSERT_EQ(0,
+                  getsockname(conns[static_cast<size_t>(i)].fd, reinterpret_cast<sockaddr*>(&local), &len));
+        std::string url = "tcp://127.0.0.1:" + std::to_string(ntohs(local.sin_port));
+        ids[static_cast<size_t>(i)] = handler.IdOf(url);
+        ASSERT_NE(0u, ids[static_cast<size_t>(i)]) << url;
+    }
 
     std::atomic<bool> moving_done{false};
     std::atomic<uint32_t> foreign_sent[kConns];
