@@ -315,9 +315,16 @@ TEST(ConnectorGroupTest, MovedConnectionsKeepEveryByteInOrderBothWaysUnderLoad) 
         while (group.GetMoveCount() < 1000 && std::chrono::steady_clock::now() < deadline) {
             ConnId id = ids[issued % kConns];
             int to = (group.LoopOf(id) + 1 + static_cast<int>(issued / kConns) % 3) % 4;
+            long packets_before = handler.m_packets.load();
             if (group.Move(id, to) == 0) {
                 ++issued;
                 while (group.GetMoveCount() + group.GetMoveFailedCount() < issued &&
+                       std::chrono::steady_clock::now() < deadline) {
+                    std::this_thread::yield();
+                }
+                // Traffic runs between two moves however fast or slow the build is: the next
+                // move waits for a packet to have been delivered since this one began.
+                while (handler.m_packets.load() == packets_before &&
                        std::chrono::steady_clock::now() < deadline) {
                     std::this_thread::yield();
                 }
