@@ -185,9 +185,14 @@ int CConnectorGroup::SendInTransit(ConnId id, const char* buf, unsigned int len,
 }
 
 int CConnectorGroup::SendRouted(ConnId id, const char* buf, unsigned int len, bool corked) {
-    // Each retry follows a move that happened meanwhile; a connection cannot move faster
-    // than a sender looks it up more than a few times in a row.
-    for (int attempt = 0; attempt < 8; ++attempt) {
+    // Each retry follows a move that happened meanwhile. A sender on a slow or preempted
+    // thread may see several moves in a row, so it retries (yielding) rather than report an
+    // id that only moved; an id that is really gone stops the loop at once (LoopOf is then
+    // the loop that just answered "unknown").
+    for (int attempt = 0; attempt < 256; ++attempt) {
+        if (attempt >= 8) {
+            std::this_thread::yield();
+        }
         Route r;
         bool routed = FindRoute(id, &r);
         if (routed && r.transit != nullptr) {
