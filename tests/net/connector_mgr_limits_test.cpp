@@ -154,6 +154,20 @@ std::string ReadToEnd(int fd, bool* eof, int timeout_ms = 15000) {
     }
 }
 
+// Initialises `mgr`, listens on loopback and dials it `n` times with blocking sockets, then
+// runs the loop until `h` has seen every connection. The client descriptors (fewer than `n`
+// on failure).
+std::vector<int> ListenAndDialMany(CConnectorMgr& mgr, RecordingEcho& h, int n) {
+    std::vector<int> fds;
+    int fd = qntest::ListenAndDial(mgr);
+    while (fd >= 0) {
+        fds.push_back(fd);
+        fd = static_cast<int>(fds.size()) < n ? qntest::DialListener(mgr) : -1;
+    }
+    qntest::Pump(mgr, [&]() { return h.connected.size() == fds.size(); });
+    return fds;
+}
+
 class ConnectorMgrLimitsTest : public ::testing::Test {
   protected:
     void SetUp() override { m_fds_before = qntest::CountOpenFds(); }
@@ -526,16 +540,8 @@ namespace {
 TEST_F(ConnectorMgrLimitsTest, StatisticsAreSummarisedAtScale) {
     RecordingEcho h;
     CConnectorMgr mgr(&h, Options());
-    std::vector<int> fds;
-    int first = qntest::ListenAndDial(mgr);
-    ASSERT_GE(first, 0);
-    fds.push_back(first);
-    for (int i = 1; i < 100; ++i) {
-        int fd = qntest::DialListener(mgr);
-        ASSERT_GE(fd, 0);
-        fds.push_back(fd);
-    }
-    ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.connected.size() == 100; }));
+    std::vector<int> fds = ListenAndDialMany(mgr, h, 100);
+    ASSERT_EQ(100u, h.connected.size());
     std::string summary = mgr.FormatStats();
     EXPECT_NE(std::string::npos, summary.find("connections: 100, pool blocks in use:"));
     EXPECT_NE(std::string::npos, summary.find("totals: 100 established"));
@@ -564,15 +570,8 @@ TEST_F(ConnectorMgrLimitsTest, AnExhaustedPoolIsLoggedOncePerEpisode) {
     RecordingEcho h;
     {
         CConnectorMgr mgr(&h, o);
-        std::vector<int> fds;
-        int first = qntest::ListenAndDial(mgr);
-        ASSERT_GE(first, 0);
-        fds.push_back(first);
-        for (int i = 1; i < 6; ++i) {
-            fds.push_back(qntest::DialListener(mgr));
-            ASSERT_GE(fds.back(), 0);
-        }
-        ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.connected.size() == 6; }));
+        std::vector<int> fds = ListenAndDialMany(mgr, h, 6);
+        ASSERT_EQ(6u, h.connected.size());
         // Each connection starts a packet and holds a block for it.
         std::string partial = Packet(std::string(1000, 'q')).substr(0, 100);
         for (int fd : fds) {
@@ -670,15 +669,8 @@ TEST_F(ConnectorMgrLimitsTest, ConnectionsWaitingForABlockDoNotSpinAndAreServedO
     RecordingEcho h;
     {
         CConnectorMgr mgr(&h, o);
-        std::vector<int> fds;
-        int first = qntest::ListenAndDial(mgr);
-        ASSERT_GE(first, 0);
-        fds.push_back(first);
-        for (int i = 1; i < 6; ++i) {
-            fds.push_back(qntest::DialListener(mgr));
-            ASSERT_GE(fds.back(), 0);
-        }
-        ASSERT_TRUE(qntest::Pump(mgr, [&]() { return h.connected.size() == 6; }));
+        std::vector<int> fds = ListenAndDialMany(mgr, h, 6);
+        ASSERT_EQ(6u, h.connected.size());
         std::string packet = Packet(std::string(1000, 'w'));
         for (int fd : fds) {
             ASSERT_TRUE(qntest::WriteAll(fd, packet.data(), 100));  // a start holds a block

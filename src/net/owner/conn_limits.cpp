@@ -9,6 +9,11 @@
 
 namespace QUOLNET {
 
+// A connection the limits look at: one with a socket (established, draining or lingering).
+bool CConnLimits::HasSocket(const OwnedConn* c) {
+    return !c->dead && (c->state == CONN_ESTABLISHED || c->state == CONN_DRAINING || c->state == CONN_LINGER);
+}
+
 unsigned int CConnLimits::PoolFree() const {
     unsigned int max = m_mgr.m_pool->GetMaxBlockNum();
     unsigned int used = m_mgr.m_pool->GetUsedCount();
@@ -81,8 +86,7 @@ void CConnLimits::Sweep(int64_t now) {
     std::vector<Due> due;
     for (auto& kv : m_mgr.m_table.ById()) {
         OwnedConn* c = kv.second;
-        if (c->dead ||
-            (c->state != CONN_ESTABLISHED && c->state != CONN_DRAINING && c->state != CONN_LINGER)) {
+        if (!HasSocket(c)) {
             continue;
         }
         Track(c, now);
@@ -122,8 +126,7 @@ void CConnLimits::RelievePressure(int64_t now) {
     std::vector<std::pair<unsigned int, OwnedConn*>> held;  // (blocks, connection)
     for (auto& kv : m_mgr.m_table.ById()) {
         OwnedConn* c = kv.second;
-        if (c->dead ||
-            (c->state != CONN_ESTABLISHED && c->state != CONN_DRAINING && c->state != CONN_LINGER)) {
+        if (!HasSocket(c)) {
             continue;
         }
         Track(c, now);

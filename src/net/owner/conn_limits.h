@@ -41,6 +41,7 @@ class CConnLimits {
     void NotifyRoom();
     // A Send to `id` was refused for want of room; OnWritable follows once there is.
     void WantRoom(ConnId id, bool on_loop);
+    static bool HasSocket(const OwnedConn* conn);
     unsigned int PoolFree() const;
 
   private:
