@@ -54,6 +54,21 @@ enum ConnState {
 // What other threads' Sends may do with a connection (OwnedConn::gate).
 enum ConnGate { kGateClosed = 0, kGateOpen = 1, kGateClosing = 2 };
 
+// Progress of a connection as the limit sweep last saw it; carried whole when the
+// connection moves to another loop.
+struct ConnProgress {
+    int64_t tx_bytes_seen = 0;
+    int64_t tx_progress_ms = 0;  // last time the send queue was empty or shrank
+    int64_t rx_bytes_seen = 0;
+    int64_t rx_progress_ms = 0;  // last time no packet was in progress or bytes came
+    long rx_packets_seen = 0;
+    int64_t partial_since_ms = 0;  // a packet in progress since then; 0: none
+    int64_t active_ms = 0;         // last time a byte moved either way
+
+    // A connection that starts carrying traffic now.
+    void Start(int64_t now) { tx_progress_ms = rx_progress_ms = active_ms = now; }
+};
+
 struct OwnedConn {
     ConnId id = 0;
     std::unique_ptr<CTcpConnector> connector;
@@ -79,14 +94,7 @@ struct OwnedConn {
     Relaxed<bool> send_failed;  // set by any thread when Send failed
     CloseInfo close_info;       // why it ends; the first cause recorded wins
     bool close_info_set = false;
-    // Progress seen by the limit sweep (loop thread).
-    int64_t tx_bytes_seen = 0;
-    int64_t tx_progress_ms = 0;  // last time the send queue was empty or shrank
-    int64_t rx_bytes_seen = 0;
-    int64_t rx_progress_ms = 0;  // last time no packet was in progress or bytes came
-    long rx_packets_seen = 0;
-    int64_t partial_since_ms = 0;  // a packet in progress since then; 0: none
-    int64_t active_ms = 0;         // last time a byte moved either way
+    ConnProgress progress;         // what the limit sweep has seen (loop thread)
     int64_t linger_until_ms = 0;   // LINGER ends by then
     CConnectorMgr* mgr = nullptr;  // the manager whose loop serves it
 };

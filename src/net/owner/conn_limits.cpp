@@ -39,29 +39,31 @@ void CConnLimits::Track(OwnedConn* c, int64_t now) {
     int64_t tx = k->GetSentBytes();
     int64_t rx = k->GetRecvBytes();
     long packets = k->GetRecvPacketCount();
-    if (tx != c->tx_bytes_seen || k->GetSendQCount() == 0) {
-        c->tx_progress_ms = now;
+    if (tx != c->progress.tx_bytes_seen || k->GetSendQCount() == 0) {
+        c->progress.tx_progress_ms = now;
     }
-    if (tx != c->tx_bytes_seen || rx != c->rx_bytes_seen) {
-        c->active_ms = now;
+    if (tx != c->progress.tx_bytes_seen || rx != c->progress.rx_bytes_seen) {
+        c->progress.active_ms = now;
     }
     bool partial = k->HasPartialPacket();
-    if (!partial || rx != c->rx_bytes_seen) {
-        c->rx_progress_ms = now;
+    if (!partial || rx != c->progress.rx_bytes_seen) {
+        c->progress.rx_progress_ms = now;
     }
     if (!partial) {
-        c->partial_since_ms = 0;
-    } else if (c->partial_since_ms == 0 || packets != c->rx_packets_seen) {
-        c->partial_since_ms = now;  // a new packet has begun since the last look
+        c->progress.partial_since_ms = 0;
+    } else if (c->progress.partial_since_ms == 0 || packets != c->progress.rx_packets_seen) {
+        c->progress.partial_since_ms = now;  // a new packet has begun since the last look
     }
-    c->tx_bytes_seen = tx;
-    c->rx_bytes_seen = rx;
-    c->rx_packets_seen = packets;
+    c->progress.tx_bytes_seen = tx;
+    c->progress.rx_bytes_seen = rx;
+    c->progress.rx_packets_seen = packets;
 }
 
 bool CConnLimits::IsStalled(const OwnedConn* c, int64_t now) const {
-    bool tx_stalled = c->connector->GetSendQCount() > 0 && now - c->tx_progress_ms >= kPressureGraceMs;
-    bool rx_stalled = c->partial_since_ms != 0 && now - c->rx_progress_ms >= kPressureGraceMs;
+    bool tx_stalled =
+        c->connector->GetSendQCount() > 0 && now - c->progress.tx_progress_ms >= kPressureGraceMs;
+    bool rx_stalled =
+        c->progress.partial_since_ms != 0 && now - c->progress.rx_progress_ms >= kPressureGraceMs;
     return tx_stalled || rx_stalled;
 }
 
@@ -94,14 +96,14 @@ void CConnLimits::Sweep(int64_t now) {
         if (c->state == CONN_LINGER && now >= c->linger_until_ms) {
             due.push_back(Due{c, CloseLimit::kNone, ""});
         } else if (m_mgr.m_options.send_stall_ms > 0 && k->GetSendQCount() > 0 &&
-                   now - c->tx_progress_ms >= m_mgr.m_options.send_stall_ms) {
+                   now - c->progress.tx_progress_ms >= m_mgr.m_options.send_stall_ms) {
             due.push_back(Due{c, CloseLimit::kSendStall, "send queue not shrinking"});
         } else if (m_mgr.m_options.packet_deadline_ms > 0 && c->state == CONN_ESTABLISHED &&
-                   c->partial_since_ms != 0 &&
-                   now - c->partial_since_ms >= m_mgr.m_options.packet_deadline_ms) {
+                   c->progress.partial_since_ms != 0 &&
+                   now - c->progress.partial_since_ms >= m_mgr.m_options.packet_deadline_ms) {
             due.push_back(Due{c, CloseLimit::kPacketDeadline, "packet not completed"});
         } else if (m_mgr.m_options.idle_timeout_ms > 0 && c->state == CONN_ESTABLISHED &&
-                   now - c->active_ms >= m_mgr.m_options.idle_timeout_ms) {
+                   now - c->progress.active_ms >= m_mgr.m_options.idle_timeout_ms) {
             due.push_back(Due{c, CloseLimit::kIdleTimeout, "no traffic"});
         }
     }

@@ -36,13 +36,7 @@ OwnedConn* CConnMover::MakeCopy(CConnectorMgr& from, OwnedConn* c, CConnectorMgr
     n->refused = c->refused;
     n->too_large_logged = c->too_large_logged;
     n->want_room = c->want_room.load();
-    n->tx_bytes_seen = c->tx_bytes_seen;
-    n->tx_progress_ms = c->tx_progress_ms;
-    n->rx_bytes_seen = c->rx_bytes_seen;
-    n->rx_progress_ms = c->rx_progress_ms;
-    n->rx_packets_seen = c->rx_packets_seen;
-    n->partial_since_ms = c->partial_since_ms;
-    n->active_ms = c->active_ms;
+    n->progress = c->progress;
     n->state = CONN_ESTABLISHED;
     n->gate = kGateOpen;
     return n;

@@ -127,8 +127,8 @@ void CConnService::EnterDraining(OwnedConn* c) {
     } else {
         SetCloseInfo(c, CloseReason::kPeerClosed, 0);
     }
-    if (c->tx_progress_ms == 0 || c->connector->GetSendQCount() == 0) {
-        c->tx_progress_ms = CEventLoop::NowMs();  // the flush's stall deadline counts from here
+    if (c->progress.tx_progress_ms == 0 || c->connector->GetSendQCount() == 0) {
+        c->progress.tx_progress_ms = CEventLoop::NowMs();  // the flush's stall deadline counts from here
     }
     SetState(c, CONN_DRAINING);
     c->connector->PauseReading(false);  // a graceful close reads (and drops) to the end

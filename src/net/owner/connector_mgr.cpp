@@ -210,7 +210,7 @@ void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer) {
     c->fd = fd;
     m_service.SetState(c, CONN_ESTABLISHED);
     c->was_established = true;
-    c->tx_progress_ms = c->rx_progress_ms = c->active_ms = CEventLoop::NowMs();
+    c->progress.Start(CEventLoop::NowMs());
     m_table.Add(c);
     if (m_handler != nullptr) {
         m_handler->OnConnected(this, c->id, c->url.c_str(), true);

@@ -113,7 +113,7 @@ bool CDialler::CheckConnect(OwnedConn* c) {
     c->was_established = true;
     c->attempt = 0;
     c->backoff_ms = 0;
-    c->tx_progress_ms = c->rx_progress_ms = c->active_ms = CEventLoop::NowMs();
+    c->progress.Start(CEventLoop::NowMs());
     if (m_mgr.m_handler != nullptr) {
         m_mgr.m_handler->OnConnected(&m_mgr, c->id, c->url.c_str(), false);
     }
