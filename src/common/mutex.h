@@ -1,7 +1,9 @@
-// Mutex and AutoLocker: the process-local lock types that guard connector state.
+// Mutex, AutoLocker and MaybeLocker: the process-local lock types that guard connector state.
 //
 // Mutex wraps one pthread mutex with default attributes (not recursive). AutoLocker holds
 // a Mutex for the lifetime of a scope, so every return and every exception path releases it.
+// MaybeLocker does the same only when asked to: for state that is shared between threads in
+// some configurations and confined to one thread in others (the caller knows which).
 #pragma once
 
 #include <pthread.h>
@@ -30,6 +32,26 @@ class AutoLocker {
     ~AutoLocker() { m_mutex->UnLock(); }
     AutoLocker(const AutoLocker&) = delete;
     AutoLocker& operator=(const AutoLocker&) = delete;
+
+  private:
+    Mutex* m_mutex;
+};
+
+class MaybeLocker {
+  public:
+    // Locks `mutex` now when `take` is true; the destructor unlocks what was locked.
+    MaybeLocker(Mutex* mutex, bool take) : m_mutex(take ? mutex : nullptr) {
+        if (m_mutex != nullptr) {
+            m_mutex->Lock();
+        }
+    }
+    ~MaybeLocker() {
+        if (m_mutex != nullptr) {
+            m_mutex->UnLock();
+        }
+    }
+    MaybeLocker(const MaybeLocker&) = delete;
+    MaybeLocker& operator=(const MaybeLocker&) = delete;
 
   private:
     Mutex* m_mutex;

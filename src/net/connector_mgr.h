@@ -233,7 +233,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     size_t GetConnectionCount();
     CNetBufferMgr* GetPool() { return m_pool; }
     int GetEpollFd() const { return m_loop.GetEpollFd(); }
-    // The connector behind `id`, or null. Loop thread only; valid until the id closes.
+    // The connector behind `id`, or null. Loop thread only; valid until the id closes. Its
+    // receive side (Peek, Drop and the rest) is set single-threaded (SetSingleThreadRecv) and
+    // must be used on the loop thread; Send and SendToQ keep their any-thread contract.
     CTcpConnector* GetConnector(ConnId id);
     // Number of times a listener was paused at the descriptor limit. Any thread.
     int GetAcceptPauseCount() const { return m_acceptor.GetPauseCount(); }

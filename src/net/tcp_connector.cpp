@@ -166,7 +166,7 @@ void CTcpConnector::Fini() {
     PacketInfo* ring = nullptr;
     if (m_net_buf_mgr != nullptr) {
         {
-            AutoLocker locker(&m_rx_mutex);
+            MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
             m_net_buf_mgr->Release(m_rx_queue);
             // Packets whose blocks have gone back can no longer be handed out.
             m_packet_head_idx = -1;
@@ -237,7 +237,7 @@ int CTcpConnector::Connect() {
         }
         if (m_net_buf_mgr != nullptr) {
             {
-                AutoLocker rx_locker(&m_rx_mutex);
+                MaybeLocker rx_locker(&m_rx_mutex, !m_single_thread_recv);
                 m_net_buf_mgr->Release(m_rx_queue);
             }
             {
@@ -549,6 +549,7 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
     m_tx_bytes = that.m_tx_bytes.load();
     m_rx_bytes = that.m_rx_bytes.load();
     m_keep_writing_after_peer_close = that.m_keep_writing_after_peer_close;
+    m_single_thread_recv = that.m_single_thread_recv;
     SetEvent(that.GetEvent());
     if (that.m_peer_closed) {
         m_peer_closed = true;

@@ -36,6 +36,7 @@
 // Threads and locks:
 //   m_mutex                  connection state: status, socket, epoll registration
 //   m_rx_mutex               receive queue, ring indices, rebinding of m_rx_packet/m_rx_buffer
+//                            (not taken with SetSingleThreadRecv(true): one thread does it all)
 //   m_tx_mutex               send queue, the sending role, the send-starved time
 //   m_push_send_queue_mutex  whole PushSendQ calls
 // Order: m_mutex before a queue mutex; m_push_send_queue_mutex before m_tx_mutex; never two
@@ -289,6 +290,15 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // level-triggered epoll reports the socket again when more bytes (or the end of stream)
     // arrive. A read that fills its room is followed by another, as before.
     int Recv();
+    // Off (the default): Peek and Drop may run on one consumer thread other than the update
+    // thread, and the receive state they share with framing is guarded by m_rx_mutex. On:
+    // the caller promises that Peek, Drop, GetPacketInfoCnt and every other receive-side
+    // call run on the update thread (an owner whose loop both reads and consumes, as
+    // CConnectorMgr does), and the receive side takes no lock at all. The send side is not
+    // affected. A configuration: Reset keeps it, CopyFrom copies it. Owner's thread, while
+    // no other thread uses the connector's receive side.
+    void SetSingleThreadRecv(bool on) { m_single_thread_recv = on; }
+    bool GetSingleThreadRecv() const { return m_single_thread_recv; }
     // The oldest packet, in place (<= 65536 bytes) or joined into the combine buffer. Valid
     // until the next Drop (or the next Peek of a multi-block packet). Ring consumer thread.
     int Peek(const char** buf, unsigned int& len, LogCategory* log_cat) override;
@@ -435,6 +445,13 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false,
                    bool arm = true);
     int SendToQImpl(const char* buf, unsigned int len, LogCategory* log_cat, bool arm);
+    // Copies a packet that fits in the room left in the queue's last block straight into
+    // that block: one lock, no pool round trip. It does so only while no thread holds the
+    // sending role (a flusher reads the tail's bytes outside the lock) and no push holds the
+    // tail detached; the queue is not empty, so writability is already armed (or a flush is
+    // promised). Takes m_tx_mutex; logs PushSendQ's DEBUG line with list_size=0. True when
+    // the packet went in; false sends the caller the general way (PushSendQ).
+    bool AppendToTail(const char* buf, int len, LogCategory* cat);
     // Writes queued blocks until the queue is empty or the socket would block. Caller holds
     // the sending role. Bytes written, or negative.
     int Sending(LogCategory* log_cat);
@@ -479,6 +496,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     Mutex m_tx_mutex;
     Mutex m_push_send_queue_mutex;
     Mutex m_rx_mutex;
+    // SetSingleThreadRecv: the receive side runs on the update thread alone and takes no lock.
+    bool m_single_thread_recv = false;
     Mutex m_mutex;
 
     // receive state (update thread; rebinding under m_rx_mutex)

@@ -7,7 +7,7 @@
 namespace QUOLNET {
 
 int CTcpConnector::GetPacketInfoCnt() {
-    AutoLocker locker(&m_rx_mutex);
+    MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
     return PacketCountLocked();
 }
 

@@ -115,6 +115,11 @@ int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* l
         return kSendNoRoom;
     }
 
+    if (AppendToTail(buf, static_cast<int>(len), cat)) {
+        m_is_last_tx_full = false;
+        return static_cast<int>(len);
+    }
+
     CBidirList buffer_list;
     if (!m_net_buf_mgr->Allocate(static_cast<int>(len), buffer_list, false)) {
         if (!m_is_last_tx_full) {
@@ -136,6 +141,27 @@ int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* l
     PushSendQ(buf, static_cast<int>(len), buffer_list, cat, false, arm);
     m_net_buf_mgr->Release(buffer_list);
     return static_cast<int>(len);
+}
+
+bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat) {
+    AutoLocker locker(&m_tx_mutex);
+    if (m_is_sending.load() || m_tx_tail_detached) {
+        return false;
+    }
+    LIST_NODE* tail = m_tx_queue.Tail();
+    if (tail == nullptr) {
+        return false;
+    }
+    NetBuffer* block = static_cast<NetBuffer*>(tail->pData);
+    if (block->WriteRemaining() < len) {
+        return false;
+    }
+    // The push's trace line, with no block reserved for it.
+    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d",
+           GetURL(), GetLocalURL(), len, 0);
+    block->Put(buf, len);               // the block keeps the time of its first bytes
+    StoreTv(m_send_buf_full_tv, 0, 0);  // data went in: the send side is no longer starved
+    return true;
 }
 
 int CTcpConnector::SetRegisteredEventsLocked(unsigned int events) {
@@ -350,6 +376,11 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
 
     // Reserve blocks for the whole packet before writing, so that whatever the socket does
     // not take can always be queued. Pool blocks are recycled, not allocated per call.
+    if (AppendToTail(buf, static_cast<int>(len), cat)) {
+        m_is_last_tx_full = false;
+        return static_cast<int>(len);
+    }
+
     CBidirList buffer_list;
     if (!m_net_buf_mgr->Allocate(static_cast<int>(len), buffer_list, false)) {
         m_is_sending.store(false);

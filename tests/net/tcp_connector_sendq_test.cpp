@@ -133,11 +133,61 @@ TEST(SendQ, SmallPacketTopsUpTheTailAndKeepsItsStamp) {
     EXPECT_EQ(65536 - 90, tail->m_write_pos);
     EXPECT_EQ(111, tail->m_tv.tv_sec);
     EXPECT_EQ(222, tail->m_tv.tv_usec);
-    EXPECT_EQ(1u, r.pool.GetUsedCount());  // the reserved block went back
+    EXPECT_EQ(1u, r.pool.GetUsedCount());  // no block was taken for it
     EXPECT_EQ(first + "0123456789", r.Queued());
+    // A packet that fits the tail's room is copied there without reserving a block first.
     EXPECT_TRUE(r.log.Has(LOG_PRIORITY_DEBUG,
-                          Fmt("enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=10, list_size=1",
+                          Fmt("enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=10, list_size=0",
                               r.Url().c_str(), r.LocalUrl().c_str())));
+}
+
+TEST(SendQ, APacketThatOverrunsTheTailReservesBlocksAndTopsUpTheTailFirst) {
+    SendRig r;
+    ASSERT_TRUE(r.ok);
+    std::string first = Pattern(65536 - 100);
+    ASSERT_EQ(static_cast<int>(first.size()), r.c().SendToQ(first.data(), first.size(), nullptr));
+    std::string second = Pattern(300);
+    EXPECT_EQ(300, r.c().SendToQ(second.data(), second.size(), nullptr));
+    EXPECT_EQ(2u, r.QCount());
+    EXPECT_EQ(2u, r.pool.GetUsedCount());
+    EXPECT_EQ(first + second, r.Queued());
+    EXPECT_TRUE(r.log.Has(LOG_PRIORITY_DEBUG,
+                          Fmt("enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=300, list_size=1",
+                              r.Url().c_str(), r.LocalUrl().c_str())));
+}
+
+// A small reply behind queued bytes needs no new block, so an exhausted pool does not refuse
+// it: it goes into the room left in the queue's last block.
+TEST(SendQ, APacketThatFitsTheTailIsAcceptedWithThePoolExhausted) {
+    SendRig r(2, 16);  // the pool holds two blocks
+    ASSERT_TRUE(r.ok);
+    ASSERT_EQ(3, r.c().SendToQ("abc", 3, nullptr));
+    QUOLNET::CBidirList hold;
+    ASSERT_TRUE(r.pool.Allocate(65536, hold, false));  // the pool's last block
+    ASSERT_EQ(2u, r.pool.GetUsedCount());
+    EXPECT_EQ(3, r.c().SendToQ("def", 3, nullptr));
+    EXPECT_EQ("abcdef", r.Queued());
+    EXPECT_FALSE(Peer::m_is_last_tx_full(r.c()));
+    std::string big = Pattern(65536);
+    EXPECT_EQ(0, r.c().SendToQ(big.data(), big.size(), nullptr));  // that one needs a block
+    EXPECT_TRUE(Peer::m_is_last_tx_full(r.c()));
+    r.pool.Release(hold);
+}
+
+// While another thread holds the sending role it may be writing the tail's bytes out, so a
+// packet is never copied into the queued tail then: it takes the general path.
+TEST(SendQ, NoCopyIntoTheTailWhileTheSendingRoleIsHeld) {
+    SendRig r;
+    ASSERT_TRUE(r.ok);
+    ASSERT_EQ(3, r.c().SendToQ("abc", 3, nullptr));
+    Peer::m_is_sending(r.c()).store(true);
+    EXPECT_EQ(3, r.c().SendToQ("def", 3, nullptr));
+    Peer::m_is_sending(r.c()).store(false);
+    EXPECT_EQ("abcdef", r.Queued());
+    EXPECT_EQ(
+        2, r.log.CountPrefix(LOG_PRIORITY_DEBUG,
+                             Fmt("enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=3, list_size=1",
+                                 r.Url().c_str(), r.LocalUrl().c_str())));
 }
 
 TEST(SendQ, AppendingToAnEmptyQueueArmsWritabilityOncePerBurst) {

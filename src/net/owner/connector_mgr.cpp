@@ -193,6 +193,9 @@ OwnedConn* CConnectorMgr::NewConn(const char* url) {
     c->connector->SetLogCat(m_options.log_cat);
     // The peer's end of stream stops reading only; replies are flushed before the close.
     c->connector->SetKeepWritingAfterPeerClose(true);
+    // The loop thread both reads and consumes (connectors are handed out on the loop thread
+    // only), so the receive side needs no lock.
+    c->connector->SetSingleThreadRecv(true);
     return c;
 }
 
