@@ -347,6 +347,11 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     bool IsSendBufEnough(unsigned int len) override;
     // Copies one whole packet into the send queue, or none of it. Any thread. Returns len,
     // 0 when refused (queue limit or pool), -1 for a null `buf` or a zero `len`.
+    // A packet that fits in the room left in the queue's last block is copied there at once,
+    // under one lock, before any block is asked of the pool (and so even when the pool has
+    // none to spare); only a packet that needs fresh blocks reserves them first, tops up the
+    // last block and then fills the new ones. The queue-limit check comes first either way.
+    // While another thread holds the sending role, every packet takes the second way.
     // Queues like SendToQ, but does not ask epoll for writability when the queue was empty:
     // the caller flushes with Send() before its thread next waits (the owner's end-of-tick
     // flush of corked replies), and a flush that meets would-block or a partial write asks

@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <fcntl.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -323,9 +324,11 @@ TEST_F(ConnectorMgrTest, AtTheDescriptorLimitServesExistingConnectionsAndAccepts
     server.Stop();
 }
 
-// Send and SendCorked from four threads other than the loop's. A corked packet from such a
-// thread never touches the loop's list of corked connections: it leaves when the socket
-// reports writability (queueing onto an empty send queue asks epoll for that).
+// Send and SendCorked from four threads other than the loop's, while the loop itself corks
+// packets onto the same connection from a timer (those are copied into the queue's last block
+// when they fit, under the send lock only). A corked packet from a foreign thread never
+// touches the loop's list of corked connections: it leaves when the socket reports
+// writability (queueing onto an empty send queue asks epoll for that).
 class ForeignSendTest : public ConnectorMgrTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(ForeignSendTest, SendsFromFourForeignThreadsArriveIntact) {
@@ -343,14 +346,31 @@ TEST_P(ForeignSendTest, SendsFromFourForeignThreadsArriveIntact) {
         ASSERT_TRUE(h.WaitFor([&h]() { return h.connected == 1; }));
         const int kThreads = 4;
         const int kPerThread = 500;
+        auto make = [](int t, int i) {
+            std::string payload = std::to_string(t) + ":" + std::to_string(i) + ":";
+            payload.append(static_cast<size_t>(1 + (i * 37) % 3000), static_cast<char>('a' + (i + t) % 26));
+            return Packet(payload);
+        };
+        // The loop's own sender is number kThreads: a few corked packets on every tick.
+        int loop_sent = 0;  // loop thread only
+        std::atomic<bool> loop_done{false};
+        client.AddTimer(0, 1, [&]() {
+            for (int k = 0; k < 5 && loop_sent < kPerThread; ++k) {
+                std::string p = make(kThreads, loop_sent);
+                if (client.SendCorked(id, p.data(), static_cast<unsigned int>(p.size())) <= 0) {
+                    break;  // no room now: the next tick retries
+                }
+                ++loop_sent;
+            }
+            if (loop_sent == kPerThread) {
+                loop_done = true;
+            }
+        });
         std::vector<std::thread> senders;
         for (int t = 0; t < kThreads; ++t) {
-            senders.emplace_back([&client, id, t, corked]() {
+            senders.emplace_back([&client, id, t, corked, &make]() {
                 for (int i = 0; i < kPerThread; ++i) {
-                    std::string payload = std::to_string(t) + ":" + std::to_string(i) + ":";
-                    payload.append(static_cast<size_t>(1 + (i * 37) % 3000),
-                                   static_cast<char>('a' + (i + t) % 26));
-                    std::string p = Packet(payload);
+                    std::string p = make(t, i);
                     int ret;
                     while ((ret = corked
                                       ? client.SendCorked(id, p.data(), static_cast<unsigned int>(p.size()))
@@ -365,17 +385,16 @@ TEST_P(ForeignSendTest, SendsFromFourForeignThreadsArriveIntact) {
         for (auto& s : senders) {
             s.join();
         }
-        ASSERT_TRUE(h.WaitFor([&h]() { return h.packets.size() == kThreads * kPerThread; }));
-        int next[kThreads] = {0, 0, 0, 0};
+        ASSERT_TRUE(h.WaitFor([&]() { return loop_done.load(); }));
+        ASSERT_TRUE(h.WaitFor([&h]() { return h.packets.size() == (kThreads + 1) * kPerThread; }));
+        int next[kThreads + 1] = {0, 0, 0, 0, 0};
         for (const std::string& p : h.packets) {
             int t = 0, i = 0;
             ASSERT_EQ(2, sscanf(p.c_str() + 4, "%d:%d:", &t, &i));
-            ASSERT_TRUE(t >= 0 && t < kThreads);
-            EXPECT_EQ(next[t], i);  // each thread's packets in its own order
+            ASSERT_TRUE(t >= 0 && t <= kThreads);
+            EXPECT_EQ(next[t], i);  // each sender's packets in its own order
             next[t] = i + 1;
-            std::string payload = std::to_string(t) + ":" + std::to_string(i) + ":";
-            payload.append(static_cast<size_t>(1 + (i * 37) % 3000), static_cast<char>('a' + (i + t) % 26));
-            EXPECT_EQ(Packet(payload), p);
+            EXPECT_EQ(make(t, i), p);
         }
         client.Stop();
         loop.join();
@@ -581,6 +600,28 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
         EXPECT_EQ(0, h.bad);
         EXPECT_FALSE(k->IsReadingPaused());
         EXPECT_NE(0, qntest::RegisteredEvents(server.GetEpollFd(), k->GetSocket()) & EPOLLIN);
+        close(fd);
+    }
+}
+
+// The loop is the only thread that reads and consumes a managed connection, so its
+// connector's receive side is set to take no lock; sending keeps its any-thread contract.
+TEST_F(ConnectorMgrTest, ManagedConnectorsReceiveWithoutALock) {
+    SequenceHandler h;
+    {
+        CConnectorMgr server(&h, PoolOptions());
+        int fd = ListenAndDial(server);
+        ASSERT_GE(fd, 0);
+        Pump(server, [&]() { return h.id != 0; });
+        ASSERT_NE(0u, h.id);
+        QUOLNET::CTcpConnector* k = server.GetConnector(h.id);
+        ASSERT_NE(nullptr, k);
+        EXPECT_TRUE(k->GetSingleThreadRecv());
+        std::string stream = SequencePackets(100);
+        ASSERT_TRUE(qntest::WriteAll(fd, stream.data(), stream.size()));
+        Pump(server, [&]() { return h.count >= 100; });
+        EXPECT_EQ(100, h.count);
+        EXPECT_EQ(0, h.bad);
         close(fd);
     }
 }

@@ -320,12 +320,14 @@ TEST_F(CopyFromTest, HandOverMidStreamLosesNothing) {
 
 // A big packet's chain grows with its bytes: a source that waits for the next block of its
 // packet hands over in that state, and the destination takes the block and completes the packet.
-// The keep-writing setting and the progress counters travel with the connection.
+// The keep-writing and single-thread-receive settings and the progress counters travel with
+// the connection.
 TEST_F(CopyFromTest, HandOverWhileABigPacketWaitsForItsNextBlock) {
     Conn a(&m_pool, &m_log_src);
     Conn b(&m_pool, &m_log_dst);
     ASSERT_TRUE(BindPair(a, b));
     a.c->SetKeepWritingAfterPeerClose(true);
+    a.c->SetSingleThreadRecv(true);
     std::string big = qntest::MakePacket(200000, 42);
     ASSERT_TRUE(qntest::WriteAll(m_client, big.data(), 65536));  // exactly the first block
     std::vector<NetBuffer*> held;  // the pool runs dry, so the wait for the next block shows
@@ -344,6 +346,7 @@ TEST_F(CopyFromTest, HandOverWhileABigPacketWaitsForItsNextBlock) {
 
     ASSERT_EQ(0, b.c->CopyFrom(*a.c)) << m_log_dst.Dump();
     EXPECT_TRUE(b.c->GetKeepWritingAfterPeerClose());
+    EXPECT_TRUE(b.c->GetSingleThreadRecv());
     EXPECT_EQ(65536, b.c->GetRecvBytes());
     EXPECT_EQ(QUOLNET::ALLOC_MULTI_BUFFER_BODY_STATUS, Peer::m_rx_status(*b.c));
     a.c->SetCloseSocket(false);  // the destination keeps the descriptor
