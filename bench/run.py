@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/ usr / bin / env python3
 """Runs the echo-server benchmark matrix and writes the report into bench/results/.
 
     python3 bench/run.py              full matrix (about 15-20 minutes on 2 cores)
@@ -16,6 +16,10 @@ Outputs (prefix "quick-" in --quick mode):
     results/raw.jsonl   one JSON line per client run (bench_client's output plus "run")
     results/mib_s.png   MiB/s per packet size and server (ping-pong), if gnuplot is present
     results/mib_s.dat   the chart's data
+    results/extras.json the iperf3, syscall and machine figures, for --report-only
+
+    python3 bench/run.py --report-only   rewrites report.md and the chart from raw.jsonl and
+                                         extras.json, without running anything
 """
 import argparse
 import datetime
@@ -35,7 +39,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 REFERENCE = "quolnet-peek"
 
 SERVERS = [
-    # label, binary, extra arguments
+#label, binary, extra arguments
     ("quolnet-peek", "bench_server_quolnet", ["--mode", "peek"]),
     ("quolnet-cb", "bench_server_quolnet", ["--mode", "callback"]),
     ("epoll", "bench_server_epoll", []),
@@ -177,11 +181,11 @@ def ensure_built(args):
                "bench_server_quolnet"]
     if args.no_build:
         return
-    # Configure every time (cheap) so that targets added since the last configure exist.
+#Configure every time(cheap) so that targets added since the last configure exist.
     subprocess.run(["cmake", "-S", ROOT, "-B", build] +
                    ([] if os.path.exists(os.path.join(build, "CMakeCache.txt")) else ["-DCMAKE_BUILD_TYPE=Release"]),
                    check=True, stdout=subprocess.DEVNULL)
-    # Targets whose library is missing do not exist; build each one that does.
+#Targets whose library is missing do not exist; build each one that does.
     listing = subprocess.run(["cmake", "--build", build, "--target", "help"], capture_output=True, text=True).stdout
     present = [t for t in targets if re.search(r"(^|\s)%s(:|\s|$)" % re.escape(t), listing, re.M)]
     subprocess.run(["cmake", "--build", build, "--target"] + present + ["-j2"], check=True, stdout=subprocess.DEVNULL)
@@ -320,6 +324,66 @@ def summary_lines(rows, labels, medians):
     return lines
 
 
+def goal_lines(rows, labels, results, iperf):
+    """The goals, from the medians of this run. quolnet's better mode is, per row, the higher
+    median of its servers (Peek/Drop or callback). Goal rows: ping-pong and pipelined with 10
+    or more connections."""
+    def med(key, lab, field="pps"):
+        m = summarize([x[field] for x in results.get((key, lab), [])])
+        return m["med"] if m else None
+
+    quolnets = [lab for lab in labels if lab.startswith("quolnet")]
+    peers = [lab for lab in ("asio", "libevent") if lab in labels]
+    if not quolnets:
+        return ["- no quolnet results: goals not evaluated"]
+    checks = {
+    "peer" : [], "epoll" : [], "pipelined" : []}
+    for r in rows:
+        if r["mode"] == "stream" or r["conns"] < 10:
+            continue
+        key = row_key(r)
+        qs = [(med(key, q), q) for q in quolnets if med(key, q) is not None]
+        if not qs:
+            continue
+        q, qlab = max(qs)
+        ps = [(med(key, p), p) for p in peers if med(key, p)]
+        if ps:
+            best, plab = max(ps)
+            checks["peer"].append((q / best, row_name(r), qlab, plab))
+            if r["mode"] == "pipeline":
+                checks["pipelined"].append((q / best, row_name(r), qlab, plab))
+        e = med(key, "epoll")
+        if e:
+            checks["epoll"].append((q / e, row_name(r), qlab, "epoll"))
+    out = []
+
+    def verdict(name, entries, bound):
+        if not entries:
+            return
+        worst = min(entries)
+        missed = [e for e in entries if e[0] < bound]
+        line = "- %s: %s; lowest %.2fx (%s, %s vs %s)" % (
+            name, "met" if not missed else "NOT met on %d of %d rows" % (len(missed), len(entries)),
+            worst[0], worst[1], worst[2], worst[3])
+        if missed:
+            line += "; below: " + ", ".join("%s %.3fx" % (e[1], e[0]) for e in sorted(missed))
+        out.append(line)
+
+    verdict("quolnet's better mode at or above the best of %s (ping-pong and pipelined, >= 10 "
+            "connections)" % " and ".join(peers), checks["peer"], 1.0)
+    verdict("at least 0.95x the hand-written epoll loop on those rows", checks["epoll"], 0.95)
+    verdict("at least 1.1x the best peer on the pipelined rows", checks["pipelined"], 1.1)
+    st = [r for r in rows if r["mode"] == "stream"]
+    if st and iperf:
+        qs = [(med(row_key(st[0]), q, "mib_s"), q) for q in quolnets if med(row_key(st[0]), q, "mib_s")]
+        ip = statistics.median(iperf)
+        if qs:
+            q, qlab = max(qs)
+            out.append("- streaming at or above 0.95x iperf3: %s (%s %.0f vs %.0f MiB/s, %.2fx)" % (
+                "met" if q >= 0.95 * ip else "NOT met", qlab, q, ip, q / ip))
+    return out
+
+
 def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, machine, failures):
     lines = ["# quolnet echo benchmarks" + (" (quick)" if args.quick else ""), ""]
     lines.append("Machine: %s, %s cores, kernel %s; commit %s; %s." % (
@@ -382,45 +446,7 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
     lines.append("")
     lines.append("## Goals (reported, not asserted)")
     lines.append("")
-    goals = []
-    quolnets = [lab for lab in labels if lab.startswith("quolnet")]
-    peers = [lab for lab in labels if not lab.startswith("quolnet") and lab != "epoll"]
-    for q in quolnets:
-        worst_peer, worst_epoll = None, None
-        for r in rows:
-            if r["mode"] == "stream" or r["conns"] < 10:
-                continue
-            key = row_key(r)
-            qm = summarize([x["pps"] for x in results.get((key, q), [])])
-            if qm is None:
-                continue
-            for p in peers + ["epoll"]:
-                pm = summarize([x["pps"] for x in results.get((key, p), [])])
-                if pm is None or pm["med"] <= 0:
-                    continue
-                ratio = qm["med"] / pm["med"]
-                entry = (ratio, row_name(r), p)
-                if p == "epoll":
-                    worst_epoll = entry if worst_epoll is None or ratio < worst_epoll[0] else worst_epoll
-                else:
-                    worst_peer = entry if worst_peer is None or ratio < worst_peer[0] else worst_peer
-        if worst_peer:
-            goals.append("- %s at or above every peer library (rows with >= 10 connections): %s; lowest ratio "
-                         "%.2fx (%s vs %s)" % (q, "met" if worst_peer[0] >= 1.0 else "NOT met", worst_peer[0],
-                                              worst_peer[1], worst_peer[2]))
-        if worst_epoll:
-            goals.append("- %s within 10%% of the hand-written epoll loop: %s; lowest ratio %.2fx (%s)" % (
-                q, "met" if worst_epoll[0] >= 0.9 else "NOT met", worst_epoll[0], worst_epoll[1]))
-        st = [r for r in rows if r["mode"] == "stream"]
-        if st and iperf:
-            qm = summarize([x["mib_s"] for x in results.get((row_key(st[0]), q), [])])
-            ip = statistics.median(iperf)
-            if qm:
-                goals.append("- %s streaming at >= 80%% of iperf3: %s (%.0f vs %.0f MiB/s, %.0f%%)" % (
-                    q, "met" if qm["med"] >= 0.8 * ip else "NOT met", qm["med"], ip, 100 * qm["med"] / ip))
-    if not goals:
-        goals.append("- no quolnet results: goals not evaluated")
-    lines += goals
+    lines += goal_lines(rows, labels, results, iperf)
     if failures:
         lines.append("")
         lines.append("Failed runs:")
@@ -431,6 +457,45 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
     with open(path, "w") as f:
         f.write("\n".join(lines) + "\n")
     return path
+
+
+def save_extras(outdir, prefix, args, labels, iperf, syscalls, machine, failures):
+    """What the report needs beside raw.jsonl, so that --report-only can rewrite it."""
+    extras = {
+    "args" : {
+    k: getattr(args, k) for k in ("quick", "runs", "warmup", "duration", "server_cpu",
+                                                "client_cpu", "iperf_len")
+    }
+    , "labels" : labels,
+                 "iperf" : iperf,
+                           "machine" : machine,
+                                       "syscalls"
+        : [ [ list(k), lab, v ] for (k, lab), v in syscalls.items() ],
+          "failures" : [ [ list(k), lab, errs ] for (k, lab), errs in failures.items() ],
+    }
+    with open(os.path.join(outdir, prefix + "extras.json"), "w") as f:
+        json.dump(extras, f, indent=1)
+
+
+def report_only(args):
+    prefix = "quick-" if args.quick else ""
+    with open(os.path.join(args.out, prefix + "extras.json")) as f:
+        extras = json.load(f)
+    for k, v in extras["args"].items():
+        setattr(args, k, v)
+    rows = quick_matrix() if args.quick else full_matrix()
+    results = {}
+    with open(os.path.join(args.out, prefix + "raw.jsonl")) as f:
+        for line in f:
+            res = json.loads(line)
+            key = (res["mode"], res["size"], res["conns"], res["depth"])
+            results.setdefault((key, res["server"]), []).append(res)
+    syscalls = {(tuple(k), lab): v for k, lab, v in extras["syscalls"]}
+    failures = {(tuple(k), lab): errs for k, lab, errs in extras["failures"]}
+    report = write_report(args, args.out, prefix, rows, extras["labels"], results, extras["iperf"], syscalls,
+                          extras["machine"], failures)
+    write_chart(args.out, prefix, rows, extras["labels"], results)
+    log("rewrote " + report)
 
 
 def main():
@@ -450,6 +515,8 @@ def main():
     ap.add_argument("--no-iperf", action="store_true", help="skip the iperf3 reference")
     ap.add_argument("--iperf-len", default="1M", help="iperf3 write length (-l), default 1M")
     ap.add_argument("--out", default=os.path.join(ROOT, "bench", "results"))
+    ap.add_argument("--report-only", action="store_true",
+                    help="rewrite report.md and the chart from the raw.jsonl and extras.json of an earlier run")
     ap.add_argument("--threads", type=int, default=1,
                     help="event loops of the quolnet servers (CConnectorGroup when above 1); the server "
                          "is then pinned to CPUs 0..N-1 instead of --server-cpu")
@@ -459,6 +526,8 @@ def main():
     args.duration = args.duration or (0.3 if args.quick else 1.2)
     if (os.cpu_count() or 1) < 2:
         args.server_cpu = args.client_cpu = None
+    if args.report_only:
+        return report_only(args)
 
     ensure_built(args)
     bindir = os.path.join(args.build_dir, "bench")
@@ -469,8 +538,8 @@ def main():
     servers = [(lab, os.path.join(bindir, b), extra) for lab, b, extra in SERVERS
                if os.path.exists(os.path.join(bindir, b)) and (wanted is None or lab in wanted)]
     if args.threads > 1:
-        # quolnet's servers run N loops (same labels, so the report compares as usual); the
-        # others stay single-threaded, as they are written.
+#quolnet's servers run N loops (same labels, so the report compares as usual); the
+#others stay single - threaded, as they are written.
         servers = [(lab, path, extra + ["--threads", str(args.threads)])
                    if os.path.basename(path) == "bench_server_quolnet" else (lab, path, extra)
                    for lab, path, extra in servers]
@@ -486,7 +555,7 @@ def main():
     est = len(rows) * len(labels) * args.runs * (args.warmup + args.duration + 0.06)
     log("%d scenarios x %d servers x %d runs: about %.0f min" % (len(rows), len(labels), args.runs, est / 60 + 0.5))
 
-    # An echo and a sink instance of every server, started once for the whole matrix.
+#An echo and a sink instance of every server, started once for the whole matrix.
     running = {}
     port = args.base_port
     for lab, path, extra in servers:
@@ -559,6 +628,7 @@ def main():
                     log("  failed: %s" % err)
 
     machine = machine_description()
+    save_extras(args.out, prefix, args, labels, iperf, syscalls, machine, failures)
     report = write_report(args, args.out, prefix, rows, labels, results, iperf, syscalls, machine, failures)
     chart = write_chart(args.out, prefix, rows, labels, results)
     log("done in %.0f s: %s%s" % (time.time() - started, report, (", " + chart) if chart else ""))

@@ -340,7 +340,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     int Send(const char* buf, unsigned int len, LogCategory* log_cat) override;
     // Flushes the send queue; the owner's thread calls it (through Update) on writability.
     // Returns the bytes written, 0 when another thread holds the sending role, or negative
-    // when the connection is broken.
+    // when the connection is broken. With nothing queued and writability already off in the
+    // registration it returns 0 at once, under one lock, without taking the role.
     int Send();
     // Whether a packet of `len` bytes may be expected to be accepted now: connected, room
     // under m_max_tx_buf_num (whole blocks, unlocked count) and pool blocks to spare.
@@ -466,6 +467,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // EPOLLIN is left out while reading is paused or stopped. Caller holds m_tx_mutex. 0, or
     // -1 with errno set by epoll_ctl.
     int SetRegisteredEventsLocked(unsigned int events);
+    // `events` as SetRegisteredEventsLocked would register them (EPOLLIN left out while
+    // reading is paused or stopped). Caller holds m_tx_mutex.
+    unsigned int EffectiveEventsLocked(unsigned int events) const;
     // Registers the current mask again after the reading side changed (paused, resumed or
     // stopped), keeping the write side as it is registered. Caller holds m_tx_mutex. 0, or
     // -1 with errno set by epoll_ctl.
@@ -544,8 +548,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // by m_tx_mutex. A direct write must not start while it is set: the detached tail may
     // hold the rest of a packet whose start is already on the wire.
     bool m_tx_tail_detached = false;
-    // The owner paused reading: registrations leave out EPOLLIN. Guarded by m_tx_mutex.
-    bool m_read_paused = false;
+    // The owner paused reading: registrations leave out EPOLLIN. Written under m_tx_mutex;
+    // PauseReading reads it first without the lock to skip a call that changes nothing.
+    Relaxed<bool> m_read_paused{false};
     // Reading stopped for good at the peer's end of stream: registrations leave out EPOLLIN
     // whatever PauseReading says. Guarded by m_tx_mutex; a new registration clears it.
     bool m_read_stopped = false;

@@ -164,10 +164,15 @@ bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat) {
     return true;
 }
 
-int CTcpConnector::SetRegisteredEventsLocked(unsigned int events) {
+unsigned int CTcpConnector::EffectiveEventsLocked(unsigned int events) const {
     if (m_read_paused || m_read_stopped) {
         events &= ~static_cast<unsigned int>(EPOLLIN);  // the owner paused reading, or it is over
     }
+    return events;
+}
+
+int CTcpConnector::SetRegisteredEventsLocked(unsigned int events) {
+    events = EffectiveEventsLocked(events);
     if (m_registered_events == events) {
         return 0;  // the registration already has this mask
     }
@@ -200,6 +205,9 @@ int CTcpConnector::ReapplyRegistrationLocked() {
 }
 
 int CTcpConnector::PauseReading(bool paused) {
+    if (m_read_paused.load() == paused) {
+        return 0;  // the common case, every tick: nothing changes, no lock (re-checked below)
+    }
     AutoLocker locker(&m_tx_mutex);
     if (m_read_paused == paused) {
         return 0;
@@ -376,11 +384,6 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
 
     // Reserve blocks for the whole packet before writing, so that whatever the socket does
     // not take can always be queued. Pool blocks are recycled, not allocated per call.
-    if (AppendToTail(buf, static_cast<int>(len), cat)) {
-        m_is_last_tx_full = false;
-        return static_cast<int>(len);
-    }
-
     CBidirList buffer_list;
     if (!m_net_buf_mgr->Allocate(static_cast<int>(len), buffer_list, false)) {
         m_is_sending.store(false);
@@ -441,6 +444,10 @@ int CTcpConnector::Send() {
                 return kIoFailed;
             }
             return 0;
+        }
+        if (m_tx_queue.IsEmpty() && !m_tx_tail_detached &&
+            m_registered_events == EffectiveEventsLocked(kDisarmedEvents)) {
+            return 0;  // nothing to write and writability already off: what a flush would find
         }
         m_is_sending.store(true);
     }
