@@ -151,6 +151,10 @@ class QUOLNET_EXPORT CConnectorGroup {
     std::shared_mutex m_route_lock;
     std::unordered_map<ConnId, Route> m_routes;  // guarded by m_route_lock
     std::atomic<size_t> m_route_cnt;             // m_routes.size(), read without the lock
+    // Advanced (last, under m_route_lock) by every change of a route: a connection leaving a
+    // loop or arriving at one. A sender that missed an id on a loop looks again only if it
+    // moved; read without the lock.
+    std::atomic<uint64_t> m_route_epoch{0};
     std::atomic<uint64_t> m_moves_done;
     std::atomic<uint64_t> m_moves_failed;
 };

@@ -187,12 +187,15 @@ int CConnectorGroup::SendInTransit(ConnId id, const char* buf, unsigned int len,
 int CConnectorGroup::SendRouted(ConnId id, const char* buf, unsigned int len, bool corked) {
     // Each retry follows a move that happened meanwhile. A sender on a slow or preempted
     // thread may see several moves in a row, so it retries (yielding) rather than report an
-    // id that only moved; an id that is really gone stops the loop at once (LoopOf is then
-    // the loop that just answered "unknown").
+    // id that only moved. An id that is really gone stops the loop at once: no route changed
+    // between the look-up and the miss. (Comparing the loop that missed with the id's loop
+    // after the miss is not enough: a connection may leave that loop and come back to it
+    // while a preempted sender is between the two.)
     for (int attempt = 0; attempt < 256; ++attempt) {
         if (attempt >= 8) {
             std::this_thread::yield();
         }
+        uint64_t epoch = m_route_epoch.load();
         Route r;
         bool routed = FindRoute(id, &r);
         if (routed && r.transit != nullptr) {
@@ -208,7 +211,7 @@ int CConnectorGroup::SendRouted(ConnId id, const char* buf, unsigned int len, bo
             return CConnectorMgr::kSendUnknownId;
         }
         int ret = m_loops[static_cast<size_t>(loop)]->SendImpl(id, buf, len, corked, true);
-        if (ret != CConnectorMgr::kSendUnknownId || LoopOf(id) == loop) {
+        if (ret != CConnectorMgr::kSendUnknownId || m_route_epoch.load() == epoch) {
             return ret;
         }
     }
@@ -271,6 +274,7 @@ void CConnectorGroup::SetTransit(OwnedConn* conn, CConnectorMgr* to) {
     r.transit = conn->connector.get();
     r.want_room = false;
     m_route_cnt.store(m_routes.size());
+    m_route_epoch.fetch_add(1);  // last: whoever sees it sees the route too
 }
 
 bool CConnectorGroup::Arrived(ConnId id, int loop) {
@@ -288,6 +292,7 @@ bool CConnectorGroup::Arrived(ConnId id, int loop) {
         it->second.transit = nullptr;
         it->second.want_room = false;
     }
+    m_route_epoch.fetch_add(1);  // last: whoever sees it sees the route too
     return want_room;
 }
 
