@@ -25,6 +25,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/bench_net.h"
@@ -62,20 +63,15 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
         return true;
     }
 
-    // Totals over every loop; read after the loops stopped.
-    uint64_t Packets() {
+    // Totals over every loop: packets and bytes. Read after the loops stopped.
+    std::pair<uint64_t, uint64_t> Totals() {
         std::lock_guard<std::mutex> lock(m_counts_mutex);
-        uint64_t n = 0;
-        for (auto& c : m_counts)
-            n += c->packets.load(std::memory_order_relaxed);
-        return n;
-    }
-    uint64_t Bytes() {
-        std::lock_guard<std::mutex> lock(m_counts_mutex);
-        uint64_t n = 0;
-        for (auto& c : m_counts)
-            n += c->bytes.load(std::memory_order_relaxed);
-        return n;
+        std::pair<uint64_t, uint64_t> sum{0, 0};
+        for (auto& c : m_counts) {
+            sum.first += c->packets.load(std::memory_order_relaxed);
+            sum.second += c->bytes.load(std::memory_order_relaxed);
+        }
+        return sum;
     }
 
   private:
@@ -175,6 +171,7 @@ int main(int argc, char** argv) {
     std::string url = std::string("tcp://") + opt.host + ":" + std::to_string(opt.port);
     int ret =
         opt.threads > 1 ? RunGroup(&handler, options, opt.threads, url) : RunOne(&handler, options, url);
-    PrintServed(handler.Packets(), handler.Bytes());
+    std::pair<uint64_t, uint64_t> served = handler.Totals();
+    PrintServed(served.first, served.second);
     return ret == 0 ? 0 : 1;
 }
