@@ -1,4 +1,4 @@
-#!/ usr / bin / env python3
+#!/usr/bin/env python3
 """Runs the echo-server benchmark matrix and writes the report into bench/results/.
 
     python3 bench/run.py              full matrix (about 15-20 minutes on 2 cores)
@@ -39,7 +39,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 REFERENCE = "quolnet-peek"
 
 SERVERS = [
-#label, binary, extra arguments
+    # label, binary, extra arguments
     ("quolnet-peek", "bench_server_quolnet", ["--mode", "peek"]),
     ("quolnet-cb", "bench_server_quolnet", ["--mode", "callback"]),
     ("epoll", "bench_server_epoll", []),
@@ -181,11 +181,11 @@ def ensure_built(args):
                "bench_server_quolnet"]
     if args.no_build:
         return
-#Configure every time(cheap) so that targets added since the last configure exist.
+    # Configure every time (cheap) so that targets added since the last configure exist.
     subprocess.run(["cmake", "-S", ROOT, "-B", build] +
                    ([] if os.path.exists(os.path.join(build, "CMakeCache.txt")) else ["-DCMAKE_BUILD_TYPE=Release"]),
                    check=True, stdout=subprocess.DEVNULL)
-#Targets whose library is missing do not exist; build each one that does.
+    # Targets whose library is missing do not exist; build each one that does.
     listing = subprocess.run(["cmake", "--build", build, "--target", "help"], capture_output=True, text=True).stdout
     present = [t for t in targets if re.search(r"(^|\s)%s(:|\s|$)" % re.escape(t), listing, re.M)]
     subprocess.run(["cmake", "--build", build, "--target"] + present + ["-j2"], check=True, stdout=subprocess.DEVNULL)
@@ -336,8 +336,7 @@ def goal_lines(rows, labels, results, iperf):
     peers = [lab for lab in ("asio", "libevent") if lab in labels]
     if not quolnets:
         return ["- no quolnet results: goals not evaluated"]
-    checks = {
-    "peer" : [], "epoll" : [], "pipelined" : []}
+    checks = {"peer": [], "epoll": [], "pipelined": []}
     for r in rows:
         if r["mode"] == "stream" or r["conns"] < 10:
             continue
@@ -462,16 +461,11 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
 def save_extras(outdir, prefix, args, labels, iperf, syscalls, machine, failures):
     """What the report needs beside raw.jsonl, so that --report-only can rewrite it."""
     extras = {
-    "args" : {
-    k: getattr(args, k) for k in ("quick", "runs", "warmup", "duration", "server_cpu",
-                                                "client_cpu", "iperf_len")
-    }
-    , "labels" : labels,
-                 "iperf" : iperf,
-                           "machine" : machine,
-                                       "syscalls"
-        : [ [ list(k), lab, v ] for (k, lab), v in syscalls.items() ],
-          "failures" : [ [ list(k), lab, errs ] for (k, lab), errs in failures.items() ],
+        "args": {k: getattr(args, k) for k in ("quick", "runs", "warmup", "duration", "server_cpu",
+                                                "client_cpu", "iperf_len")},
+        "labels": labels, "iperf": iperf, "machine": machine,
+        "syscalls": [[list(k), lab, v] for (k, lab), v in syscalls.items()],
+        "failures": [[list(k), lab, errs] for (k, lab), errs in failures.items()],
     }
     with open(os.path.join(outdir, prefix + "extras.json"), "w") as f:
         json.dump(extras, f, indent=1)
@@ -538,8 +532,8 @@ def main():
     servers = [(lab, os.path.join(bindir, b), extra) for lab, b, extra in SERVERS
                if os.path.exists(os.path.join(bindir, b)) and (wanted is None or lab in wanted)]
     if args.threads > 1:
-#quolnet's servers run N loops (same labels, so the report compares as usual); the
-#others stay single - threaded, as they are written.
+        # quolnet's servers run N loops (same labels, so the report compares as usual); the
+        # others stay single-threaded, as they are written.
         servers = [(lab, path, extra + ["--threads", str(args.threads)])
                    if os.path.basename(path) == "bench_server_quolnet" else (lab, path, extra)
                    for lab, path, extra in servers]
@@ -555,7 +549,7 @@ def main():
     est = len(rows) * len(labels) * args.runs * (args.warmup + args.duration + 0.06)
     log("%d scenarios x %d servers x %d runs: about %.0f min" % (len(rows), len(labels), args.runs, est / 60 + 0.5))
 
-#An echo and a sink instance of every server, started once for the whole matrix.
+    # An echo and a sink instance of every server, started once for the whole matrix.
     running = {}
     port = args.base_port
     for lab, path, extra in servers:

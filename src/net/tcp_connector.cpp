@@ -166,7 +166,7 @@ void CTcpConnector::Fini() {
     PacketInfo* ring = nullptr;
     if (m_net_buf_mgr != nullptr) {
         {
-            MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+            MaybeLocker locker = LockRx();
             m_net_buf_mgr->Release(m_rx_queue);
             // Packets whose blocks have gone back can no longer be handed out.
             m_packet_head_idx = -1;
@@ -237,7 +237,7 @@ int CTcpConnector::Connect() {
         }
         if (m_net_buf_mgr != nullptr) {
             {
-                MaybeLocker rx_locker(&m_rx_mutex, !m_single_thread_recv);
+                MaybeLocker rx_locker = LockRx();
                 m_net_buf_mgr->Release(m_rx_queue);
             }
             {

@@ -507,6 +507,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     Mutex m_rx_mutex;
     // SetSingleThreadRecv: the receive side runs on the update thread alone and takes no lock.
     bool m_single_thread_recv = false;
+    // Holds m_rx_mutex for the caller's scope, unless the receive side is single-threaded.
+    // Every receive-side lock is taken through here.
+    MaybeLocker LockRx() { return MaybeLocker(&m_rx_mutex, !m_single_thread_recv); }
     Mutex m_mutex;
 
     // receive state (update thread; rebinding under m_rx_mutex)

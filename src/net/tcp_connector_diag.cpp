@@ -7,7 +7,7 @@
 namespace QUOLNET {
 
 int CTcpConnector::GetPacketInfoCnt() {
-    MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+    MaybeLocker locker = LockRx();
     return PacketCountLocked();
 }
 

@@ -138,7 +138,7 @@ bool CTcpConnector::GrowPacketRing() {
         return false;
     }
     {
-        MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+        MaybeLocker locker = LockRx();
         if (m_packet_info == nullptr && m_packet_head_idx != -1) {
             // Live slots keep their indices. The consumer may be reading the head's inline
             // slot without the lock (Peek): it is copied, not changed, and the inline slots
@@ -162,7 +162,7 @@ bool CTcpConnector::GrowPacketRing() {
 // ---------------------------------------------------------------------------------------
 
 void CTcpConnector::AddRecvQueue(CBidirList& list) {
-    MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+    MaybeLocker locker = LockRx();
     m_rx_queue.Merge(list, false);
 }
 
@@ -256,11 +256,11 @@ int CTcpConnector::Recv() {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::Recv(), url=%s, local_url=%s, m_rx_status=%d", GetURL(),
            GetLocalURL(), static_cast<int>(m_rx_status));
     {
-        MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+        MaybeLocker locker = LockRx();
         m_rx_reading = true;
     }
     int ret = RecvLoop();
-    MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+    MaybeLocker locker = LockRx();
     m_rx_reading = false;
     ReleaseIdleRxLocked();
     return ret;
@@ -342,7 +342,7 @@ bool CTcpConnector::TakeNextBigPacketBlock() {
     int need_len = m_rx_packet.len - m_rx_packet.recv_len;
     NetBuffer* block = nullptr;
     {
-        MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+        MaybeLocker locker = LockRx();
         if (!AtRecvCapLocked()) {
             block = m_net_buf_mgr->Allocate(true, true);
             if (block == nullptr) {
@@ -377,7 +377,7 @@ int CTcpConnector::RecvPacketHead() {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::RecvPacketHead(), url=%s, local_url=%s", GetURL(),
            GetLocalURL());
     {
-        MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+        MaybeLocker locker = LockRx();
         if (m_rx_buffer == nullptr) {
             NetBuffer* buffer = AllocateRecvBufferNoLock();
             if (buffer == nullptr) {
@@ -422,7 +422,7 @@ int CTcpConnector::RecvMultiBufferBody() {
             return kIoFailed;
         }
         // Drop, on a consumer thread, reads m_rx_buffer under the mutex to know where to stop.
-        MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+        MaybeLocker locker = LockRx();
         m_rx_buffer = next;
     }
     return RecvToBuffer(m_rx_buffer);
@@ -445,7 +445,7 @@ int CTcpConnector::ParseNetBuffer() {
         int packet_cnt = 0;
         bool need_ring = false;
         {
-            MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+            MaybeLocker locker = LockRx();
             packet_cnt = PacketCountLocked();
             need_ring = packet_cnt >= kInlinePacketSlots && m_packet_info == nullptr;
         }
@@ -523,7 +523,7 @@ int CTcpConnector::ParseNetBuffer() {
 
         // 5. A small packet that would run past the end of its block is moved (step 10).
         if (len <= 65536 && 65536 - m_rx_packet.start_pos < len) {
-            MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+            MaybeLocker locker = LockRx();
             NetBuffer* buffer = AllocateRecvBufferNoLock();
             if (buffer == nullptr) {
                 return 0;
@@ -601,7 +601,7 @@ int CTcpConnector::ParseNetBuffer() {
             }
         }
 
-        MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+        MaybeLocker locker = LockRx();
         if (!file_it) {
             ReleaseCallBackPacket();
         } else if (m_packet_tail_idx == -1) {
@@ -635,12 +635,12 @@ int CTcpConnector::ParseNetBuffer() {
 }
 
 int CTcpConnector::GetUnframedLen() {
-    MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+    MaybeLocker locker = LockRx();
     return m_rx_buffer != nullptr ? m_rx_buffer->ReadRemaining() : 0;
 }
 
 bool CTcpConnector::HasPartialPacket() {
-    MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+    MaybeLocker locker = LockRx();
     if (m_rx_packet.len > 0) {
         // The length is known; the packet is filed (and m_rx_packet cleared) once complete.
         return m_rx_packet.recv_len < m_rx_packet.len;
@@ -676,7 +676,7 @@ int CTcpConnector::Peek(const char** buf, unsigned int& len, LogCategory* log_ca
     len = 0;
     PacketInfo* slot = nullptr;
     {
-        MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+        MaybeLocker locker = LockRx();
         if (m_packet_head_idx != -1) {
             slot = &PacketSlot(m_packet_head_idx);
         }
@@ -710,7 +710,7 @@ int CTcpConnector::Peek(const char** buf, unsigned int& len, LogCategory* log_ca
 int CTcpConnector::Drop() {
     PacketInfo* spare_ring = nullptr;
     {
-        MaybeLocker locker(&m_rx_mutex, !m_single_thread_recv);
+        MaybeLocker locker = LockRx();
         if (m_packet_head_idx == -1) {
             return -1;
         }
