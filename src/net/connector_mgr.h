@@ -316,6 +316,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     std::vector<OwnedConn*> m_starved;    // reading waits for a block, oldest first (loop thread)
     std::vector<OwnedConn*> m_pending;    // work carried over to the next tick (loop thread)
     std::vector<OwnedConn*> m_corked;     // connections with corked sends this tick (loop thread)
+    std::vector<OwnedConn*> m_flushing;   // the ones FlushCorked is sending (loop thread)
     std::vector<OwnedConn*> m_graveyard;  // finalised or moved away, freed at the end of the tick
 
     std::atomic<bool> m_stop;

@@ -19,57 +19,11 @@
 
 #include "recv_harness.h"
 
-namespace {
-
-std::atomic<bool> g_counting{false};
-std::atomic<long> g_allocations{0};
-
-void* CountedAlloc(size_t size) {
-    if (g_counting.load(std::memory_order_relaxed)) {
-        g_allocations.fetch_add(1, std::memory_order_relaxed);
-    }
-    return std::malloc(size == 0 ? 1 : size);
-}
-
-}  // namespace
-
-// The replacements below pair malloc with free by design; GCC cannot see that the two
-// replaced operators match and warns at every delete.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(size_t size) {
-    void* p = CountedAlloc(size);
-    if (p == nullptr) {
-        throw std::bad_alloc();
-    }
-    return p;
-}
-void* operator new[](size_t size) {
-    return operator new(size);
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    return CountedAlloc(size);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-    std::free(p);
-}
+#include "support/alloc_counter.h"
 
 namespace {
 
+using qntest::AllocationCount;
 using qntest::HarnessOptions;
 using qntest::MakePacket;
 using qntest::RecvHarness;
@@ -77,20 +31,6 @@ using QUOLNET::CTcpConnector;
 
 const int kWarmUp = 200;
 const int kMeasured = 10000;
-
-// Counts the allocations made while it lives.
-class AllocationCount {
-  public:
-    AllocationCount() {
-        g_allocations.store(0);
-        g_counting.store(true);
-    }
-    ~AllocationCount() { g_counting.store(false); }
-    long Stop() {
-        g_counting.store(false);
-        return g_allocations.load();
-    }
-};
 
 // Echoes every packet waiting in the ring with a direct Send. False on any failure.
 bool EchoRing(CTcpConnector& c) {

@@ -191,10 +191,13 @@ int CConnectorMgr::Run() {
     return 0;
 }
 
+// The connections corked so far are taken into m_flushing, and m_corked gets m_flushing's
+// emptied storage back: both keep their capacity, so a steady load flushes without touching
+// the heap, and a connection corked again while this runs is left for the next flush.
 void CConnectorMgr::FlushCorked() {
-    std::vector<OwnedConn*> corked;
-    corked.swap(m_corked);
-    for (OwnedConn* c : corked) {
+    m_flushing.clear();
+    m_flushing.swap(m_corked);
+    for (OwnedConn* c : m_flushing) {
         c->corked = false;
         if (c->dead || c->connector->GetStatus() != CONNECTOR_STATUS_CONNECTED) {
             continue;
@@ -207,6 +210,7 @@ void CConnectorMgr::FlushCorked() {
             Queue(c);  // its flush may be complete now
         }
     }
+    m_flushing.clear();
 }
 
 void CConnectorMgr::DrainWork() {
