@@ -85,6 +85,8 @@ void CTcpConnector::Reset() {
     m_last_errno = 0;
     m_read_errno = 0;
     m_write_errno = 0;
+    m_rx_inq = kRxInqUntried;
+    m_rx_last_full = false;
 }
 
 int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int socket) {
@@ -150,6 +152,8 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
     m_is_accepted = true;
     m_status = CONNECTOR_STATUS_CONNECTED;
     m_socket = socket;
+    m_rx_inq = kRxInqUntried;
+    m_rx_last_full = false;
     return 0;
 }
 
@@ -550,6 +554,8 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
     m_rx_bytes = that.m_rx_bytes.load();
     m_keep_writing_after_peer_close = that.m_keep_writing_after_peer_close;
     m_single_thread_recv = that.m_single_thread_recv;
+    m_rx_inq = that.m_rx_inq;  // the option lives on the shared descriptor
+    m_rx_last_full = that.m_rx_last_full;
     SetEvent(that.GetEvent());
     if (that.m_peer_closed) {
         m_peer_closed = true;

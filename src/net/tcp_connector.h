@@ -288,7 +288,11 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // socket is drained for now, so Recv frames what it got and returns without the further
     // read that would only meet would-block; EPOLLIN leaves m_events as on would-block, and
     // level-triggered epoll reports the socket again when more bytes (or the end of stream)
-    // arrive. A read that fills its room is followed by another, as before.
+    // arrive. A read that fills its room is followed by another, unless the kernel said with
+    // that read that nothing more is queued: after a connection's first full read, the reads
+    // that follow a full one ask for that count (TCP_INQ, one setsockopt per connection, on
+    // TCP sockets of kernels that have it), so a packet that ends exactly at the end of its
+    // room costs no read that only meets would-block either.
     int Recv();
     // Off (the default): Peek and Drop may run on one consumer thread other than the update
     // thread, and the receive state they share with framing is guarded by m_rx_mutex. On:
@@ -398,7 +402,14 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     NetBuffer* AllocateRecvBufferNoLock();
     bool AtRecvCapLocked();
     int RecvToBuffer(NetBuffer* buffer);
-    int ReadSocket(void* buf, int len);
+    // One read of at most `len` bytes into `buf`. Bytes read, 0 on would-block (EPOLLIN
+    // cleared in m_events), kPeerClosed, or kIoFailed (errno in m_read_errno). With `inq`
+    // not null the read also asks the kernel how many bytes stay queued after it and stores
+    // that in *inq (left as it was when the kernel does not say).
+    int ReadSocket(void* buf, int len, int* inq);
+    // Asks the kernel to report, with each read that wants it, the bytes still queued after
+    // it (TCP_INQ); remembers whether the socket can. Update thread.
+    void EnableReadInq();
     int RecvPacketHead();
     int RecvSingleBufferBody();
     int RecvMultiBufferBody();
@@ -574,6 +585,14 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // The last read of this Recv came back short: the socket is drained for now. Update
     // thread only.
     bool m_rx_drained = false;
+    // Whether reads may ask how many bytes stay queued after them (TCP_INQ): untried until
+    // a read first fills its room, then on, or unsupported (not TCP, an old kernel). Reset
+    // with every new descriptor. Update thread only.
+    enum : uint8_t { kRxInqUntried, kRxInqOn, kRxInqUnsupported };
+    uint8_t m_rx_inq = kRxInqUntried;
+    // The last read filled its room, so the next one may well fill its room too and asks
+    // for the queued-bytes count (a read that comes back short needs none). Update thread.
+    bool m_rx_last_full = false;
     Relaxed<int> m_write_errno;
 
     // Rarely touched members come last.

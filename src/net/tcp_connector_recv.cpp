@@ -35,9 +35,12 @@
 // - A big packet for the callback is joined into the callback's combine buffer only when it
 //   fits (its length is at most the buffer's length); otherwise joining counts as failed and
 //   the packet is filed in the ring for Peek, with the usual "CombinePacket() failed" error.
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 
 #include <atomic>
 #include <cerrno>
@@ -47,6 +50,14 @@
 
 #include "net/tcp_connector.h"
 #include "net/tcp_connector_log.h"
+
+// Older C library headers lack the queued-bytes report of reads (Linux 4.18 and later).
+#ifndef TCP_INQ
+#define TCP_INQ 36
+#endif
+#ifndef TCP_CM_INQ
+#define TCP_CM_INQ TCP_INQ
+#endif
 
 namespace QUOLNET {
 
@@ -213,23 +224,66 @@ int CTcpConnector::RecvToBuffer(NetBuffer* buffer) {
         return 0;
     }
     int room = buffer->WriteRemaining();
-    int cnt = ReadSocket(buffer->m_buf + buffer->m_write_pos, room);
+    int inq = -1;  // bytes queued after the read; -1: not asked or not told
+    bool ask_inq = m_rx_last_full && m_rx_inq == kRxInqOn;
+    int cnt = ReadSocket(buffer->m_buf + buffer->m_write_pos, room, ask_inq ? &inq : nullptr);
     if (cnt >= 1) {
         buffer->AddWritePosition(cnt);
         m_rx_bytes += cnt;
-        if (cnt < room) {
+        m_rx_last_full = cnt == room;
+        if (cnt < room || inq == 0) {
             // Drained for now: no read that would only meet would-block (see Recv).
             m_rx_drained = true;
             m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN));
+        } else if (m_rx_inq == kRxInqUntried) {
+            EnableReadInq();
         }
     }
     return cnt;
 }
 
-int CTcpConnector::ReadSocket(void* buf, int len) {
+void CTcpConnector::EnableReadInq() {
+    int one = 1;
+    if (setsockopt(m_socket, IPPROTO_TCP, TCP_INQ, &one, sizeof(one)) == 0) {
+        m_rx_inq = kRxInqOn;
+        return;
+    }
+    // Not TCP (a socketpair handed over by a test or an owner) or a kernel without TCP_INQ:
+    // full reads keep being followed by one more read, as they always may.
+    m_rx_inq = kRxInqUnsupported;
+    QN_LOG(m_log_cat, QN_DEBUG, "TCP_INQ not available, url=%s, local_url=%s, errno=%d", GetURL(),
+           GetLocalURL(), errno);
+}
+
+int CTcpConnector::ReadSocket(void* buf, int len, int* inq) {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::ReadSocket(), url=%s, local_url=%s, len=%d", GetURL(),
            GetLocalURL(), len);
-    ssize_t cnt = recv(m_socket, buf, static_cast<size_t>(len), 0);
+    ssize_t cnt = 0;
+    if (inq == nullptr) {
+        cnt = recv(m_socket, buf, static_cast<size_t>(len), 0);
+    } else {
+        struct iovec iov;
+        iov.iov_base = buf;
+        iov.iov_len = static_cast<size_t>(len);
+        union {
+            char space[CMSG_SPACE(sizeof(int))];
+            struct cmsghdr align;
+        } control;
+        struct msghdr msg;
+        memset(&msg, 0, sizeof(msg));
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control.space;
+        msg.msg_controllen = sizeof(control.space);
+        cnt = recvmsg(m_socket, &msg, 0);
+        if (cnt > 0) {
+            for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+                if (c->cmsg_level == IPPROTO_TCP && c->cmsg_type == TCP_CM_INQ) {
+                    memcpy(inq, CMSG_DATA(c), sizeof(int));
+                }
+            }
+        }
+    }
     if (cnt < 0) {
         int err = errno;
         if (err == EAGAIN) {

@@ -1,5 +1,7 @@
 // Receive blocks, socket reads and the receive state machine, over a real loopback socket.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "net/recv_harness.h"
@@ -67,6 +69,121 @@ TEST(TcpConnectorRecv, FullBlockYieldsZeroWithoutSystemCall) {
     EXPECT_EQ(4, recv(h.c().GetSocket(), tmp, sizeof(tmp), MSG_PEEK));  // the bytes are still there
     h.c().Fini();
     EXPECT_EQ(0u, h.pool().GetUsedCount());
+}
+
+// Waits (up to 5 s) until the kernel holds at least `bytes` unread bytes on the connector's
+// socket, so that one read can take them all.
+bool WaitQueued(RecvHarness& h, int bytes) {
+    for (int i = 0; i < 5000; ++i) {
+        int queued = 0;
+        if (ioctl(h.c().GetSocket(), FIONREAD, &queued) != 0) {
+            return false;
+        }
+        if (queued >= bytes) {
+            return true;
+        }
+        struct pollfd p = {h.c().GetSocket(), POLLIN, 0};
+        poll(&p, 1, 1);  // bytes already readable: wait a millisecond for the rest
+    }
+    return false;
+}
+
+int Reads(RecvHarness& h) {
+    return h.log().CountPrefix(LOG_PRIORITY_DEBUG, "enter CTcpConnector::ReadSocket()");
+}
+
+// Makes the connector's next read one that follows a full read with the queued-bytes count
+// on: a first 65536-byte packet fills its block exactly, learns nothing and is followed by a
+// read that meets would-block; it turns the count on. The packet is drained and the log
+// cleared.
+void FillOneBlockFirst(RecvHarness& h) {
+    std::string p = MakePacket(65536, 100);
+    ASSERT_TRUE(h.Write(p));
+    ASSERT_TRUE(WaitQueued(h, 65536));
+    EXPECT_EQ(65536, h.RecvOnce());
+    EXPECT_EQ(2, Reads(h)) << h.log().Dump();
+    EXPECT_TRUE(Peer::ReadInqOn(h.c()));
+    EXPECT_TRUE(Peer::m_rx_last_full(h.c()));
+    EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
+    h.log().Clear();
+}
+
+TEST(TcpConnectorRecv, ShortReadIsTheOnlyReadOfItsReadiness) {
+    RecvHarness h;
+    ASSERT_TRUE(h.ok());
+    std::string p = MakePacket(100, 1);
+    ASSERT_TRUE(h.Write(p));
+    ASSERT_TRUE(WaitQueued(h, 100));
+    EXPECT_EQ(100, h.RecvOnce());
+    EXPECT_EQ(1, Reads(h));  // no second read to meet would-block
+    EXPECT_EQ(0u, h.c().GetEvent() & EPOLLIN);
+    EXPECT_FALSE(Peer::ReadInqOn(h.c()));  // nothing filled its room: no option set
+    EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
+}
+
+TEST(TcpConnectorRecv, FullReadEndsTheReadinessWhenTheKernelHasNothingMore) {
+    RecvHarness h;
+    ASSERT_TRUE(h.ok());
+    FillOneBlockFirst(h);
+    std::string p = MakePacket(65536, 2);
+    ASSERT_TRUE(h.Write(p));
+    ASSERT_TRUE(WaitQueued(h, 65536));
+    EXPECT_EQ(65536, h.RecvOnce());
+    EXPECT_EQ(1, Reads(h)) << h.log().Dump();
+    EXPECT_EQ(0u, h.c().GetEvent() & EPOLLIN);  // as after would-block: epoll reports more
+    EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
+    h.c().Fini();
+    EXPECT_EQ(0u, h.pool().GetUsedCount());
+}
+
+TEST(TcpConnectorRecv, FullReadWithMoreQueuedReadsOn) {
+    RecvHarness h;
+    ASSERT_TRUE(h.ok());
+    FillOneBlockFirst(h);
+    std::string big = MakePacket(65536, 3);
+    std::string small = MakePacket(100, 4);
+    ASSERT_TRUE(h.Write(big + small));
+    ASSERT_TRUE(WaitQueued(h, 65636));
+    EXPECT_EQ(65636, h.RecvOnce());
+    EXPECT_EQ(2, Reads(h)) << h.log().Dump();  // the full one, then the short one
+    EXPECT_EQ(0u, h.c().GetEvent() & EPOLLIN);
+    EXPECT_FALSE(Peer::m_rx_last_full(h.c()));  // the next read asks for no count
+    EXPECT_EQ((std::vector<std::string>{big, small}), h.DrainAll());
+}
+
+TEST(TcpConnectorRecv, EndOfStreamRightAfterAFullReadIsSeen) {
+    RecvHarness h;
+    ASSERT_TRUE(h.ok());
+    FillOneBlockFirst(h);
+    std::string p = MakePacket(65536, 5);
+    ASSERT_TRUE(h.Write(p));
+    ASSERT_EQ(0, shutdown(h.client(), SHUT_WR));
+    ASSERT_TRUE(WaitQueued(h, 65536));
+    struct pollfd pf = {h.c().GetSocket(), POLLRDHUP, 0};
+    ASSERT_EQ(1, poll(&pf, 1, 5000));  // the end of stream has arrived too
+    // The kernel counts the end of stream as a queued byte, so the read after the full one
+    // is made and meets it.
+    EXPECT_EQ(-10000, h.RecvOnce());
+    EXPECT_EQ(2, Reads(h)) << h.log().Dump();
+    EXPECT_TRUE(h.log().Has(LOG_PRIORITY_INFO, "socket is closed by peer! " + h.Who()));
+    EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
+}
+
+TEST(TcpConnectorRecv, WithoutTheQueuedCountAFullReadIsFollowedByAnother) {
+    RecvHarness h;
+    ASSERT_TRUE(h.ok());
+    Peer::DenyReadInq(h.c());  // as on a socket that is not TCP, or an older kernel
+    for (uint32_t seed : {6u, 7u}) {
+        std::string p = MakePacket(65536, seed);
+        ASSERT_TRUE(h.Write(p));
+        ASSERT_TRUE(WaitQueued(h, 65536));
+        EXPECT_EQ(65536, h.RecvOnce());
+        EXPECT_EQ(2, Reads(h)) << "seed=" << seed;  // the full read, then one that meets would-block
+        EXPECT_EQ(0u, h.c().GetEvent() & EPOLLIN);
+        EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
+        h.log().Clear();
+    }
+    EXPECT_FALSE(Peer::ReadInqOn(h.c()));
 }
 
 TEST(TcpConnectorRecv, PeerCloseGivesMinus10000) {
@@ -208,10 +325,13 @@ TEST(TcpConnectorRecv, ExactMultipleOfBlockLeavesLastBlockUnlimited) {
         EXPECT_EQ(len, h.RecvBytes(len));
         ASSERT_EQ(1, h.c().GetPacketInfoCnt());
         auto& q = Peer::m_rx_queue(h.c());
-        // The packet's blocks, then the fresh block that the next read went into.
-        ASSERT_EQ(extra == 0 ? 4u : 5u, q.Count());
+        // The packet's blocks, then the fresh block that a further read went into, unless the
+        // kernel said with the read that ended the packet that nothing more was queued.
+        const unsigned int blocks = extra == 0 ? 3u : 4u;
+        ASSERT_TRUE(q.Count() == blocks || q.Count() == blocks + 1) << q.Count();
         EXPECT_EQ(Peer::m_rx_buffer(h.c()), q.Tail()->pData);
-        auto* last = static_cast<QUOLNET::NetBuffer*>(q.Tail()->pPrev->pData);
+        auto* last =
+            static_cast<QUOLNET::NetBuffer*>((q.Count() == blocks ? q.Tail() : q.Tail()->pPrev)->pData);
         EXPECT_EQ(extra == 0 ? 65536 : 1, last->m_limit_pos) << "extra=" << extra;
         EXPECT_EQ(std::vector<std::string>{p}, h.DrainAll());
     }

@@ -64,6 +64,8 @@ class CTcpConnectorTestPeer {
     QN_PEER_FIELD(m_registered_events)
     QN_PEER_FIELD(m_tx_tail_detached)
     QN_PEER_FIELD(m_read_paused)
+    QN_PEER_FIELD(m_rx_inq)
+    QN_PEER_FIELD(m_rx_last_full)
     // base fields
     QN_PEER_FIELD(m_status)
     QN_PEER_FIELD(m_url)
@@ -74,6 +76,15 @@ class CTcpConnectorTestPeer {
     QN_PEER_FIELD(m_recv_callback)
     QN_PEER_FIELD(m_callback_arg)
 #undef QN_PEER_FIELD
+
+    // Whether reads may ask the kernel for the bytes still queued (TCP_INQ).
+    static bool ReadInqOn(CTcpConnector& c) {
+        return c.m_rx_inq == CTcpConnector::kRxInqOn;
+    }
+    // As on a socket or kernel without that count.
+    static void DenyReadInq(CTcpConnector& c) {
+        c.m_rx_inq = CTcpConnector::kRxInqUnsupported;
+    }
 
     // Private operations, for the paths that only a corrupted state reaches.
     static void PushSendQ(CTcpConnector& c, const char* buf, int len, CBidirList& list) {
