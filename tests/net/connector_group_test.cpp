@@ -257,7 +257,8 @@ void ReadPackets(ClientConn* c) {
 // Regression (seen once in CI): a foreign Send reported "unknown id" for a live connection.
 // The sender missed the id on loop A because it had just moved away, was preempted, and by
 // the time it asked where the id lived the connection had come back to A, which read as "gone
-// for good". A miss now counts as final only if no route changed since the look-up.
+// for good". A miss now counts as final only if no route changed since the look-up. This
+// test meets it only by chance; connector_group_seam_test forces the interleaving.
 TEST(ConnectorGroupTest, MovedConnectionsKeepEveryByteInOrderBothWaysUnderLoad) {
     GroupHandler handler;
     handler.m_refuse_some = true;
