@@ -4,6 +4,9 @@
     python3 bench/run.py              full matrix (about 15-20 minutes on 2 cores)
     python3 bench/run.py --quick      a small subset (under a minute)
     python3 bench/run.py --syscalls   also count syscalls per packet for each server
+    python3 bench/run.py --rows pipeline:64:100,pingpong:65536:10 --runs 15
+                                      only those rows of the full matrix (MODE:SIZE:CONNS),
+                                      many runs each: a closer look at rows within the spread
 
 Every server runs pinned to one core (--server-cpu) and every client run to another
 (--client-cpu). The servers are started once (an echo instance and a --sink instance of each)
@@ -11,7 +14,8 @@ and the client runs are interleaved A/B: run k of a scenario visits the servers 
 rotated by k, so slow drifts of the machine spread over all servers. Each cell reports the
 median with min-max over --runs runs (default 5).
 
-Outputs (prefix "quick-" in --quick mode):
+Outputs (prefix "quick-" in --quick mode, "rows-" with --rows, so the committed full report
+stays):
     results/report.md   the tables, the machine description and the goal summary
     results/raw.jsonl   one JSON line per client run (bench_client's output plus "run")
     results/mib_s.png   MiB/s per packet size and server (ping-pong), if gnuplot is present
@@ -68,6 +72,29 @@ def quick_matrix():
         {"mode": "pipeline", "size": 512, "conns": 100, "depth": 16},
         {"mode": "stream", "size": 65536, "conns": 1, "depth": 1},
     ]
+
+
+def selected_rows(args):
+    """The rows this run measures: --rows picks rows of the full matrix by MODE:SIZE:CONNS."""
+    if args.quick:
+        return quick_matrix()
+    if not args.rows:
+        return full_matrix()
+    wanted = []
+    for spec in args.rows.split(","):
+        parts = spec.strip().split(":")
+        if len(parts) != 3 or not parts[1].isdigit() or not parts[2].isdigit():
+            sys.exit("--rows: %r is not MODE:SIZE:CONNS" % spec)
+        wanted.append((parts[0], int(parts[1]), int(parts[2])))
+    rows = [r for r in full_matrix() if (r["mode"], r["size"], r["conns"]) in wanted]
+    missing = [w for w in wanted if w not in [(r["mode"], r["size"], r["conns"]) for r in rows]]
+    if missing:
+        sys.exit("--rows: not in the matrix: %s" % ", ".join("%s:%d:%d" % m for m in missing))
+    return rows
+
+
+def output_prefix(args):
+    return "quick-" if args.quick else ("rows-" if args.rows else "")
 
 
 def syscall_rows():
@@ -384,7 +411,8 @@ def goal_lines(rows, labels, results, iperf):
 
 
 def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, machine, failures):
-    lines = ["# quolnet echo benchmarks" + (" (quick)" if args.quick else ""), ""]
+    title = " (quick)" if args.quick else (" (rows %s)" % args.rows if getattr(args, "rows", None) else "")
+    lines = ["# quolnet echo benchmarks" + title, ""]
     lines.append("Machine: %s, %s cores, kernel %s; commit %s; %s." % (
         machine["cpu"], machine["cores"], machine["kernel"], machine["commit"], machine["date"]))
     lines.append("Server pinned to CPU %s, client to CPU %s; %d runs per cell (A/B interleaved), "
@@ -438,8 +466,10 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
         lines.append("")
         lines.append("| scenario | " + " | ".join(labels) + " |")
         lines.append("| --- |" + " ---: |" * len(labels))
-        for r in syscall_rows():
+        for r in syscall_rows() + [x for x in rows if x not in syscall_rows()]:
             key = row_key(r)
+            if not any((key, lab) in syscalls for lab in labels):
+                continue  # a row this run did not count
             cells = ["%.2f" % syscalls[(key, lab)] if (key, lab) in syscalls else "-" for lab in labels]
             lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
     lines.append("")
@@ -461,7 +491,7 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
 def save_extras(outdir, prefix, args, labels, iperf, syscalls, machine, failures):
     """What the report needs beside raw.jsonl, so that --report-only can rewrite it."""
     extras = {
-        "args": {k: getattr(args, k) for k in ("quick", "runs", "warmup", "duration", "server_cpu",
+        "args": {k: getattr(args, k) for k in ("quick", "rows", "runs", "warmup", "duration", "server_cpu",
                                                 "client_cpu", "iperf_len")},
         "labels": labels, "iperf": iperf, "machine": machine,
         "syscalls": [[list(k), lab, v] for (k, lab), v in syscalls.items()],
@@ -472,12 +502,12 @@ def save_extras(outdir, prefix, args, labels, iperf, syscalls, machine, failures
 
 
 def report_only(args):
-    prefix = "quick-" if args.quick else ""
+    prefix = output_prefix(args)
     with open(os.path.join(args.out, prefix + "extras.json")) as f:
         extras = json.load(f)
     for k, v in extras["args"].items():
         setattr(args, k, v)
-    rows = quick_matrix() if args.quick else full_matrix()
+    rows = selected_rows(args)
     results = {}
     with open(os.path.join(args.out, prefix + "raw.jsonl")) as f:
         for line in f:
@@ -496,6 +526,8 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--quick", action="store_true", help="small subset, under a minute")
     ap.add_argument("--syscalls", action="store_true", help="also count server syscalls per packet")
+    ap.add_argument("--rows", help="only these rows of the full matrix, MODE:SIZE:CONNS comma-separated "
+                                   "(e.g. pipeline:64:100,pingpong:65536:10); outputs get the prefix rows-")
     ap.add_argument("--runs", type=int, help="runs per cell (default 5, quick 3)")
     ap.add_argument("--warmup", type=float, help="seconds discarded per run (default 0.3, quick 0.15)")
     ap.add_argument("--duration", type=float, help="seconds measured per run (default 1.2, quick 0.3)")
@@ -543,8 +575,8 @@ def main():
         sys.exit("no server built")
     labels = [s[0] for s in servers]
     log("servers: " + ", ".join(labels))
-    rows = quick_matrix() if args.quick else full_matrix()
-    prefix = "quick-" if args.quick else ""
+    rows = selected_rows(args)
+    prefix = output_prefix(args)
     os.makedirs(args.out, exist_ok=True)
     est = len(rows) * len(labels) * args.runs * (args.warmup + args.duration + 0.06)
     log("%d scenarios x %d servers x %d runs: about %.0f min" % (len(rows), len(labels), args.runs, est / 60 + 0.5))
@@ -611,7 +643,7 @@ def main():
 
     syscalls = {}
     if args.syscalls:
-        for r in syscall_rows():
+        for r in (rows if args.rows else syscall_rows()):
             for lab, path, extra in servers:
                 log("syscalls: %s %s" % (lab, row_name(r)))
                 v, err = count_syscalls(args, path, extra, lab, r, client, port)
