@@ -582,8 +582,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // errno of the last failed recv (update thread; Recv clears it on entry) and of the last
     // failed send (any thread holding the sending role).
     int m_read_errno = 0;
-    // The last read of this Recv came back short: the socket is drained for now. Update
-    // thread only.
+    // The last read of this Recv came back short, or the kernel said it left nothing
+    // queued: the socket is drained for now. Update thread only.
     bool m_rx_drained = false;
     // Whether reads may ask how many bytes stay queued after them (TCP_INQ): untried until
     // a read first fills its room, then on, or unsupported (not TCP, an old kernel). Reset
