@@ -81,10 +81,10 @@ def selected_rows(args):
     if not args.rows:
         return full_matrix()
     wanted = []
-    for spec in args.rows.split(","):
-        parts = spec.strip().split(":")
+    for item in args.rows.split(","):
+        parts = item.strip().split(":")
         if len(parts) != 3 or not parts[1].isdigit() or not parts[2].isdigit():
-            sys.exit("--rows: %r is not MODE:SIZE:CONNS" % spec)
+            sys.exit("--rows: %r is not MODE:SIZE:CONNS" % item)
         wanted.append((parts[0], int(parts[1]), int(parts[2])))
     rows = [r for r in full_matrix() if (r["mode"], r["size"], r["conns"]) in wanted]
     missing = [w for w in wanted if w not in [(r["mode"], r["size"], r["conns"]) for r in rows]]

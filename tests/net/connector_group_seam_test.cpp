@@ -111,19 +111,6 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
     std::atomic<ConnId> m_id{0};
 };
 
-// Waits (up to 20 s) until `done` holds; the loops' threads do the work.
-template <typename Done>
-bool Await(Done done) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
-
 // Regression: a foreign Send reported kSendUnknownId for a live connection (seen once in CI).
 // The sender asked loop A, the connection's loop at the look-up; the connection had just
 // moved to B, so A missed; and by the time the sender asked where the id lived, it had come
@@ -137,17 +124,10 @@ TEST(ConnectorGroupSeamTest, AMissOnALoopTheConnectionLeftAndCameBackToIsNotFina
     ASSERT_EQ(0, group.Init());
     ASSERT_GT(group.Listen("tcp://127.0.0.1:0"), 0);
     ASSERT_EQ(0, group.Start());
-    int fd = -1;
-    {
-        struct sockaddr_storage ss;
-        socklen_t len = 0;
-        ASSERT_EQ(0, QUOLNET::CTcpListener::ParseURL(group.GetListenURL().c_str(), &ss, &len, nullptr));
-        fd = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&ss), len));
-        ASSERT_EQ(0, fcntl(fd, F_SETFL, O_NONBLOCK));  // reads below are bounded
-    }
-    ASSERT_TRUE(Await([&] { return handler.m_id.load() != 0; }));
+    int fd = qntest::DialURL(group.GetListenURL());
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, fcntl(fd, F_SETFL, O_NONBLOCK));  // reads below are bounded
+    ASSERT_TRUE(qntest::Eventually([&] { return handler.m_id.load() != 0; }));
     ConnId id = handler.m_id.load();
     int a = group.LoopOf(id);
     ASSERT_GE(a, 0);
@@ -162,13 +142,13 @@ TEST(ConnectorGroupSeamTest, AMissOnALoopTheConnectionLeftAndCameBackToIsNotFina
     ASSERT_TRUE(g_stops.WaitReached(1));  // the sender is about to ask loop a
 
     ASSERT_EQ(0, group.Move(id, b));
-    ASSERT_TRUE(Await([&] { return group.GetMoveCount() == 1 && group.LoopOf(id) == b; }));
+    ASSERT_TRUE(qntest::Eventually([&] { return group.GetMoveCount() == 1 && group.LoopOf(id) == b; }));
     g_stops.Open(1);
     ASSERT_TRUE(g_stops.WaitReached(2));  // loop a has answered
     EXPECT_EQ(CConnectorMgr::kSendUnknownId, g_stops.FirstResult());
 
     ASSERT_EQ(0, group.Move(id, a));
-    ASSERT_TRUE(Await([&] { return group.GetMoveCount() == 2 && group.LoopOf(id) == a; }));
+    ASSERT_TRUE(qntest::Eventually([&] { return group.GetMoveCount() == 2 && group.LoopOf(id) == a; }));
     g_stops.Open(2);
     sender.join();
 

@@ -133,20 +133,6 @@ class GroupHandler : public QUOLNET::IConnectorHandler {
     std::map<ConnId, int> m_closed;
 };
 
-int Dial(const std::string& url) {
-    struct sockaddr_storage ss;
-    socklen_t len = 0;
-    if (QUOLNET::CTcpListener::ParseURL(url.c_str(), &ss, &len, nullptr) != 0) {
-        return -1;
-    }
-    int fd = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
-        close(fd);
-        fd = -1;
-    }
-    return fd;
-}
-
 ConnectorGroupOptions Options(int threads, bool reuse_port) {
     ConnectorGroupOptions o;
     o.threads = threads;
@@ -165,7 +151,7 @@ void ServeFourHundred(bool reuse_port) {
         const int kPackets = 10;
         std::vector<int> fds;
         for (int i = 0; i < kConns; ++i) {
-            int fd = Dial(group.GetListenURL());
+            int fd = qntest::DialURL(group.GetListenURL());
             ASSERT_GE(fd, 0);
             fds.push_back(fd);
         }
@@ -269,7 +255,7 @@ TEST(ConnectorGroupTest, MovedConnectionsKeepEveryByteInOrderBothWaysUnderLoad) 
     const int kConns = 4;
     std::vector<ClientConn> conns(kConns);
     for (auto& c : conns) {
-        c.fd = Dial(group.GetListenURL());
+        c.fd = qntest::DialURL(group.GetListenURL());
         ASSERT_GE(c.fd, 0);
     }
     std::vector<ConnId> ids;
@@ -422,7 +408,7 @@ TEST(ConnectorGroupTest, StoppingTheGroupClosesEveryDescriptorOnce) {
         ASSERT_GT(group.Listen("tcp://127.0.0.1:0"), 0);
         ASSERT_EQ(group.Start(), 0);
         for (int i = 0; i < 100; ++i) {
-            int fd = Dial(group.GetListenURL());
+            int fd = qntest::DialURL(group.GetListenURL());
             ASSERT_GE(fd, 0);
             clients.push_back(fd);
         }

@@ -23,7 +23,6 @@
 
 namespace {
 
-using qntest::AllocationCount;
 using QUOLNET::CConnectorMgr;
 using QUOLNET::ConnectorMgrOptions;
 using QUOLNET::ConnId;
@@ -97,29 +96,13 @@ class MgrNoAllocTest : public ::testing::TestWithParam<bool> {
         return memcmp(m_echo.data(), wire.data(), wire.size()) == 0;
     }
 
-    // Warm-up rounds, then measured ones; the allocations counted in the measured ones, or -1
-    // with *failed_round set when a round failed.
+    // Warm-up rounds, then measured ones (CountAllocations): at least kMeasured, and long
+    // enough for the loop's periodic work (the limit sweep) to run twice among them.
     long Measure(const std::string& wire, int* failed_round) {
         m_echo.assign(wire.size(), '\0');
-        *failed_round = -1;
-        for (int i = 0; i < kWarmUp; ++i) {
-            if (!Round(wire)) {
-                *failed_round = i;
-                return -1;
-            }
-        }
-        // At least kMeasured rounds, and long enough for the loop's periodic work (the limit
-        // sweep) to run twice among them.
-        auto until =
-            std::chrono::steady_clock::now() + std::chrono::milliseconds(2 * CConnectorMgr::kSweepMs + 100);
-        AllocationCount count;
-        for (int i = 0; i < kMeasured || std::chrono::steady_clock::now() < until; ++i) {
-            if (!Round(wire)) {
-                *failed_round = kWarmUp + i;
-                break;
-            }
-        }
-        return count.Stop();
+        return qntest::CountAllocations(
+            kWarmUp, kMeasured, [&] { return Round(wire); }, failed_round,
+            std::chrono::milliseconds(2 * CConnectorMgr::kSweepMs + 100));
     }
 
     CEchoHandler m_handler;

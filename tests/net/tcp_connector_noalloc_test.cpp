@@ -85,24 +85,12 @@ int EchoFromCallback(const char*, const char* data, int len, void* arg) {
     return c->Send(data, static_cast<unsigned int>(len), nullptr) == len ? 1 : 0;
 }
 
-// Runs warm-up and measured rounds; returns the allocations counted in the measured ones.
+// Runs warm-up and measured rounds (CountAllocations); returns the allocations counted in
+// the measured ones.
 long MeasureEcho(RecvHarness& h, const std::string& wire, bool peek_drop, int* failed_round) {
     std::vector<char> echo(wire.size());
-    *failed_round = -1;
-    for (int i = 0; i < kWarmUp; ++i) {
-        if (!Round(h, wire, echo.data(), peek_drop)) {
-            *failed_round = i;
-            return -1;
-        }
-    }
-    AllocationCount count;
-    for (int i = 0; i < kMeasured; ++i) {
-        if (!Round(h, wire, echo.data(), peek_drop)) {
-            *failed_round = kWarmUp + i;
-            break;
-        }
-    }
-    return count.Stop();
+    return qntest::CountAllocations(
+        kWarmUp, kMeasured, [&] { return Round(h, wire, echo.data(), peek_drop); }, failed_round);
 }
 
 HarnessOptions Quiet() {

@@ -71,15 +71,18 @@ TEST(TcpConnectorRecv, FullBlockYieldsZeroWithoutSystemCall) {
     EXPECT_EQ(0u, h.pool().GetUsedCount());
 }
 
-// Waits (up to 5 s) until the kernel holds at least `bytes` unread bytes on the connector's
-// socket, so that one read can take them all.
-bool WaitQueued(RecvHarness& h, int bytes) {
+// Writes `bytes` from the peer and waits (up to 5 s) until the kernel holds them all unread on
+// the connector's socket, so that one read can take them all.
+bool WriteQueued(RecvHarness& h, const std::string& bytes) {
+    if (!h.Write(bytes)) {
+        return false;
+    }
     for (int i = 0; i < 5000; ++i) {
         int queued = 0;
         if (ioctl(h.c().GetSocket(), FIONREAD, &queued) != 0) {
             return false;
         }
-        if (queued >= bytes) {
+        if (queued >= static_cast<int>(bytes.size())) {
             return true;
         }
         struct pollfd p = {h.c().GetSocket(), POLLIN, 0};
@@ -98,8 +101,7 @@ int Reads(RecvHarness& h) {
 // cleared.
 void FillOneBlockFirst(RecvHarness& h) {
     std::string p = MakePacket(65536, 100);
-    ASSERT_TRUE(h.Write(p));
-    ASSERT_TRUE(WaitQueued(h, 65536));
+    ASSERT_TRUE(WriteQueued(h, p));
     EXPECT_EQ(65536, h.RecvOnce());
     EXPECT_EQ(2, Reads(h)) << h.log().Dump();
     EXPECT_TRUE(Peer::ReadInqOn(h.c()));
@@ -112,8 +114,7 @@ TEST(TcpConnectorRecv, ShortReadIsTheOnlyReadOfItsReadiness) {
     RecvHarness h;
     ASSERT_TRUE(h.ok());
     std::string p = MakePacket(100, 1);
-    ASSERT_TRUE(h.Write(p));
-    ASSERT_TRUE(WaitQueued(h, 100));
+    ASSERT_TRUE(WriteQueued(h, p));
     EXPECT_EQ(100, h.RecvOnce());
     EXPECT_EQ(1, Reads(h));  // no second read to meet would-block
     EXPECT_EQ(0u, h.c().GetEvent() & EPOLLIN);
@@ -126,8 +127,7 @@ TEST(TcpConnectorRecv, FullReadEndsTheReadinessWhenTheKernelHasNothingMore) {
     ASSERT_TRUE(h.ok());
     FillOneBlockFirst(h);
     std::string p = MakePacket(65536, 2);
-    ASSERT_TRUE(h.Write(p));
-    ASSERT_TRUE(WaitQueued(h, 65536));
+    ASSERT_TRUE(WriteQueued(h, p));
     EXPECT_EQ(65536, h.RecvOnce());
     EXPECT_EQ(1, Reads(h)) << h.log().Dump();
     EXPECT_EQ(0u, h.c().GetEvent() & EPOLLIN);  // as after would-block: epoll reports more
@@ -142,8 +142,7 @@ TEST(TcpConnectorRecv, FullReadWithMoreQueuedReadsOn) {
     FillOneBlockFirst(h);
     std::string big = MakePacket(65536, 3);
     std::string small = MakePacket(100, 4);
-    ASSERT_TRUE(h.Write(big + small));
-    ASSERT_TRUE(WaitQueued(h, 65636));
+    ASSERT_TRUE(WriteQueued(h, big + small));
     EXPECT_EQ(65636, h.RecvOnce());
     EXPECT_EQ(2, Reads(h)) << h.log().Dump();  // the full one, then the short one
     EXPECT_EQ(0u, h.c().GetEvent() & EPOLLIN);
@@ -156,9 +155,8 @@ TEST(TcpConnectorRecv, EndOfStreamRightAfterAFullReadIsSeen) {
     ASSERT_TRUE(h.ok());
     FillOneBlockFirst(h);
     std::string p = MakePacket(65536, 5);
-    ASSERT_TRUE(h.Write(p));
+    ASSERT_TRUE(WriteQueued(h, p));
     ASSERT_EQ(0, shutdown(h.client(), SHUT_WR));
-    ASSERT_TRUE(WaitQueued(h, 65536));
     struct pollfd pf = {h.c().GetSocket(), POLLRDHUP, 0};
     ASSERT_EQ(1, poll(&pf, 1, 5000));  // the end of stream has arrived too
     // The kernel counts the end of stream as a queued byte, so the read after the full one
@@ -175,8 +173,7 @@ TEST(TcpConnectorRecv, WithoutTheQueuedCountAFullReadIsFollowedByAnother) {
     Peer::DenyReadInq(h.c());  // as on a socket that is not TCP, or an older kernel
     for (uint32_t seed : {6u, 7u}) {
         std::string p = MakePacket(65536, seed);
-        ASSERT_TRUE(h.Write(p));
-        ASSERT_TRUE(WaitQueued(h, 65536));
+        ASSERT_TRUE(WriteQueued(h, p));
         EXPECT_EQ(65536, h.RecvOnce());
         EXPECT_EQ(2, Reads(h)) << "seed=" << seed;  // the full read, then one that meets would-block
         EXPECT_EQ(0u, h.c().GetEvent() & EPOLLIN);

@@ -115,19 +115,6 @@ using namespace qntest;
 using QUOLNET::LOG_PRIORITY_DEBUG;
 using QUOLNET::LOG_PRIORITY_ERROR;
 
-// Waits (bounded) until `pred` holds; for states that only the log reveals.
-template <typename Pred>
-bool Eventually(Pred pred) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
-
 void Shrink(SendRig& r) {
     SetSmallBuffers(r.fd, 4096, 0);
 }

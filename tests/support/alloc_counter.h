@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <new>
 
@@ -36,6 +37,32 @@ class AllocationCount {
         return g_allocations.load();
     }
 };
+
+// Runs `warm_up` rounds uncounted, then counts the allocations of at least `measured` more
+// rounds, going on until `at_least` has passed too (for periodic work to run among them).
+// `round()` returns false on a failure: the count of the measured rounds run so far is
+// returned with *failed_round set to the failing round's index (or -1 when a warm-up round
+// failed); *failed_round is -1 when every round passed.
+template <typename Round>
+long CountAllocations(int warm_up, int measured, Round round, int* failed_round,
+                      std::chrono::milliseconds at_least = std::chrono::milliseconds(0)) {
+    *failed_round = -1;
+    for (int i = 0; i < warm_up; ++i) {
+        if (!round()) {
+            *failed_round = i;
+            return -1;
+        }
+    }
+    auto until = std::chrono::steady_clock::now() + at_least;
+    AllocationCount count;
+    for (int i = 0; i < measured || std::chrono::steady_clock::now() < until; ++i) {
+        if (!round()) {
+            *failed_round = warm_up + i;
+            break;
+        }
+    }
+    return count.Stop();
+}
 
 }  // namespace qntest
 

@@ -33,12 +33,12 @@ inline std::string SequencePackets(uint32_t n) {
     return out;
 }
 
-// Dials the manager's first listener with a blocking socket (the kernel completes the
-// connection without the loop). The client descriptor, or -1.
-inline int DialListener(QUOLNET::CConnectorMgr& mgr) {
+// Dials a listener's URL ("tcp://127.0.0.1:9000") with a blocking socket (the kernel
+// completes the connection without the server's loop). The client descriptor, or -1.
+inline int DialURL(const std::string& url) {
     struct sockaddr_storage ss;
     socklen_t len = 0;
-    if (QUOLNET::CTcpListener::ParseURL(mgr.GetListenURL(0).c_str(), &ss, &len, nullptr) != 0) {
+    if (QUOLNET::CTcpListener::ParseURL(url.c_str(), &ss, &len, nullptr) != 0) {
         return -1;
     }
     int fd = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -47,6 +47,11 @@ inline int DialListener(QUOLNET::CConnectorMgr& mgr) {
         fd = -1;
     }
     return fd;
+}
+
+// Dials the manager's first listener (DialURL). The client descriptor, or -1.
+inline int DialListener(QUOLNET::CConnectorMgr& mgr) {
+    return DialURL(mgr.GetListenURL(0));
 }
 
 // Initialises `mgr`, listens on an ephemeral loopback port and dials it (DialListener).

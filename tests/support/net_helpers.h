@@ -1,7 +1,9 @@
 // Helpers for tests that need real sockets over loopback and a real epoll instance.
 #pragma once
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace qntest {
 
@@ -59,5 +61,19 @@ int WaitEpoll(int epfd, unsigned int* events, void** data, int timeout_ms);
 // The event mask registered for fd in epfd, read back from /proc/self/fdinfo; -1 when fd is
 // not registered.
 long RegisteredEvents(int epfd, int fd);
+
+// Waits until `done()` holds, yielding to the threads that do the work, for at most 20 s.
+// Returns whether it holds: for states that other threads (loops, senders) bring about.
+template <typename Done>
+bool Eventually(Done done) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
 
 }  // namespace qntest
