@@ -22,6 +22,10 @@ stays):
     results/mib_s.dat   the chart's data
     results/extras.json the iperf3, syscall and machine figures, for --report-only
 
+Beside packets/s, every timed run records the server's user and kernel CPU time per packet
+(srv_user_ns, srv_sys_ns in raw.jsonl, from /proc/PID/stat). The user share is the server's
+own code, apart from the loopback TCP work that every server causes in the kernel alike.
+
     python3 bench/run.py --report-only   rewrites report.md and the chart from raw.jsonl and
                                          extras.json, without running anything
 """
@@ -160,6 +164,15 @@ class Server:
     def alive(self):
         return self.proc is not None and self.proc.poll() is None
 
+    def cpu_ticks(self):
+        """(user, kernel) CPU time the server has used so far, in clock ticks; None if unknown."""
+        try:
+            with open("/proc/%d/stat" % self.proc.pid) as f:
+                fields = f.read().rsplit(")", 1)[1].split()
+            return int(fields[11]), int(fields[12])  # utime, stime
+        except (OSError, IndexError, ValueError, AttributeError):
+            return None
+
     def stop(self):
         if self.proc is None:
             return
@@ -276,6 +289,19 @@ def count_syscalls(args, path, extra, label, row, client, port):
             tracer.kill()
             tracer.wait()
         srv.stop()
+
+
+CLK_TCK = os.sysconf("SC_CLK_TCK") if hasattr(os, "sysconf") else 100
+
+
+def add_cpu_per_packet(res, before, after):
+    """Adds the server's user and kernel CPU time per packet (ns) over the whole client run,
+    warm-up included (total_packets counts the warm-up's packets too)."""
+    n = res.get("total_packets")
+    if before is None or after is None or not n:
+        return
+    res["srv_user_ns"] = (after[0] - before[0]) * 1e9 / CLK_TCK / n
+    res["srv_sys_ns"] = (after[1] - before[1]) * 1e9 / CLK_TCK / n
 
 
 def fmt_num(v):
@@ -472,6 +498,15 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
                 continue  # a row this run did not count
             cells = ["%.2f" % syscalls[(key, lab)] if (key, lab) in syscalls else "-" for lab in labels]
             lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    cpu_lines = cpu_table(rows, labels, results)
+    if cpu_lines:
+        lines.append("")
+        lines.append("Server CPU per packet, median ns, user + kernel (from /proc/PID/stat over each timed "
+                     "run, warm-up included; %d ticks a second, so a cell is good to a few percent). "
+                     "The user share is the server's own code; the kernel's share is its syscalls, "
+                     "mostly the loopback TCP work every server causes alike:" % CLK_TCK)
+        lines.append("")
+        lines += cpu_lines
     lines.append("")
     lines.append("## Goals (reported, not asserted)")
     lines.append("")
@@ -486,6 +521,28 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
     with open(path, "w") as f:
         f.write("\n".join(lines) + "\n")
     return path
+
+
+def cpu_table(rows, labels, results):
+    """One line per scenario: each server's median user + kernel ns per packet. Empty when the
+    raw data has no CPU figures (runs made before they were recorded)."""
+    out = []
+    for r in rows:
+        cells, seen = [], False
+        for lab in labels:
+            res = [x for x in results.get((row_key(r), lab), []) if "srv_user_ns" in x]
+            if not res:
+                cells.append("-")
+                continue
+            seen = True
+            u = statistics.median([x["srv_user_ns"] for x in res])
+            k = statistics.median([x["srv_sys_ns"] for x in res])
+            cells.append("%s + %s" % (fmt_num(u), fmt_num(k)))
+        if seen:
+            out.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    if not out:
+        return []
+    return ["| scenario | " + " | ".join(labels) + " |", "| --- |" + " ---: |" * len(labels)] + out
 
 
 def save_extras(outdir, prefix, args, labels, iperf, syscalls, machine, failures):
@@ -605,7 +662,10 @@ def main():
                     if not srv.alive() and not srv.start():
                         failures.setdefault((key, lab), []).append("server not running")
                         continue
+                    before = srv.cpu_ticks()
                     res, err = run_client(args, client, srv.port, lab, r, args.warmup, args.duration)
+                    if res is not None:
+                        add_cpu_per_packet(res, before, srv.cpu_ticks())
                     if res is None:
                         failures.setdefault((key, lab), []).append(err or "client failed")
                         log("  %s run %d failed: %s" % (lab, run + 1, (err or "")[:200]))
