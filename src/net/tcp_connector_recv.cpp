@@ -212,7 +212,8 @@ NetBuffer* CTcpConnector::AllocateRecvBufferNoLock() {
         return nullptr;
     }
     m_is_last_rx_full = false;
-    gettimeofday(&buffer->m_tv, nullptr);
+    // The block's wait counts from the pool's stamp (a receive block comes stamped with the
+    // time it was handed out), so no second clock read here.
     m_rx_queue.Insert(&buffer->m_node);
     return buffer;
 }
