@@ -377,6 +377,36 @@ def summary_lines(rows, labels, medians):
     return lines
 
 
+def paired_lines(rows, labels, results):
+    """The goal rows again, as paired ratios: run k of a row visits every server back to back,
+    so quolnet's better mode over a peer within one run cancels the machine's slow drift.
+    Cells: the median of those per-run ratios [min-max]."""
+    quolnets = [lab for lab in labels if lab.startswith("quolnet")]
+    peers = [lab for lab in ("asio", "libevent", "epoll") if lab in labels]
+    if not quolnets or not peers:
+        return []
+    out = []
+    for r in rows:
+        if r["mode"] == "stream" or r["conns"] < 10:
+            continue
+        key = row_key(r)
+        by_run = {}
+        for lab in quolnets + peers:
+            for x in results.get((key, lab), []):
+                by_run.setdefault(x["run"], {})[lab] = x["pps"]
+        cells = []
+        for p in peers:
+            ratios = [max(v[q] for q in quolnets if q in v) / v[p] for v in by_run.values()
+                      if p in v and v[p] > 0 and any(q in v for q in quolnets)]
+            cells.append("%.2f [%.2f-%.2f]" % (statistics.median(ratios), min(ratios), max(ratios))
+                         if ratios else "-")
+        out.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    if not out:
+        return []
+    return ["| scenario | " + " | ".join("quolnet / " + p for p in peers) + " |",
+            "| --- |" + " ---: |" * len(peers)] + out
+
+
 def goal_lines(rows, labels, results, iperf):
     """The goals, from the medians of this run. quolnet's better mode is, per row, the higher
     median of its servers (Peek/Drop or callback). Goal rows: ping-pong and pipelined with 10
@@ -511,6 +541,14 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
     lines.append("## Goals (reported, not asserted)")
     lines.append("")
     lines += goal_lines(rows, labels, results, iperf)
+    paired = paired_lines(rows, labels, results)
+    if paired:
+        lines.append("")
+        lines.append("The same rows as paired ratios: within run k every server is measured back to back, "
+                     "so quolnet's better mode over a peer in the same run cancels the machine's drift "
+                     "between runs. Median of the per-run ratios [min-max]:")
+        lines.append("")
+        lines += paired
     if failures:
         lines.append("")
         lines.append("Failed runs:")
