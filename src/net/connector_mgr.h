@@ -293,6 +293,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     ConnectorMgrOptions m_options;
     CNetBufferMgr* m_pool;
     std::unique_ptr<CNetBufferMgr> m_own_pool;
+    // The longest packet a Send can ever queue: max_send_blocks blocks, and no more than the
+    // pool lends to senders (all but an eighth). Set by Init; read by any sending thread.
+    uint64_t m_send_len_limit = 0;
     IPackParser* m_parser;
     std::unique_ptr<CLengthPrefixParser> m_own_parser;
     std::unique_ptr<char[]> m_combine_buf;       // Peek joins multi-block packets here (loop thread)

@@ -436,7 +436,15 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
         return m_packet_info != nullptr ? m_packet_info[idx] : m_packet_info_inline[idx % kInlinePacketSlots];
     }
     // Packets in the ring (the rule of GetPacketInfoCnt). Caller holds m_rx_mutex.
-    int PacketCountLocked() const;
+    int PacketCountLocked() const {
+        if (m_packet_head_idx == -1) {
+            return 0;
+        }
+        if (m_packet_head_idx > m_packet_tail_idx) {
+            return m_packet_tail_idx - m_packet_head_idx + 1001;
+        }
+        return m_packet_tail_idx - m_packet_head_idx + 1;
+    }
     // Moves the ring into ring storage once kInlinePacketSlots packets wait, so that framing
     // may file more. False when no storage could be had (framing then waits as for a full
     // ring). Update thread; takes m_rx_mutex.

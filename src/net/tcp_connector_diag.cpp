@@ -11,16 +11,6 @@ int CTcpConnector::GetPacketInfoCnt() {
     return PacketCountLocked();
 }
 
-int CTcpConnector::PacketCountLocked() const {
-    if (m_packet_head_idx == -1) {
-        return 0;
-    }
-    if (m_packet_head_idx > m_packet_tail_idx) {
-        return m_packet_tail_idx - m_packet_head_idx + 1001;
-    }
-    return m_packet_tail_idx - m_packet_head_idx + 1;
-}
-
 int CTcpConnector::GetSendQCount() {
     return static_cast<int>(m_tx_queue.Count());
 }

@@ -803,7 +803,9 @@ int CTcpConnector::Drop() {
             ReleaseIdleRxLocked();
         }
     }
-    GivePacketRing(spare_ring);
+    if (spare_ring != nullptr) {  // most drops leave the ring in use: no call
+        GivePacketRing(spare_ring);
+    }
     return 0;
 }
 

@@ -121,6 +121,10 @@ int CConnectorMgr::Init() {
     }
     m_limits.Init(m_options.pool_reserve_blocks != 0 ? m_options.pool_reserve_blocks
                                                      : m_pool->GetMaxBlockNum() / 8);
+    uint64_t block = static_cast<uint64_t>(m_pool->GetBlockSize());
+    m_send_len_limit =
+        std::min(static_cast<uint64_t>(m_options.max_send_blocks) * block,
+                 static_cast<uint64_t>(m_pool->GetMaxBlockNum() - m_pool->GetMaxBlockNum() / 8) * block);
     if (m_options.stats_interval_sec > 0) {
         m_next_stats_ms = CEventLoop::NowMs() + m_options.stats_interval_sec * 1000LL;
     }

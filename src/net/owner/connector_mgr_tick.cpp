@@ -225,10 +225,7 @@ void CConnectorMgr::DrainWork() {
 // A packet over the queue limit, or over what the pool lends to senders, can never be
 // accepted: say so instead of "no room" for ever.
 bool CConnectorMgr::RefuseTooLarge(OwnedConn* c, unsigned int len, bool on_loop) {
-    uint64_t block = static_cast<uint64_t>(m_pool->GetBlockSize());
-    uint64_t pool_room =
-        static_cast<uint64_t>(m_pool->GetMaxBlockNum() - m_pool->GetMaxBlockNum() / 8) * block;
-    if (len <= static_cast<uint64_t>(m_options.max_send_blocks) * block && len <= pool_room) {
+    if (len <= m_send_len_limit) {
         return false;
     }
     m_stats.CountTooLarge();
