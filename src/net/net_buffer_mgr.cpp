@@ -32,22 +32,40 @@ CNetBufferMgr::~CNetBufferMgr() {
     }
 }
 
-NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timeval* now) {
+NetBuffer* CNetBufferMgr::MakeBlockLocked() {
+    NetBuffer* buf = new (std::nothrow) NetBuffer;
+    if (buf == nullptr) {
+        return nullptr;
+    }
+    buf->m_uid = static_cast<int>(m_all.size());
+    m_all.push_back(buf);
+    m_out.push_back(0);
+    return buf;
+}
+
+NetBuffer* CNetBufferMgr::PopFreeLocked(bool for_reservation) {
     NetBuffer* buf = nullptr;
-    LIST_NODE* node = m_free.RemoveHead();
-    if (node != nullptr) {
-        buf = static_cast<NetBuffer*>(node->pData);
-    } else {
-        buf = new (std::nothrow) NetBuffer;
+    // The last m_reserved free blocks back reservations: only their holders take them.
+    if (for_reservation || m_free.Count() > m_reserved) {
+        LIST_NODE* node = m_free.RemoveHead();
+        buf = node != nullptr ? static_cast<NetBuffer*>(node->pData) : nullptr;
+    }
+    if (buf == nullptr) {
+        buf = MakeBlockLocked();
         if (buf == nullptr) {
             return nullptr;
         }
-        buf->m_uid = static_cast<int>(m_all.size());
-        m_all.push_back(buf);
-        m_out.push_back(0);
     }
     m_out[static_cast<size_t>(buf->m_uid)] = 1;
     buf->Clear();
+    return buf;
+}
+
+NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timeval* now) {
+    NetBuffer* buf = PopFreeLocked(false);
+    if (buf == nullptr) {
+        return nullptr;
+    }
     buf->m_is_rx_buf = is_rx ? 1 : 0;
     buf->m_is_big_buf = is_big ? 1 : 0;
     if (now != nullptr) {
@@ -135,6 +153,57 @@ bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
     return true;
 }
 
+bool CNetBufferMgr::Reserve(int len) {
+    if (len <= 0) {
+        return true;
+    }
+    unsigned int need =
+        static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    AutoLocker locker(&m_mutex);
+    if (m_used > m_max_block_num || m_max_block_num - m_used < need) {
+        return false;
+    }
+    // Back the reservation with free blocks now, so that taking it later cannot fail.
+    while (m_free.Count() < m_reserved + need) {
+        NetBuffer* buf = MakeBlockLocked();
+        if (buf == nullptr) {
+            return false;  // out of memory: the blocks made so far wait on the free list
+        }
+        buf->m_node.pData = buf;
+        m_free.InsertHead(&buf->m_node);
+    }
+    m_reserved += need;
+    m_used += need;
+    if (m_used > m_peak_used) {
+        m_peak_used = m_used;
+    }
+    return true;
+}
+
+void CNetBufferMgr::Unreserve(int len) {
+    if (len <= 0) {
+        return;
+    }
+    unsigned int need =
+        static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    AutoLocker locker(&m_mutex);
+    m_reserved -= need;
+    m_used -= need;
+}
+
+void CNetBufferMgr::TakeReserved(int len, CBidirList& list) {
+    if (len <= 0) {
+        return;
+    }
+    unsigned int need =
+        static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    AutoLocker locker(&m_mutex);
+    for (unsigned int i = 0; i < need; ++i) {
+        list.Insert(&PopFreeLocked(true)->m_node);  // backed since Reserve: never null
+    }
+    m_reserved -= need;  // m_used already counts them
+}
+
 void CNetBufferMgr::Release(NetBuffer** buf) {
     if (buf == nullptr || *buf == nullptr) {
         return;
@@ -218,7 +287,7 @@ unsigned int CNetBufferMgr::GetUsedCount() {
 
 unsigned int CNetBufferMgr::GetFreeCount() {
     AutoLocker locker(&m_mutex);
-    return m_free.Count();
+    return m_free.Count() - m_reserved;  // blocks backing reservations are not waiting for reuse
 }
 
 unsigned int CNetBufferMgr::GetPeakUsedCount() {

@@ -74,6 +74,18 @@ class QUOLNET_EXPORT CNetBufferMgr {
     // (is_rx) are flagged as big-packet blocks.
     bool Allocate(int len, CBidirList& list, bool is_rx);
 
+    // Reservations, for a writer that may need blocks only after it has written: Reserve
+    // counts ceil(len / block size) blocks as out (used, and in the peak) under the limit of
+    // Allocate(len, list, false), without handing any over, and makes sure that many free
+    // blocks exist for it, so that TakeReserved cannot fail. All or nothing: false changes
+    // no count. Each successful Reserve(len) is ended by exactly one Unreserve(len) (the
+    // blocks were not needed) or TakeReserved(len, list) (appends that many empty send
+    // blocks to `list`, which are then released like any others). Free blocks that back a
+    // reservation are not counted by GetFreeCount and not handed to anyone else.
+    bool Reserve(int len);
+    void Unreserve(int len);
+    void TakeReserved(int len, CBidirList& list);
+
     // Returns one block (null is ignored) and sets *buf to null.
     void Release(NetBuffer** buf);
 
@@ -111,6 +123,13 @@ class QUOLNET_EXPORT CNetBufferMgr {
     // Takes a block from the free list or makes one; caller holds m_mutex and has checked
     // the limit.
     NetBuffer* TakeLocked(bool is_rx, bool is_big, const struct timeval* now);  // null now: m_tv zero
+    // An empty block marked out, from the free list (leaving the blocks that back
+    // reservations, unless `for_reservation`) or newly made; null when memory cannot be had.
+    // Counts nothing. Caller holds m_mutex.
+    NetBuffer* PopFreeLocked(bool for_reservation);
+    // A new block, not out and on no list; null when memory cannot be had. Caller holds
+    // m_mutex.
+    NetBuffer* MakeBlockLocked();
     // Puts an out block back on the free list and returns true; refuses (false, counted) a
     // block that is not out.
     bool GiveBackLocked(NetBuffer* buf);
@@ -123,11 +142,12 @@ class QUOLNET_EXPORT CNetBufferMgr {
     const int m_min_big_packet_len;
 
     Mutex m_mutex;
-    CBidirList m_free;                       // guarded by m_mutex
-    std::vector<NetBuffer*> m_all;           // every block ever made; guarded by m_mutex
-    unsigned int m_used;                     // guarded by m_mutex
-    unsigned int m_peak_used;                // guarded by m_mutex
-    std::vector<unsigned char> m_out;        // per block uid: 1 while handed out; guarded by m_mutex
+    CBidirList m_free;                 // guarded by m_mutex
+    std::vector<NetBuffer*> m_all;     // every block ever made; guarded by m_mutex
+    unsigned int m_used;               // guarded by m_mutex
+    unsigned int m_peak_used;          // guarded by m_mutex
+    unsigned int m_reserved = 0;       // counted in m_used, each backed by a free block; guarded by m_mutex
+    std::vector<unsigned char> m_out;  // per block uid: 1 while handed out; guarded by m_mutex
     unsigned long m_double_release_cnt = 0;  // guarded by m_mutex
     LogCategory* m_log_cat = nullptr;
     bool m_assert_on_double_release = true;

@@ -382,10 +382,10 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
         return ret;
     }
 
-    // Reserve blocks for the whole packet before writing, so that whatever the socket does
-    // not take can always be queued. Pool blocks are recycled, not allocated per call.
-    CBidirList buffer_list;
-    if (!m_net_buf_mgr->Allocate(static_cast<int>(len), buffer_list, false)) {
+    // Reserve room for the whole packet before writing, so that whatever the socket does
+    // not take can always be queued. Only a count changes: the blocks are taken only when
+    // the socket takes less than all of the packet.
+    if (!m_net_buf_mgr->Reserve(static_cast<int>(len))) {
         m_is_sending.store(false);
         if (!m_is_last_tx_full) {
             m_is_last_tx_full = true;
@@ -412,21 +412,27 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
             cat, QN_ERROR,
             "WriteSocket() failed, suggest to disconnect, url=%s, local_url=%s, len=%d, left_cnt=%d, ret=%d",
             GetURL(), GetLocalURL(), static_cast<int>(len), static_cast<int>(len) - total_send_cnt, ret);
-        // The blocks reserved for the packet go back to the pool; the packet is not counted
+        // The room reserved for the packet goes back to the pool; the packet is not counted
         // and the full flag is left as it was.
-        m_net_buf_mgr->Release(buffer_list);
+        m_net_buf_mgr->Unreserve(static_cast<int>(len));
         return ret;
     }
 
+    CBidirList buffer_list;
     if (total_send_cnt < static_cast<int>(len)) {
         // The start of the packet is on the wire: its rest goes ahead of anything queued
         // meanwhile, and the role is kept until it is queued.
+        m_net_buf_mgr->TakeReserved(static_cast<int>(len), buffer_list);
         PushSendQ(buf + total_send_cnt, static_cast<int>(len) - total_send_cnt, buffer_list, cat, true);
     }
     m_is_sending.store(false);
 
     ++m_tx_packet_cnt;
-    m_net_buf_mgr->Release(buffer_list);
+    if (total_send_cnt < static_cast<int>(len)) {
+        m_net_buf_mgr->Release(buffer_list);  // the blocks the rest did not need
+    } else {
+        m_net_buf_mgr->Unreserve(static_cast<int>(len));
+    }
     m_is_last_tx_full = false;
     return static_cast<int>(len);
 }

@@ -420,6 +420,108 @@ namespace {
 // only), the refusal is counted and logged with the block's address, once per occurrence.
 // The assert that a build without NDEBUG adds is switched off here so that the counting is
 // checked in every build; the death test below checks the assert where it exists.
+// A direct write reserves room for its whole packet and takes the blocks only if the socket
+// takes less than all of it.
+TEST(NetBufferMgrReserve, CountsAsUsedUntilEndedAndHandsOverNothing) {
+    CNetBufferMgr pool(4);
+    ASSERT_TRUE(pool.Reserve(65536 + 1));  // two blocks
+    Validate(pool, 2);
+    EXPECT_EQ(2u, pool.GetPeakUsedCount());
+    EXPECT_EQ(0u, pool.GetFreeCount());  // the blocks made for it wait for it alone
+    pool.Unreserve(65536 + 1);
+    Validate(pool, 0);
+    EXPECT_EQ(2u, pool.GetFreeCount());
+    EXPECT_TRUE(pool.Reserve(0));  // nothing to reserve
+    pool.Unreserve(0);
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgrReserve, IsAllOrNothingUnderTheLimit) {
+    CNetBufferMgr pool(3);
+    NetBuffer* a = pool.Allocate(false, false);
+    ASSERT_NE(nullptr, a);
+    EXPECT_FALSE(pool.Reserve(3 * 65536));  // three blocks, two left
+    Validate(pool, 1);
+    ASSERT_TRUE(pool.Reserve(2 * 65536));
+    Validate(pool, 3);
+    EXPECT_EQ(nullptr, pool.Allocate(false, false));  // the reservation counts against the limit
+    pool.Unreserve(2 * 65536);
+    pool.Release(&a);
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgrReserve, TakenBlocksAreEmptySendBlocksAndGoBackLikeAnyOther) {
+    CNetBufferMgr pool(4);
+    ASSERT_TRUE(pool.Reserve(100));
+    CBidirList list;
+    pool.TakeReserved(100, list);
+    ASSERT_EQ(1u, list.Count());
+    NetBuffer* b = Blocks(list)[0];
+    ExpectEmptyBlock(b);
+    EXPECT_EQ(0, b->m_is_rx_buf);
+    EXPECT_EQ(0, b->m_is_big_buf);
+    EXPECT_EQ(0, StampUs(b));
+    Validate(pool, 1);
+    pool.Release(list);
+    EXPECT_EQ(0u, list.Count());
+    Validate(pool, 0);
+    EXPECT_EQ(0ul, pool.GetDoubleReleaseCount());
+}
+
+TEST(NetBufferMgrReserve, BlocksBackingAReservationAreNotHandedToOthers) {
+    CNetBufferMgr pool(4);
+    NetBuffer* a = pool.Allocate(false, false);
+    NetBuffer* warm = a;
+    pool.Release(&a);  // one block made, free
+    ASSERT_TRUE(pool.Reserve(1));  // backed by that free block
+    Validate(pool, 1);
+    NetBuffer* other = pool.Allocate(true, false);  // must not take the backing block
+    ASSERT_NE(nullptr, other);
+    EXPECT_NE(warm, other);
+    CBidirList chain;
+    ASSERT_TRUE(pool.Allocate(65536, chain, false));
+    EXPECT_NE(warm, Blocks(chain)[0]);
+    Validate(pool, 3);
+    CBidirList taken;
+    pool.TakeReserved(1, taken);
+    ASSERT_EQ(1u, taken.Count());
+    EXPECT_EQ(warm, Blocks(taken)[0]);
+    Validate(pool, 3);
+    pool.Release(&other);
+    pool.Release(chain);
+    pool.Release(taken);
+    Validate(pool, 0);
+}
+
+TEST(NetBufferMgrReserve, ManyThreadsReservingTakingAndAllocatingLeaveTheCountsWhole) {
+    CNetBufferMgr pool(64);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&pool, t] {
+            for (int i = 0; i < 2000; ++i) {
+                int len = 1 + (i * 7919 + t) % (2 * 65536);
+                if (!pool.Reserve(len)) {
+                    continue;
+                }
+                if (i % 3 == 0) {
+                    CBidirList list;
+                    pool.TakeReserved(len, list);
+                    pool.Release(list);
+                } else {
+                    NetBuffer* b = pool.Allocate(i % 2 == 0, false);
+                    pool.Release(&b);
+                    pool.Unreserve(len);
+                }
+            }
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    Validate(pool, 0);
+    EXPECT_EQ(0ul, pool.GetDoubleReleaseCount());
+}
+
 TEST(NetBufferMgrDoubleRelease, IsRefusedCountedAndLoggedOncePerOccurrence) {
     CNetBufferMgr pool(4);
     qntest::LogCapture log(LOG_PRIORITY_TRACE);
