@@ -12,6 +12,12 @@ namespace {
 // The pool's own category: ERROR and above, to the process-wide output (stderr by default).
 LogCategory g_pool_log_cat("quolnet.pool", LOG_PRIORITY_ERROR);
 
+// Blocks that hold `len` bytes (len > 0).
+unsigned int BlocksFor(int len) {
+    return static_cast<unsigned int>((static_cast<long long>(len) + NetBuffer::kBlockSize - 1) /
+                                     NetBuffer::kBlockSize);
+}
+
 }  // namespace
 
 CNetBufferMgr::CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks, int min_big_packet_len,
@@ -127,8 +133,7 @@ bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
     if (len <= 0) {
         return true;
     }
-    unsigned int need =
-        static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    unsigned int need = BlocksFor(len);
     struct timeval now;
     if (is_rx) {
         gettimeofday(&now, nullptr);
@@ -157,8 +162,7 @@ bool CNetBufferMgr::Reserve(int len) {
     if (len <= 0) {
         return true;
     }
-    unsigned int need =
-        static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    unsigned int need = BlocksFor(len);
     AutoLocker locker(&m_mutex);
     if (m_used > m_max_block_num || m_max_block_num - m_used < need) {
         return false;
@@ -184,8 +188,7 @@ void CNetBufferMgr::Unreserve(int len) {
     if (len <= 0) {
         return;
     }
-    unsigned int need =
-        static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    unsigned int need = BlocksFor(len);
     AutoLocker locker(&m_mutex);
     m_reserved -= need;
     m_used -= need;
@@ -195,8 +198,7 @@ void CNetBufferMgr::TakeReserved(int len, CBidirList& list) {
     if (len <= 0) {
         return;
     }
-    unsigned int need =
-        static_cast<unsigned int>((static_cast<long long>(len) + GetBlockSize() - 1) / GetBlockSize());
+    unsigned int need = BlocksFor(len);
     AutoLocker locker(&m_mutex);
     for (unsigned int i = 0; i < need; ++i) {
         list.Insert(&PopFreeLocked(true)->m_node);  // backed since Reserve: never null
