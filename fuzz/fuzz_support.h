@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -55,6 +56,34 @@ class Reader {
     size_t m_pos = 0;
 };
 
+// connect(2) on a blocking socket that a signal may interrupt (libFuzzer's -timeout raises
+// SIGALRM every second): an interrupted connect goes on in the kernel, so wait for it to
+// finish and read its result. True when connected; false with errno set otherwise.
+inline bool ConnectThroughSignals(int fd, const struct sockaddr_in& to) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) == 0) {
+        return true;
+    }
+    if (errno != EINTR) {
+        return false;
+    }
+    struct pollfd p = {fd, POLLOUT, 0};
+    int n;
+    do {
+        n = poll(&p, 1, 5000);
+    } while (n < 0 && errno == EINTR);
+    if (n <= 0) {
+        errno = n == 0 ? ETIMEDOUT : errno;
+        return false;
+    }
+    int err = 0;
+    socklen_t len = sizeof(err);
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) {
+        return false;
+    }
+    errno = err;
+    return err == 0;
+}
+
 // A connected loopback TCP pair: `*client` (blocking) and `*server` (non-blocking, as a
 // listener hands it to a connector). The listener (on 127.0.0.1) is made once per process and
 // kept. Each client binds its own source address in 127.1.0.0/16 (the port chosen at
@@ -87,12 +116,14 @@ inline bool TcpPair(int* client, int* server) {
     int one = 1;
     setsockopt(*client, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof(one));
     if (bind(*client, reinterpret_cast<sockaddr*>(&source), sizeof(source)) != 0 ||
-        connect(*client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        !ConnectThroughSignals(*client, addr)) {
         std::fprintf(stderr, "loopback pair: bind/connect: %s\n", std::strerror(errno));
         close(*client);
         return false;
     }
-    *server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    do {
+        *server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    } while (*server < 0 && errno == EINTR);
     if (*server < 0) {
         close(*client);
         return false;
