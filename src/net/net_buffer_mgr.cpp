@@ -38,6 +38,10 @@ CNetBufferMgr::~CNetBufferMgr() {
     }
 }
 
+bool CNetBufferMgr::HasRoomLocked(unsigned int limit, unsigned int need) const {
+    return m_used <= limit && limit - m_used >= need;  // m_used may stand above a lower limit
+}
+
 NetBuffer* CNetBufferMgr::MakeBlockLocked() {
     NetBuffer* buf = new (std::nothrow) NetBuffer;
     if (buf == nullptr) {
@@ -141,7 +145,7 @@ bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
     CBidirList got;
     AutoLocker locker(&m_mutex);
     unsigned int limit = is_rx ? m_max_block_num - m_tx_reserve_blocks : m_max_block_num;
-    if (m_used > limit || limit - m_used < need) {
+    if (!HasRoomLocked(limit, need)) {
         return false;
     }
     for (unsigned int i = 0; i < need; ++i) {
@@ -164,7 +168,7 @@ bool CNetBufferMgr::Reserve(int len) {
     }
     unsigned int need = BlocksFor(len);
     AutoLocker locker(&m_mutex);
-    if (m_used > m_max_block_num || m_max_block_num - m_used < need) {
+    if (!HasRoomLocked(m_max_block_num, need)) {
         return false;
     }
     // Back the reservation with free blocks now, so that taking it later cannot fail.
@@ -244,7 +248,7 @@ bool CNetBufferMgr::Copy(const CBidirList& from, CBidirList& to) {
     {
         AutoLocker locker(&m_mutex);
         unsigned int need = from.Count();
-        if (m_max_block_num - m_used < need || m_used > m_max_block_num) {
+        if (!HasRoomLocked(m_max_block_num, need)) {
             return false;
         }
         for (LIST_NODE* n = from.Head(); n != nullptr; n = n->pNext) {

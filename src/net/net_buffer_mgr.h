@@ -127,6 +127,8 @@ class QUOLNET_EXPORT CNetBufferMgr {
     // reservations, unless `for_reservation`) or newly made; null when memory cannot be had.
     // Counts nothing. Caller holds m_mutex.
     NetBuffer* PopFreeLocked(bool for_reservation);
+    // Whether `need` more blocks keep the blocks out within `limit`. Caller holds m_mutex.
+    bool HasRoomLocked(unsigned int limit, unsigned int need) const;
     // A new block, not out and on no list; null when memory cannot be had. Caller holds
     // m_mutex.
     NetBuffer* MakeBlockLocked();

@@ -418,8 +418,9 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
         return ret;
     }
 
+    const bool short_write = total_send_cnt < static_cast<int>(len);
     CBidirList buffer_list;
-    if (total_send_cnt < static_cast<int>(len)) {
+    if (short_write) {
         // The start of the packet is on the wire: its rest goes ahead of anything queued
         // meanwhile, and the role is kept until it is queued.
         m_net_buf_mgr->TakeReserved(static_cast<int>(len), buffer_list);
@@ -428,7 +429,7 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
     m_is_sending.store(false);
 
     ++m_tx_packet_cnt;
-    if (total_send_cnt < static_cast<int>(len)) {
+    if (short_write) {
         m_net_buf_mgr->Release(buffer_list);  // the blocks the rest did not need
     } else {
         m_net_buf_mgr->Unreserve(static_cast<int>(len));

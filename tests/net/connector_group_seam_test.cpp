@@ -18,6 +18,7 @@
 
 #include "net/connector_group.h"
 #include "support/mgr_helpers.h"
+#include "support/thread_stops.h"
 #include "support/net_helpers.h"
 
 using QUOLNET::CConnectorGroup;
@@ -35,56 +36,10 @@ int __wrap__ZN7QUOLNET13CConnectorMgr8SendImplEmPKcjbb(CConnectorMgr* self, Conn
 
 namespace {
 
-// Two stops for one thread: before its first call reaches the loop, and after that call
-// returned. The test opens each in turn; every wait is bounded.
-class TwoStops {
-  public:
-    void Arm(pthread_t who) {
-        std::lock_guard<std::mutex> l(m_mu);
-        m_who = who;
-        m_armed = true;
-    }
-    bool Wanted() {
-        std::lock_guard<std::mutex> l(m_mu);
-        return m_armed && pthread_equal(m_who, pthread_self());
-    }
-    // Called by the stopped thread: reports reaching stop `n` (1 or 2) and waits until it is
-    // opened.
-    void Reach(int n, int result) {
-        std::unique_lock<std::mutex> l(m_mu);
-        if (n == 2) {
-            m_armed = false;  // later calls of this thread pass
-            m_first_result = result;
-        }
-        m_reached = n;
-        m_cv.notify_all();
-        m_cv.wait_for(l, std::chrono::seconds(20), [&] { return m_opened >= n; });
-    }
-    bool WaitReached(int n) {
-        std::unique_lock<std::mutex> l(m_mu);
-        return m_cv.wait_for(l, std::chrono::seconds(20), [&] { return m_reached >= n; });
-    }
-    void Open(int n) {
-        std::lock_guard<std::mutex> l(m_mu);
-        m_opened = n;
-        m_cv.notify_all();
-    }
-    int FirstResult() {
-        std::lock_guard<std::mutex> l(m_mu);
-        return m_first_result;
-    }
-
-  private:
-    std::mutex m_mu;
-    std::condition_variable m_cv;
-    pthread_t m_who{};
-    bool m_armed = false;
-    int m_reached = 0;
-    int m_opened = 0;
-    int m_first_result = 0;
-};
-
-TwoStops g_stops;
+// Stop 1: before the sender's first call reaches the loop; stop 2: after it returned, with
+// its result in g_first_result.
+qntest::CThreadStops g_stops;
+std::atomic<int> g_first_result{0};
 
 }  // namespace
 
@@ -94,9 +49,10 @@ extern "C" int __wrap__ZN7QUOLNET13CConnectorMgr8SendImplEmPKcjbb(CConnectorMgr*
     if (!g_stops.Wanted()) {
         return __real__ZN7QUOLNET13CConnectorMgr8SendImplEmPKcjbb(self, id, buf, len, corked, routed);
     }
-    g_stops.Reach(1, 0);
+    g_stops.Reach(1, false);
     int ret = __real__ZN7QUOLNET13CConnectorMgr8SendImplEmPKcjbb(self, id, buf, len, corked, routed);
-    g_stops.Reach(2, ret);
+    g_first_result = ret;
+    g_stops.Reach(2, true);
     return ret;
 }
 
@@ -145,7 +101,7 @@ TEST(ConnectorGroupSeamTest, AMissOnALoopTheConnectionLeftAndCameBackToIsNotFina
     ASSERT_TRUE(qntest::Eventually([&] { return group.GetMoveCount() == 1 && group.LoopOf(id) == b; }));
     g_stops.Open(1);
     ASSERT_TRUE(g_stops.WaitReached(2));  // loop a has answered
-    EXPECT_EQ(CConnectorMgr::kSendUnknownId, g_stops.FirstResult());
+    EXPECT_EQ(CConnectorMgr::kSendUnknownId, g_first_result.load());
 
     ASSERT_EQ(0, group.Move(id, a));
     ASSERT_TRUE(qntest::Eventually([&] { return group.GetMoveCount() == 2 && group.LoopOf(id) == a; }));

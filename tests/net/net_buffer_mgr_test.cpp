@@ -472,7 +472,7 @@ TEST(NetBufferMgrReserve, BlocksBackingAReservationAreNotHandedToOthers) {
     CNetBufferMgr pool(4);
     NetBuffer* a = pool.Allocate(false, false);
     NetBuffer* warm = a;
-    pool.Release(&a);  // one block made, free
+    pool.Release(&a);              // one block made, free
     ASSERT_TRUE(pool.Reserve(1));  // backed by that free block
     Validate(pool, 1);
     NetBuffer* other = pool.Allocate(true, false);  // must not take the backing block

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "support/thread_stops.h"
 #include "tcp_connector_send_fixture.h"
 
 extern "C" {
@@ -25,55 +26,10 @@ std::atomic<int> g_send_calls{0};       // every send(2) the connector made
 std::atomic<int> g_send_flags_or{0};    // the flags of all of them, OR-ed
 std::atomic<int> g_send_flags_and{~0};  // and AND-ed
 
-// A one-shot gate: the thread that arrives first waits until the test opens it.
-class Gate {
-  public:
-    // Called by the test before it starts the thread to be gated.
-    void Reset() {
-        std::lock_guard<std::mutex> l(m_mu);
-        m_armed = false;
-        m_arrived = false;
-        m_open = false;
-    }
-    // Called by the thread to be gated.
-    void Arm(pthread_t who) {
-        std::lock_guard<std::mutex> l(m_mu);
-        m_who = who;
-        m_armed = true;
-    }
-    bool Wanted() {
-        std::lock_guard<std::mutex> l(m_mu);
-        return m_armed && pthread_equal(m_who, pthread_self());
-    }
-    // Called by the gated thread.
-    void Pass() {
-        std::unique_lock<std::mutex> l(m_mu);
-        m_armed = false;
-        m_arrived = true;
-        m_cv.notify_all();
-        m_cv.wait_for(l, std::chrono::seconds(20), [&] { return m_open; });
-    }
-    bool WaitArrived() {
-        std::unique_lock<std::mutex> l(m_mu);
-        return m_cv.wait_for(l, std::chrono::seconds(20), [&] { return m_arrived; });
-    }
-    void Open() {
-        std::lock_guard<std::mutex> l(m_mu);
-        m_open = true;
-        m_cv.notify_all();
-    }
-
-  private:
-    std::mutex m_mu;
-    std::condition_variable m_cv;
-    pthread_t m_who{};
-    bool m_armed = false;
-    bool m_arrived = false;
-    bool m_open = false;
-};
-
-Gate g_send_gate;  // stops a thread on entry to send
-Gate g_tail_gate;  // stops a thread that reads the clock while its push holds the detached tail
+// One-stop gates: the armed thread waits at stop 1 until the test opens it.
+qntest::CThreadStops g_send_gate;  // stops a thread on entry to send
+qntest::CThreadStops
+    g_tail_gate;  // stops a thread that reads the clock while its push holds the detached tail
 QUOLNET::CTcpConnector* g_tail_conn = nullptr;
 
 std::atomic<bool> g_clock_fixed{false};
@@ -91,7 +47,7 @@ extern "C" ssize_t __wrap_send(int fd, const void* buf, size_t len, int flags) {
         return -1;
     }
     if (g_send_gate.Wanted()) {
-        g_send_gate.Pass();
+        g_send_gate.Reach(1, true);
     }
     return __real_send(fd, buf, len, flags);
 }
@@ -104,7 +60,7 @@ extern "C" int __wrap_gettimeofday(struct timeval* tv, void* tz) {
     // Only the gated thread reads the flag here, and only it writes it (under m_tx_mutex).
     if (g_tail_conn != nullptr && g_tail_gate.Wanted() &&
         QUOLNET::CTcpConnectorTestPeer::m_tx_tail_detached(*g_tail_conn)) {
-        g_tail_gate.Pass();
+        g_tail_gate.Reach(1, true);
     }
     return __real_gettimeofday(tv, tz);
 }
@@ -211,10 +167,10 @@ TEST(SendSeam, RestOfAPartialWriteGoesAheadOfPacketsQueuedDuringTheWrite) {
     std::string p = Pattern(300000, 1), q = Pattern(100, 2);
     int ra = 0;
     std::thread a = StartHeldSend(r, p, &ra);
-    ASSERT_TRUE(g_send_gate.WaitArrived());
+    ASSERT_TRUE(g_send_gate.WaitReached(1));
     EXPECT_EQ(100, r.c().Send(q.data(), q.size(), nullptr));  // role busy: queued
     EXPECT_EQ(q, r.Queued());
-    g_send_gate.Open();
+    g_send_gate.Open(1);
     a.join();
     ASSERT_EQ(300000, ra);
     std::string queued = r.Queued();
@@ -234,12 +190,12 @@ TEST(SendSeam, RoleIsKeptUntilTheRestIsQueued) {
     std::string p = Pattern(300000, 3), q = Pattern(100, 4);
     int ra = 0;
     std::thread a = StartHeldSend(r, p, &ra);
-    ASSERT_TRUE(g_send_gate.WaitArrived());
+    ASSERT_TRUE(g_send_gate.WaitReached(1));
     EXPECT_EQ(100, r.c().Send(q.data(), q.size(), nullptr));
     ASSERT_EQ(1, r.log.CountPrefix(LOG_PRIORITY_DEBUG, "enter CTcpConnector::PushSendQ()"));
     // Hold the writer at the door of its rest's push, then try to flush as the owner would.
     Peer::m_push_send_queue_mutex(r.c()).Lock();
-    g_send_gate.Open();
+    g_send_gate.Open(1);
     bool at_push = Eventually(
         [&] { return r.log.CountPrefix(LOG_PRIORITY_DEBUG, "enter CTcpConnector::PushSendQ()") == 2; });
     EXPECT_TRUE(at_push);
@@ -280,7 +236,7 @@ TEST(SendSeam, DetachedTailBlocksADirectWrite) {
         g_tail_gate.Arm(pthread_self());
         EXPECT_EQ(70000, r.c().SendToQ(y.data(), y.size(), nullptr));
     });
-    ASSERT_TRUE(g_tail_gate.WaitArrived());
+    ASSERT_TRUE(g_tail_gate.WaitReached(1));
     EXPECT_EQ(0u, r.QCount());  // the queue looks empty: its tail is being topped up
     std::atomic<bool> c_done{false};
     std::thread c([&] {
@@ -296,7 +252,7 @@ TEST(SendSeam, DetachedTailBlocksADirectWrite) {
     });
     EXPECT_TRUE(settled);
     EXPECT_EQ(0u, r.QCount());
-    g_tail_gate.Open();
+    g_tail_gate.Open(1);
     b.join();
     c.join();
     g_tail_conn = nullptr;
