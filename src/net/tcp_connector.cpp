@@ -47,6 +47,8 @@ CTcpConnector::~CTcpConnector() {
 
 void CTcpConnector::Reset() {
     m_close_socket = true;
+    m_tx_cork_block = nullptr;
+    m_tx_cork_overtaken = false;
     m_events.store(0);
     memset(m_peer_url, 0, sizeof(m_peer_url));
     GivePacketRing(m_packet_info);
@@ -181,6 +183,8 @@ void CTcpConnector::Fini() {
         {
             AutoLocker locker(&m_tx_mutex);
             m_net_buf_mgr->Release(m_tx_queue);
+            m_tx_cork_block = nullptr;
+            m_tx_cork_overtaken = false;
         }
     }
     m_parser = nullptr;
@@ -247,6 +251,8 @@ int CTcpConnector::Connect() {
             {
                 AutoLocker tx_locker(&m_tx_mutex);
                 m_net_buf_mgr->Release(m_tx_queue);
+                m_tx_cork_block = nullptr;
+                m_tx_cork_overtaken = false;
             }
         }
         Reset();

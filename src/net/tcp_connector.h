@@ -37,7 +37,8 @@
 //   m_mutex                  connection state: status, socket, epoll registration
 //   m_rx_mutex               receive queue, ring indices, rebinding of m_rx_packet/m_rx_buffer
 //                            (not taken with SetSingleThreadRecv(true): one thread does it all)
-//   m_tx_mutex               send queue, the sending role, the send-starved time
+//   m_tx_mutex               send queue, the sending role, the send-starved time (the
+//                            owner's cork block is filled without it: see SendToQCorked)
 //   m_push_send_queue_mutex  whole PushSendQ calls
 // Order: m_mutex before a queue mutex; m_push_send_queue_mutex before m_tx_mutex; never two
 // of m_rx_mutex/m_tx_mutex at once. No mutex is held across send/recv or the callback.
@@ -362,7 +363,15 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // flush of corked replies), and a flush that meets would-block or a partial write asks
     // for writability itself. A burst of corked replies thus costs no epoll_ctl at all when
     // the socket takes it. Owner's thread. Results as SendToQ.
-    int SendToQCorked(const char* buf, unsigned int len) { return SendToQImpl(buf, len, nullptr, false); }
+    //
+    // Between a corked packet and that flush the queue's last block is the owner's cork
+    // block: the next corked packets that fit in its room are copied into it without any
+    // lock (see m_tx_cork_block), so a burst of replies to one connection takes the send
+    // mutex once, not once per packet. Another thread's packets queue behind the cork block,
+    // never inside it and never onto the wire ahead of it, so the order the threads agreed
+    // on is kept (a corked packet never goes ahead of a packet another thread queued before
+    // it); a flush by another thread stops in front of it. Send() ends the cork.
+    int SendToQCorked(const char* buf, unsigned int len);
     int SendToQ(const char* buf, unsigned int len, LogCategory* log_cat) override;
     // Milliseconds since the pool first refused SendToQ blocks in the current starvation
     // episode; 0 when the send side is not starved (answered without locking).
@@ -476,9 +485,16 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // tail detached; the queue is not empty, so writability is already armed (or a flush is
     // promised). Takes m_tx_mutex; logs PushSendQ's DEBUG line with list_size=0. True when
     // the packet went in; false sends the caller the general way (PushSendQ).
-    bool AppendToTail(const char* buf, int len, LogCategory* cat);
-    // Writes queued blocks until the queue is empty or the socket would block. Caller holds
-    // the sending role. Bytes written, or negative.
+    // `owner_cork`: the caller is the owner's SendToQCorked; the block then becomes its
+    // cork block. Any other caller leaves a cork block alone (false).
+    bool AppendToTail(const char* buf, int len, LogCategory* cat, bool owner_cork);
+    // Whether the owner's flush would find nothing to do: no role taken, nothing queued, no
+    // tail detached and writability off. Read without m_tx_mutex, so a packet queued by
+    // another thread at that moment may be missed; such a packet armed writability, so the
+    // next tick flushes it. Owner's thread.
+    bool NothingToFlush() const;
+    // Writes queued blocks until the queue is empty, the socket would block or the owner's
+    // cork block comes first. Caller holds the sending role. Bytes written, or negative.
     int Sending(LogCategory* log_cat);
     // One send(2). Bytes taken, 0 on would-block (EPOLLOUT cleared in m_events), -1 otherwise.
     int WriteSocket(const char* buf, int len, LogCategory* log_cat);
@@ -487,7 +503,7 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // -1 with errno set by epoll_ctl.
     int SetRegisteredEventsLocked(unsigned int events);
     // `events` as SetRegisteredEventsLocked would register them (EPOLLIN left out while
-    // reading is paused or stopped). Caller holds m_tx_mutex.
+    // reading is paused or stopped). Caller holds m_tx_mutex, or accepts a stale answer.
     unsigned int EffectiveEventsLocked(unsigned int events) const;
     // Registers the current mask again after the reading side changed (paused, resumed or
     // stopped), keeping the write side as it is registered. Caller holds m_tx_mutex. 0, or
@@ -563,19 +579,33 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     Relaxed<int64_t> m_tx_packet_cnt;
 
     std::atomic<bool> m_is_sending;  // the sending role; taken under m_tx_mutex
-    // The mask last registered with epoll for m_socket (0: none known). Guarded by
-    // m_tx_mutex; Init and Connect set it on registration, Close resets it.
-    unsigned int m_registered_events = 0;
-    // A PushSendQ holds the queue's old tail outside the queue while it tops it up. Guarded
-    // by m_tx_mutex. A direct write must not start while it is set: the detached tail may
+    // The mask last registered with epoll for m_socket (0: none known). Written under
+    // m_tx_mutex; Init and Connect set it on registration, Close resets it. The owner's
+    // flush reads it without the lock first (NothingToFlush).
+    Relaxed<unsigned int> m_registered_events{0};
+    // A PushSendQ holds the queue's old tail outside the queue while it tops it up. Written
+    // under m_tx_mutex. A direct write must not start while it is set: the detached tail may
     // hold the rest of a packet whose start is already on the wire.
-    bool m_tx_tail_detached = false;
+    Relaxed<bool> m_tx_tail_detached{false};
+    // The owner's cork block: the last block of m_tx_queue, into which the owner's thread
+    // copies corked packets without m_tx_mutex until its next Send(). Set and cleared by the
+    // owner's thread under m_tx_mutex (SendToQCorked sets it, Send() and the queue's release
+    // clear it); other threads read it only under m_tx_mutex and never touch the block's
+    // bytes or positions while it is set: a flush stops in front of it, a push does not top
+    // it up and a direct write finds the queue non-empty. The owner's thread reads it
+    // without the lock (it is the only writer).
+    NetBuffer* m_tx_cork_block = nullptr;
+    // Another thread queued a packet behind the cork block: the owner's next corked packet
+    // must follow that one, so it takes the locked way, which moves the cork to the new last
+    // block. Set under m_tx_mutex by that thread; cleared under it by the owner. A packet
+    // whose Send returned before the owner's corked send began is thus always ahead of it.
+    Relaxed<bool> m_tx_cork_overtaken{false};
     // The owner paused reading: registrations leave out EPOLLIN. Written under m_tx_mutex;
     // PauseReading reads it first without the lock to skip a call that changes nothing.
     Relaxed<bool> m_read_paused{false};
     // Reading stopped for good at the peer's end of stream: registrations leave out EPOLLIN
-    // whatever PauseReading says. Guarded by m_tx_mutex; a new registration clears it.
-    bool m_read_stopped = false;
+    // whatever PauseReading says. Written under m_tx_mutex; a new registration clears it.
+    Relaxed<bool> m_read_stopped{false};
 
     // Configuration (survives Reset): keep the connection writable after the peer's close.
     bool m_keep_writing_after_peer_close = false;

@@ -16,13 +16,19 @@
 //   - the unsent rest of a direct write is queued ahead of everything queued while the write
 //     was in progress (those packets are whole and not one byte of them has been sent);
 //   - the role is given back only after that rest is queued, so no flush can send later
-//     packets before it.
+//     packets before it;
+//   - the owner's cork block (m_tx_cork_block), which the owner's thread fills without the
+//     lock between its first corked packet and its flush, is never sent, topped up or
+//     written past by anyone else: a flush stops in front of it, other packets start a block
+//     behind it, and a direct write finds the queue non-empty. A packet queued behind it
+//     marks the cork overtaken, so the owner's next corked packet follows that packet.
 // Apart from these, the decisions, results and messages follow the step order of each
 // function below.
 //
 // Locks: m_push_send_queue_mutex before m_tx_mutex. m_tx_mutex is held only for list surgery,
 // the role, the epoll registration and the starved-since time, never across send(2) or a
-// payload copy.
+// payload copy. The owner's corked packets after the first of a burst and its flush of an
+// idle connection take no lock at all.
 #include <errno.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -92,6 +98,29 @@ int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_c
     return SendToQImpl(buf, len, log_cat, true);
 }
 
+// The owner's thread is the only writer of m_tx_cork_block and of the cork block's bytes, so
+// a packet that fits in it goes in without the lock. Any other case (no cork yet, another
+// thread's packet queued behind it, no room, the queue limit, a starved send side to be
+// cleared under the lock, bad arguments) takes the general way, which sets up the cork at
+// the queue's last block for the packets that follow.
+int CTcpConnector::SendToQCorked(const char* buf, unsigned int len) {
+    NetBuffer* cork = m_tx_cork_block;
+    if (cork == nullptr || m_tx_cork_overtaken || buf == nullptr || len == 0 ||
+        static_cast<unsigned int>(cork->WriteRemaining()) < len ||
+        IsExceedMaxTxBufCnt(static_cast<int>(len)) || LoadTvSec(m_send_buf_full_tv) != 0) {
+        return SendToQImpl(buf, len, nullptr, false);
+    }
+    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::SendToQ(), url=%s, local_url=%s, len=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(len));
+    ++m_tx_packet_cnt;
+    QN_LOG(m_log_cat, QN_DEBUG,
+           "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(len), 0);
+    cork->Put(buf, static_cast<int>(len));
+    m_is_last_tx_full = false;
+    return static_cast<int>(len);
+}
+
 int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* log_cat, bool arm) {
     LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
     QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::SendToQ(), url=%s, local_url=%s, len=%d", GetURL(),
@@ -115,7 +144,7 @@ int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* l
         return kSendNoRoom;
     }
 
-    if (AppendToTail(buf, static_cast<int>(len), cat)) {
+    if (AppendToTail(buf, static_cast<int>(len), cat, !arm)) {
         m_is_last_tx_full = false;
         return static_cast<int>(len);
     }
@@ -143,7 +172,7 @@ int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* l
     return static_cast<int>(len);
 }
 
-bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat) {
+bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat, bool owner_cork) {
     AutoLocker locker(&m_tx_mutex);
     if (m_is_sending.load() || m_tx_tail_detached) {
         return false;
@@ -153,8 +182,17 @@ bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat) {
         return false;
     }
     NetBuffer* block = static_cast<NetBuffer*>(tail->pData);
+    if (block == m_tx_cork_block && !owner_cork) {
+        return false;  // the owner fills it without the lock: this packet goes behind it
+    }
     if (block->WriteRemaining() < len) {
         return false;
+    }
+    if (owner_cork) {
+        m_tx_cork_block = block;  // the owner's next corked packets go in without the lock
+        m_tx_cork_overtaken = false;
+    } else if (m_tx_cork_block != nullptr) {
+        m_tx_cork_overtaken = true;  // this packet is behind the cork: the owner's next follow it
     }
     // The push's trace line, with no block reserved for it.
     QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d",
@@ -257,6 +295,9 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
     if (!ahead) {
         AutoLocker locker(&m_tx_mutex);
         LIST_NODE* tail = m_tx_queue.Tail();
+        if (tail != nullptr && arm && tail->pData == m_tx_cork_block) {
+            tail = nullptr;  // the owner fills its cork block without the lock: start after it
+        }
         if (tail != nullptr) {
             m_tx_queue.Remove(tail);
             list.InsertHead(tail);
@@ -313,6 +354,14 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
     }
     m_tx_queue.Merge(push_list, ahead);
     m_tx_tail_detached = false;
+    if (!arm && !ahead) {
+        // The owner's corked packet (SendToQCorked): the last block becomes its cork block.
+        LIST_NODE* tail = m_tx_queue.Tail();
+        m_tx_cork_block = tail != nullptr ? static_cast<NetBuffer*>(tail->pData) : nullptr;
+        m_tx_cork_overtaken = false;
+    } else if (!ahead && m_tx_cork_block != nullptr) {
+        m_tx_cork_overtaken = true;  // this packet is behind the cork: the owner's next follow it
+    }
     StoreTv(m_send_buf_full_tv, 0, 0);  // data went in: the send side is no longer starved
 }
 
@@ -438,11 +487,21 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
     return static_cast<int>(len);
 }
 
+bool CTcpConnector::NothingToFlush() const {
+    return !m_is_sending.load() && m_tx_queue.IsEmpty() && !m_tx_tail_detached &&
+           m_registered_events == EffectiveEventsLocked(kDisarmedEvents);
+}
+
 int CTcpConnector::Send() {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::Send(), url=%s, local_url=%s", GetURL(), GetLocalURL());
 
+    if (NothingToFlush()) {
+        return 0;  // the common tick of a writable, idle connection: no lock taken
+    }
     {
         AutoLocker locker(&m_tx_mutex);
+        m_tx_cork_block = nullptr;  // the owner's flush ends its cork: the block may be sent
+        m_tx_cork_overtaken = false;
         if (m_is_sending.load()) {
             // Another thread holds the sending role. What is queued may have come from
             // SendToQCorked, unarmed: ask for writability so that it is not left behind.
@@ -478,6 +537,12 @@ int CTcpConnector::Sending(LogCategory* log_cat) {
         LIST_NODE* node = nullptr;
         {
             AutoLocker locker(&m_tx_mutex);
+            LIST_NODE* head = m_tx_queue.Head();
+            if (head != nullptr && head->pData == m_tx_cork_block) {
+                // The owner is still filling this block: it and whatever follows leave with
+                // the owner's own flush, due before its thread next waits.
+                return total_send_cnt;
+            }
             node = m_tx_queue.RemoveHead();
             if (node == nullptr) {
                 if (SetRegisteredEventsLocked(kDisarmedEvents) != 0) {

@@ -324,8 +324,9 @@ TEST_F(ConnectorMgrTest, AtTheDescriptorLimitServesExistingConnectionsAndAccepts
 }
 
 // Send and SendCorked from four threads other than the loop's, while the loop itself corks
-// packets onto the same connection from a timer (those are copied into the queue's last block
-// when they fit, under the send lock only). A corked packet from a foreign thread never
+// packets onto the same connection from a timer (after the first of a tick those are copied
+// into the loop's cork block without the send lock, while the foreign threads' packets queue
+// behind it and their flushes stop in front of it). A corked packet from a foreign thread never
 // touches the loop's list of corked connections: it leaves when the socket reports
 // writability (queueing onto an empty send queue asks epoll for that).
 class ForeignSendTest : public ConnectorMgrTest, public ::testing::WithParamInterface<bool> {};

@@ -63,6 +63,8 @@ class CTcpConnectorTestPeer {
     QN_PEER_FIELD(m_is_sending)
     QN_PEER_FIELD(m_registered_events)
     QN_PEER_FIELD(m_tx_tail_detached)
+    QN_PEER_FIELD(m_tx_cork_block)
+    QN_PEER_FIELD(m_tx_cork_overtaken)
     QN_PEER_FIELD(m_read_paused)
     QN_PEER_FIELD(m_rx_inq)
     QN_PEER_FIELD(m_rx_last_full)

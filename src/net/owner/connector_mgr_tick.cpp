@@ -296,19 +296,22 @@ int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool c
     // packet being offered (the common case) skips the lookup too. Other threads hold the
     // lock shared for the lookup and the whole connector call.
     const bool on_loop = OnLoopThread();
-    auto lock = m_table.LockShared(!on_loop);
-    OwnedConn* c = on_loop ? m_delivering : nullptr;
-    if (c == nullptr || c->id != id) {
-        c = m_table.Find(id);
-        if (c == nullptr) {
-            if (m_group == nullptr || routed) {
-                return kSendUnknownId;
-            }
-            if (lock.owns_lock()) {
-                lock.unlock();
-            }
-            return m_group->SendRouted(id, buf, len, corked);  // served by another loop
+    if (on_loop) {
+        OwnedConn* c = m_delivering;
+        if (c != nullptr && c->id == id) {
+            return SendTo(c, buf, len, corked, true, nullptr);  // the reply to the packet offered
         }
+    }
+    auto lock = m_table.LockShared(!on_loop);
+    OwnedConn* c = m_table.Find(id);
+    if (c == nullptr) {
+        if (m_group == nullptr || routed) {
+            return kSendUnknownId;
+        }
+        if (lock.owns_lock()) {
+            lock.unlock();
+        }
+        return m_group->SendRouted(id, buf, len, corked);  // served by another loop
     }
     return SendTo(c, buf, len, corked, on_loop, &lock);
 }
