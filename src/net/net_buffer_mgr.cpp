@@ -18,7 +18,69 @@ unsigned int BlocksFor(int len) {
                                      NetBuffer::kBlockSize);
 }
 
+// The innermost thread cache installed on this thread. Initial-exec: one load from the
+// thread pointer, no call, on the paths that run per packet.
+__attribute__((tls_model("initial-exec"))) thread_local CNetBufferMgr::CThreadCache* t_cache = nullptr;
+
 }  // namespace
+
+CNetBufferMgr::CThreadCache::CThreadCache(CNetBufferMgr* pool) : m_pool(pool), m_prev(t_cache) {
+    t_cache = this;
+}
+
+CNetBufferMgr::CThreadCache::~CThreadCache() {
+    m_pool->FlushCache(this);
+    t_cache = m_prev;
+}
+
+void CNetBufferMgr::CThreadCache::NoteLent(NetBuffer* buf) {
+    m_lent[m_lent_next] = buf;  // the oldest is forgotten: its release takes the pool's way
+    m_lent_next = (m_lent_next + 1) % kLentSlots;
+}
+
+bool CNetBufferMgr::CThreadCache::ForgetLent(NetBuffer* buf) {
+    for (NetBuffer*& slot : m_lent) {
+        if (slot == buf) {
+            slot = nullptr;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool CNetBufferMgr::CThreadCache::Holds(NetBuffer* buf) const {
+    if (buf == m_reserved_block) {
+        return true;
+    }
+    for (int i = 0; i < m_count; ++i) {
+        if (m_blocks[i] == buf) {
+            return true;
+        }
+    }
+    return false;
+}
+
+CNetBufferMgr::CThreadCache* CNetBufferMgr::LocalCache() {
+    CThreadCache* cache = t_cache;
+    return cache != nullptr && cache->m_pool == this ? cache : nullptr;
+}
+
+bool CNetBufferMgr::RoomyForCaches() const {
+    unsigned long long kept_back =
+        static_cast<unsigned long long>(m_used_hint.load(std::memory_order_relaxed)) +
+        static_cast<unsigned long long>(m_rx_reserve_blocks) + m_tx_reserve_blocks + 2 * kThreadCacheBlocks;
+    return kept_back <= m_max_block_num;
+}
+
+void CNetBufferMgr::FlushCache(CThreadCache* cache) {
+    if (cache->m_count == 0) {
+        return;
+    }
+    AutoLocker locker(&m_mutex);
+    while (cache->m_count > 0) {
+        GiveBackLocked(cache->m_blocks[--cache->m_count]);  // out since it was cached: accepted
+    }
+}
 
 CNetBufferMgr::CNetBufferMgr(unsigned int max_block_num, int rx_reserve_blocks, int min_big_packet_len,
                              unsigned int tx_reserve_blocks)
@@ -85,6 +147,7 @@ NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timev
     if (m_used > m_peak_used) {
         m_peak_used = m_used;
     }
+    NoteUsedLocked();
     return buf;
 }
 
@@ -100,6 +163,7 @@ bool CNetBufferMgr::GiveBackLocked(NetBuffer* buf) {
     // the cache, so a steady load cycles through a few blocks instead of the whole pool.
     m_free.InsertHead(&buf->m_node);
     --m_used;
+    NoteUsedLocked();
     return true;
 }
 
@@ -126,11 +190,35 @@ NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
     if (is_rx) {
         gettimeofday(&now, nullptr);
     }
+    CThreadCache* cache = LocalCache();
+    if (cache != nullptr && cache->m_count > 0 && RoomyForCaches()) {
+        NetBuffer* buf = cache->m_blocks[--cache->m_count];  // out already: no limit moves
+        buf->Clear();
+        buf->m_is_rx_buf = is_rx ? 1 : 0;
+        buf->m_is_big_buf = is_big ? 1 : 0;
+        if (is_rx) {
+            buf->m_tv = now;
+        }
+        cache->NoteLent(buf);
+        return buf;
+    }
     AutoLocker locker(&m_mutex);
     if (m_used >= m_max_block_num || (is_rx && m_used >= m_max_block_num - m_tx_reserve_blocks)) {
         return nullptr;
     }
-    return TakeLocked(is_rx, is_big, is_rx ? &now : nullptr);
+    NetBuffer* buf = TakeLocked(is_rx, is_big, is_rx ? &now : nullptr);
+    if (buf != nullptr && cache != nullptr && cache->m_count == 0 && RoomyForCaches()) {
+        // One more for the cache while the lock is held: the reply's reservation, or the
+        // next connection's receive block in this tick, then needs no lock of its own.
+        NetBuffer* spare = TakeLocked(false, false, nullptr);
+        if (spare != nullptr) {
+            cache->m_blocks[cache->m_count++] = spare;
+        }
+    }
+    if (buf != nullptr && cache != nullptr) {
+        cache->NoteLent(buf);
+    }
+    return buf;
 }
 
 bool CNetBufferMgr::Allocate(int len, CBidirList& list, bool is_rx) {
@@ -167,6 +255,24 @@ bool CNetBufferMgr::Reserve(int len) {
         return true;
     }
     unsigned int need = BlocksFor(len);
+    CThreadCache* cache = LocalCache();
+    if (cache != nullptr) {
+        if (need == 1 && cache->m_reserved_block == nullptr && cache->m_count > 0 && RoomyForCaches()) {
+            cache->m_reserved_block = cache->m_blocks[--cache->m_count];  // a real block backs it
+            return true;
+        }
+        if (cache->m_reserved_block != nullptr) {
+            ++cache->m_pool_reservations;  // counted first; undone below if refused
+        }
+    }
+    bool ok = ReserveFromPool(need);
+    if (!ok && cache != nullptr && cache->m_reserved_block != nullptr) {
+        --cache->m_pool_reservations;
+    }
+    return ok;
+}
+
+bool CNetBufferMgr::ReserveFromPool(unsigned int need) {
     AutoLocker locker(&m_mutex);
     if (!HasRoomLocked(m_max_block_num, need)) {
         return false;
@@ -185,21 +291,56 @@ bool CNetBufferMgr::Reserve(int len) {
     if (m_used > m_peak_used) {
         m_peak_used = m_used;
     }
+    NoteUsedLocked();
     return true;
+}
+
+// Which reservation ends: the pool's ones made while the store's was open end first (the
+// reverse order of making), then the store's, then the pool's.
+bool CNetBufferMgr::EndsCachedReservation(CThreadCache* cache) {
+    if (cache == nullptr) {
+        return false;
+    }
+    if (cache->m_pool_reservations > 0) {
+        --cache->m_pool_reservations;
+        return false;
+    }
+    return cache->m_reserved_block != nullptr;
 }
 
 void CNetBufferMgr::Unreserve(int len) {
     if (len <= 0) {
         return;
     }
+    CThreadCache* cache = LocalCache();
+    if (EndsCachedReservation(cache)) {
+        NetBuffer* buf = cache->m_reserved_block;
+        cache->m_reserved_block = nullptr;
+        if (cache->m_count < kThreadCacheBlocks) {
+            cache->m_blocks[cache->m_count++] = buf;
+        } else {
+            AutoLocker locker(&m_mutex);
+            GiveBackLocked(buf);
+        }
+        return;
+    }
     unsigned int need = BlocksFor(len);
     AutoLocker locker(&m_mutex);
     m_reserved -= need;
     m_used -= need;
+    NoteUsedLocked();
 }
 
 void CNetBufferMgr::TakeReserved(int len, CBidirList& list) {
     if (len <= 0) {
+        return;
+    }
+    CThreadCache* cache = LocalCache();
+    if (EndsCachedReservation(cache)) {
+        NetBuffer* buf = cache->m_reserved_block;
+        cache->m_reserved_block = nullptr;
+        buf->Clear();  // an empty send block, as the pool hands them out
+        list.Insert(&buf->m_node);
         return;
     }
     unsigned int need = BlocksFor(len);
@@ -214,6 +355,27 @@ void CNetBufferMgr::Release(NetBuffer** buf) {
     if (buf == nullptr || *buf == nullptr) {
         return;
     }
+    CThreadCache* cache = LocalCache();
+    if (cache != nullptr) {
+        // Only a block this thread borrowed while the cache was installed, and has not given
+        // back since, may go into it: that one is known to be out. Any other release takes
+        // the pool's checks below.
+        if (cache->ForgetLent(*buf)) {
+            if (cache->m_count < kThreadCacheBlocks && RoomyForCaches()) {
+                cache->m_blocks[cache->m_count++] = *buf;
+                *buf = nullptr;
+                return;
+            }
+        } else if (cache->Holds(*buf)) {
+            {
+                AutoLocker locker(&m_mutex);
+                ++m_double_release_cnt;
+            }
+            ReportDoubleRelease(*buf);
+            *buf = nullptr;
+            return;
+        }
+    }
     bool ok = false;
     {
         AutoLocker locker(&m_mutex);
@@ -227,11 +389,20 @@ void CNetBufferMgr::Release(NetBuffer** buf) {
 
 void CNetBufferMgr::Release(CBidirList& list) {
     std::vector<NetBuffer*> refused;
+    CThreadCache* cache = LocalCache();
     {
         AutoLocker locker(&m_mutex);
         while (LIST_NODE* n = list.RemoveHead()) {
             NetBuffer* b = static_cast<NetBuffer*>(n->pData);
-            if (!GiveBackLocked(b)) {
+            bool cached = false;
+            if (cache != nullptr) {
+                cache->ForgetLent(b);
+                cached = cache->Holds(b);
+                if (cached) {
+                    ++m_double_release_cnt;  // the thread's cache keeps it: not out to anyone
+                }
+            }
+            if (cached || !GiveBackLocked(b)) {
                 refused.push_back(b);
             }
         }

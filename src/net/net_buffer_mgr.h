@@ -40,8 +40,25 @@
 // off (tests that check the counting do so, so that they run in every build).
 //
 // All operations are thread-safe; one internal mutex guards the free list and counters.
+//
+// A thread may keep a few blocks for itself for a while (CThreadCache): while one is
+// installed on the calling thread, that thread's releases of single blocks go into it and its
+// single-block allocations and one-block reservations come out of it, without the pool's
+// mutex. Its blocks stay counted as out (GetUsedCount, the peak and every limit see them as
+// borrowed), so no limit is ever exceeded; the pool's free list does not see them until the
+// cache gives them back, at the latest when it is destroyed. Only a block handed to the
+// same thread while the cache was installed goes into it when released (it is known to be
+// out), and a block released while the cache keeps it is refused as a double release; a
+// block the cache keeps is out as far as other threads are concerned, so a release of it by
+// another thread is not recognised as a second one. A loop installs one for the
+// length of one tick, so a burst of short-lived blocks (a receive block per ping-pong
+// packet, the room reserved for each direct write) costs one pool round trip per tick
+// instead of two per packet. While the pool is nearly exhausted (fewer than
+// 2 * kThreadCacheBlocks blocks of room beyond both reserves, as last seen) a cache takes
+// in nothing and hands out nothing, so the reserves keep their meaning.
 #pragma once
 
+#include <atomic>
 #include <vector>
 
 #include "common/export.h"
@@ -54,6 +71,46 @@ namespace QUOLNET {
 
 class QUOLNET_EXPORT CNetBufferMgr {
   public:
+    static constexpr int kThreadCacheBlocks = 2;  // blocks a thread cache keeps at most
+
+    // Installs a store of at most kThreadCacheBlocks blocks of `pool` for the calling thread
+    // until destruction, which gives them back to the pool (one lock) and reinstalls the
+    // cache that was installed before (caches nest; only the innermost is used, and only for
+    // its own pool). Constructed and destroyed on the same thread; not movable.
+    //
+    // Reservations served from the store: at most one at a time per thread (a direct write
+    // reserves, writes, then ends its reservation). Further reservations made meanwhile on
+    // the same thread go to the pool, and reservations end in the reverse order of their
+    // making, as every caller in the library does.
+    class QUOLNET_EXPORT CThreadCache {
+      public:
+        explicit CThreadCache(CNetBufferMgr* pool);
+        ~CThreadCache();
+        CThreadCache(const CThreadCache&) = delete;
+        CThreadCache& operator=(const CThreadCache&) = delete;
+
+        // Blocks kept now (for tests and statistics).
+        int Count() const { return m_count; }
+
+      private:
+        friend class CNetBufferMgr;
+        static constexpr int kLentSlots = 8;
+        // Records a block handed to this thread; ForgetLent(b) is true (and forgets it) when
+        // `b` was recorded and not forgotten since. Holds: whether the store keeps `b`.
+        void NoteLent(NetBuffer* buf);
+        bool ForgetLent(NetBuffer* buf);
+        bool Holds(NetBuffer* buf) const;
+
+        CNetBufferMgr* m_pool;
+        CThreadCache* m_prev;
+        NetBuffer* m_blocks[kThreadCacheBlocks];
+        int m_count = 0;
+        NetBuffer* m_reserved_block = nullptr;  // backs the reservation served from the store
+        int m_pool_reservations = 0;            // made from the pool while that one is open
+        NetBuffer* m_lent[kLentSlots] = {};     // blocks lent to this thread, not given back
+        int m_lent_next = 0;
+    };
+
     // A pool of at most `max_block_num` blocks at once; `rx_reserve_blocks` of them are kept
     // back from CanAllocateSendBuf (-1 selects one eighth of the pool, at least one).
     // `tx_reserve_blocks` are kept back from receive allocations (see above).
@@ -120,6 +177,20 @@ class QUOLNET_EXPORT CNetBufferMgr {
     void SetAssertOnDoubleRelease(bool on) { m_assert_on_double_release = on; }
 
   private:
+    // The calling thread's cache for this pool, or null.
+    CThreadCache* LocalCache();
+    // Whether caches may take in and hand out blocks now: the pool has room beyond both
+    // reserves for twice what caches keep, as last seen (m_used_hint). Any thread.
+    bool RoomyForCaches() const;
+    // Gives back every block `cache` keeps.
+    void FlushCache(CThreadCache* cache);
+    // Reserve's locked part: `need` blocks counted as out and backed by free blocks.
+    bool ReserveFromPool(unsigned int need);
+    // Whether the reservation that ends now (Unreserve, TakeReserved) is the one `cache`
+    // serves from its store; counts off a pool reservation otherwise. Null: false.
+    static bool EndsCachedReservation(CThreadCache* cache);
+    // Keeps m_used_hint in step with m_used. Caller holds m_mutex.
+    void NoteUsedLocked() { m_used_hint.store(m_used, std::memory_order_relaxed); }
     // Takes a block from the free list or makes one; caller holds m_mutex and has checked
     // the limit.
     NetBuffer* TakeLocked(bool is_rx, bool is_big, const struct timeval* now);  // null now: m_tv zero
@@ -144,9 +215,11 @@ class QUOLNET_EXPORT CNetBufferMgr {
     const int m_min_big_packet_len;
 
     Mutex m_mutex;
-    CBidirList m_free;                 // guarded by m_mutex
-    std::vector<NetBuffer*> m_all;     // every block ever made; guarded by m_mutex
-    unsigned int m_used;               // guarded by m_mutex
+    CBidirList m_free;              // guarded by m_mutex
+    std::vector<NetBuffer*> m_all;  // every block ever made; guarded by m_mutex
+    unsigned int m_used;            // guarded by m_mutex
+    // m_used as last stored under m_mutex, read without it by thread caches.
+    std::atomic<unsigned int> m_used_hint{0};
     unsigned int m_peak_used;          // guarded by m_mutex
     unsigned int m_reserved = 0;       // counted in m_used, each backed by a free block; guarded by m_mutex
     std::vector<unsigned char> m_out;  // per block uid: 1 while handed out; guarded by m_mutex

@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <set>
 #include <thread>
@@ -603,5 +604,209 @@ TEST(NetBufferMgrDoubleReleaseDeathTest, AssertsInADebugBuild) {
         "released twice");
 }
 #endif
+
+// ---- thread caches ----
+
+// A block released on the thread that borrowed it while a cache was installed stays with
+// that thread and is handed out again without the pool; it counts as out until the cache
+// goes, which gives it back.
+TEST(NetBufferMgrThreadCache, ReleasedBlocksAreReusedAndGivenBackAtTheEnd) {
+    CNetBufferMgr pool(64);
+    {
+        CNetBufferMgr::CThreadCache cache(&pool);
+        NetBuffer* a = pool.Allocate(true, false);  // a miss: one more block goes into the cache
+        ASSERT_NE(nullptr, a);
+        EXPECT_EQ(1, cache.Count());
+        Validate(pool, 2);
+        NetBuffer* a_addr = a;
+        a->Put("xyz", 3);
+        pool.Release(&a);
+        EXPECT_EQ(nullptr, a);
+        EXPECT_EQ(2, cache.Count());
+        Validate(pool, 2);  // kept: still out
+
+        long long before = NowUs();
+        NetBuffer* b = pool.Allocate(true, true);
+        EXPECT_EQ(a_addr, b);  // the last one released, as the pool would
+        ExpectEmptyBlock(b);
+        EXPECT_EQ(1, b->m_is_rx_buf);
+        EXPECT_EQ(1, b->m_is_big_buf);
+        EXPECT_GE(StampUs(b), before);  // a receive block is stamped when handed out
+        EXPECT_EQ(1, cache.Count());
+        Validate(pool, 2);
+        pool.Release(&b);
+    }
+    Validate(pool, 0);
+    EXPECT_EQ(2u, pool.GetFreeCount());
+    EXPECT_EQ(0ul, pool.GetDoubleReleaseCount());
+}
+
+// One reservation at a time is served from the cache with a real block behind it; a
+// reservation made while that one is open goes to the pool, and each ends the right one.
+TEST(NetBufferMgrThreadCache, ReservationsFromTheCacheAndFromThePoolEndInReverseOrder) {
+    CNetBufferMgr pool(64);
+    {
+        CNetBufferMgr::CThreadCache cache(&pool);
+        NetBuffer* a = pool.Allocate(true, false);
+        pool.Release(&a);
+        ASSERT_EQ(2, cache.Count());
+        Validate(pool, 2);
+
+        ASSERT_TRUE(pool.Reserve(100));  // from the cache: no count moves
+        EXPECT_EQ(1, cache.Count());
+        Validate(pool, 2);
+        ASSERT_TRUE(pool.Reserve(70000));  // two blocks, from the pool
+        Validate(pool, 4);
+        EXPECT_EQ(0u, pool.GetFreeCount());  // the blocks backing it are not free for others
+
+        pool.Unreserve(70000);  // the pool's
+        Validate(pool, 2);
+        EXPECT_EQ(1, cache.Count());
+        CBidirList list;
+        pool.TakeReserved(100, list);  // the cache's: its block is handed over, empty
+        ASSERT_EQ(1u, list.Count());
+        NetBuffer* taken = static_cast<NetBuffer*>(list.Head()->pData);
+        ExpectEmptyBlock(taken);
+        EXPECT_EQ(0, taken->m_is_rx_buf);
+        EXPECT_EQ(0, taken->m_tv.tv_sec);
+        Validate(pool, 2);
+        pool.Release(list);  // through a list: to the pool
+        Validate(pool, 1);
+
+        ASSERT_TRUE(pool.Reserve(10));
+        pool.Unreserve(10);  // back into the cache
+        EXPECT_EQ(1, cache.Count());
+        Validate(pool, 1);
+    }
+    Validate(pool, 0);
+}
+
+// A block the cache keeps is not out to anyone: releasing it again is refused, counted and
+// logged like any double release, through a single release or a list.
+TEST(NetBufferMgrThreadCache, ASecondReleaseOfAKeptBlockIsRefused) {
+    CNetBufferMgr pool(64);
+    qntest::LogCapture log(LOG_PRIORITY_TRACE);
+    pool.SetLogCat(log.cat());
+    pool.SetAssertOnDoubleRelease(false);
+    {
+        CNetBufferMgr::CThreadCache cache(&pool);
+        NetBuffer* a = pool.Allocate(false, false);
+        NetBuffer* again = a;
+        NetBuffer* in_list = a;
+        pool.Release(&a);
+        ASSERT_EQ(2, cache.Count());
+        pool.Release(&again);
+        EXPECT_EQ(nullptr, again);
+        EXPECT_EQ(1ul, pool.GetDoubleReleaseCount());
+        CBidirList list;
+        list.Insert(&in_list->m_node);
+        pool.Release(list);
+        EXPECT_EQ(2ul, pool.GetDoubleReleaseCount());
+        EXPECT_EQ(2, cache.Count());
+        Validate(pool, 2);
+    }
+    Validate(pool, 0);
+    EXPECT_EQ(2, log.CountPrefix(LOG_PRIORITY_ERROR, "release of a block that is not out refused, block="));
+}
+
+// Only blocks lent while the cache was installed go into it: an older block goes back to
+// the pool, and a cache of another pool is not used at all.
+TEST(NetBufferMgrThreadCache, OnlyBlocksLentUnderTheCacheAndOnlyItsOwnPool) {
+    CNetBufferMgr pool(64);
+    CNetBufferMgr other(64);
+    NetBuffer* old_block = pool.Allocate(false, false);
+    {
+        CNetBufferMgr::CThreadCache cache(&pool);
+        pool.Release(&old_block);
+        EXPECT_EQ(0, cache.Count());
+        Validate(pool, 0);
+
+        NetBuffer* o = other.Allocate(true, false);
+        EXPECT_EQ(0, cache.Count());
+        Validate(other, 1);
+        other.Release(&o);
+        Validate(other, 0);
+        {
+            CNetBufferMgr::CThreadCache inner(&other);  // nested: the innermost serves `other`
+            NetBuffer* p = other.Allocate(true, false);
+            EXPECT_EQ(1, inner.Count());
+            other.Release(&p);
+            EXPECT_EQ(2, inner.Count());
+            NetBuffer* q = pool.Allocate(true, false);  // `pool` has no cache in effect now
+            EXPECT_EQ(0, cache.Count());
+            pool.Release(&q);
+            Validate(pool, 0);
+        }
+        Validate(other, 0);
+        NetBuffer* r = pool.Allocate(true, false);  // the outer one is back
+        EXPECT_EQ(1, cache.Count());
+        pool.Release(&r);
+        EXPECT_EQ(2, cache.Count());
+    }
+    Validate(pool, 0);
+}
+
+// Near exhaustion a cache neither takes a spare, nor keeps a release, nor serves a
+// reservation: the reserves keep their meaning.
+TEST(NetBufferMgrThreadCache, ANearlyExhaustedPoolIsNotCached) {
+    CNetBufferMgr pool(8, 1, 1 << 20, 1);  // 8 blocks, one kept back each way
+    CBidirList held;
+    ASSERT_TRUE(pool.Allocate(65536 * 3, held, false));  // 3 + 1 + 1 + 2 * 2 > 8
+    {
+        CNetBufferMgr::CThreadCache cache(&pool);
+        NetBuffer* a = pool.Allocate(true, false);
+        ASSERT_NE(nullptr, a);
+        EXPECT_EQ(0, cache.Count());
+        Validate(pool, 4);
+        pool.Release(&a);
+        EXPECT_EQ(0, cache.Count());
+        Validate(pool, 3);
+        ASSERT_TRUE(pool.Reserve(10));
+        Validate(pool, 4);
+        pool.Unreserve(10);
+        Validate(pool, 3);
+    }
+    pool.Release(held);
+    Validate(pool, 0);
+}
+
+// Another thread sees kept blocks as out; the pool stays consistent under a cache thread and
+// plain threads at once.
+TEST(NetBufferMgrThreadCache, PlainThreadsAndACacheThreadAtOnce) {
+    CNetBufferMgr pool(256);
+    std::atomic<bool> stop{false};
+    std::thread cached([&pool, &stop]() {
+        while (!stop.load()) {
+            CNetBufferMgr::CThreadCache cache(&pool);
+            for (int i = 0; i < 50; ++i) {
+                NetBuffer* b = pool.Allocate(true, false);
+                if (pool.Reserve(64)) {
+                    pool.Unreserve(64);
+                }
+                pool.Release(&b);
+            }
+        }
+    });
+    std::vector<std::thread> plain;
+    for (int t = 0; t < 3; ++t) {
+        plain.emplace_back([&pool]() {
+            for (int i = 0; i < 20000; ++i) {
+                NetBuffer* b = pool.Allocate(false, false);
+                CBidirList l;
+                if (pool.Allocate(70000, l, false)) {
+                    pool.Release(l);
+                }
+                pool.Release(&b);
+            }
+        });
+    }
+    for (auto& t : plain) {
+        t.join();
+    }
+    stop.store(true);
+    cached.join();
+    Validate(pool, 0);
+    EXPECT_EQ(0ul, pool.GetDoubleReleaseCount());
+}
 
 }  // namespace

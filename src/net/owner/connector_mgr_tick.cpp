@@ -175,6 +175,10 @@ int CConnectorMgr::RunOnce(int timeout_ms) {
         QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR, "epoll_wait() failed, errno=%d", errno);
         return -1;
     }
+    // The tick's short-lived blocks (a receive block per ping-pong packet, the room reserved
+    // for each direct reply) cycle through this thread's cache instead of the pool's lock;
+    // it gives back what it keeps when the tick ends.
+    CNetBufferMgr::CThreadCache block_cache(m_pool);
     std::vector<size_t> readable;
     HandleEvents(n, &readable);
     RunTick(readable);
