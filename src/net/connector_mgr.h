@@ -208,6 +208,9 @@ class QUOLNET_EXPORT CConnectorMgr {
 
     // One loop iteration: waits up to `timeout_ms` (-1: until something happens) and does
     // all the work due. Returns the number of epoll events handled, or -1 when epoll fails.
+    // For the work of the iteration the loop thread keeps up to two of the pool's blocks for
+    // reuse (CNetBufferMgr::CThreadCache); they count as used meanwhile and are back in the
+    // pool when RunOnce returns.
     int RunOnce(int timeout_ms);
     // Loops until Stop(). Returns 0, or -1 when epoll fails.
     int Run();

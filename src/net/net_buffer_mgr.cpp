@@ -29,7 +29,9 @@ CNetBufferMgr::CThreadCache::CThreadCache(CNetBufferMgr* pool) : m_pool(pool), m
 }
 
 CNetBufferMgr::CThreadCache::~CThreadCache() {
-    m_pool->FlushCache(this);
+    if (m_pool != nullptr) {
+        m_pool->FlushCache(this);
+    }
     t_cache = m_prev;
 }
 

@@ -587,18 +587,11 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // under m_tx_mutex. A direct write must not start while it is set: the detached tail may
     // hold the rest of a packet whose start is already on the wire.
     Relaxed<bool> m_tx_tail_detached{false};
-    // The owner's cork block: the last block of m_tx_queue, into which the owner's thread
-    // copies corked packets without m_tx_mutex until its next Send(). Set and cleared by the
-    // owner's thread under m_tx_mutex (SendToQCorked sets it, Send() and the queue's release
-    // clear it); other threads read it only under m_tx_mutex and never touch the block's
-    // bytes or positions while it is set: a flush stops in front of it, a push does not top
-    // it up and a direct write finds the queue non-empty. The owner's thread reads it
-    // without the lock (it is the only writer).
-    NetBuffer* m_tx_cork_block = nullptr;
-    // Another thread queued a packet behind the cork block: the owner's next corked packet
-    // must follow that one, so it takes the locked way, which moves the cork to the new last
-    // block. Set under m_tx_mutex by that thread; cleared under it by the owner. A packet
-    // whose Send returned before the owner's corked send began is thus always ahead of it.
+    // Another thread queued a packet behind the cork block (m_tx_cork_block): the owner's
+    // next corked packet must follow that one, so it takes the locked way, which moves the
+    // cork to the new last block. Set under m_tx_mutex by that thread; cleared under it by
+    // the owner. A packet whose Send returned before the owner's corked send began is thus
+    // always ahead of it.
     Relaxed<bool> m_tx_cork_overtaken{false};
     // The owner paused reading: registrations leave out EPOLLIN. Written under m_tx_mutex;
     // PauseReading reads it first without the lock to skip a call that changes nothing.
@@ -610,6 +603,14 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // Configuration (survives Reset): keep the connection writable after the peer's close.
     bool m_keep_writing_after_peer_close = false;
     Relaxed<bool> m_peer_closed;  // a read returned end of stream (update thread writes)
+    // The owner's cork block: the last block of m_tx_queue, into which the owner's thread
+    // copies corked packets without m_tx_mutex until its next Send(). Set and cleared by the
+    // owner's thread under m_tx_mutex (SendToQCorked sets it, Send() and the queue's release
+    // clear it); other threads read it only under m_tx_mutex and never touch the block's
+    // bytes or positions while it is set: a flush stops in front of it, a push does not top
+    // it up and a direct write finds the queue non-empty. The owner's thread reads it
+    // without the lock (it is the only writer).
+    NetBuffer* m_tx_cork_block = nullptr;
     // Progress counters (see GetSentBytes/GetRecvBytes). m_tx_bytes is advanced by the
     // holder of the sending role, m_rx_bytes by the update thread.
     Relaxed<int64_t> m_tx_bytes;
