@@ -7,8 +7,12 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <future>
+#include <thread>
+#include <vector>
 
 #include "tcp_connector_send_fixture.h"
 
@@ -145,6 +149,153 @@ TEST(Cork, FiniReturnsTheCorkBlock) {
     r.fd = -1;  // Fini closed it
     EXPECT_EQ(nullptr, Peer::m_tx_cork_block(r.c()));
     EXPECT_EQ(0u, r.pool.GetUsedCount());
+}
+
+// Wire format of the stress test below: total length (4 bytes), sender ('O' owner, 'F'
+// foreign), sequence number (4), the last foreign sequence number whose Send had returned
+// when the owner began this packet (4; -1 for none, owner packets only), then filler bytes
+// derived from the sequence number.
+std::string StressPacket(char sender, int seq, int foreign_seen) {
+    int len = 13 + (seq * 131) % 3000;
+    std::string p(static_cast<size_t>(len), '\0');
+    memcpy(&p[0], &len, 4);
+    p[4] = sender;
+    memcpy(&p[5], &seq, 4);
+    memcpy(&p[9], &foreign_seen, 4);
+    for (int i = 13; i < len; ++i) {
+        p[static_cast<size_t>(i)] = static_cast<char>((seq + i) & 0x7f);
+    }
+    return p;
+}
+
+// The owner corks bursts and flushes them while another thread sends directly on the same
+// connector. The peer must read every packet whole, each sender's in its own order, and no
+// owner packet ahead of a foreign packet whose Send had returned before the owner began it.
+// Under ThreadSanitizer this also checks that the unlocked cork appends race with nothing.
+TEST(Cork, OwnerBurstsAndAForeignSenderKeepOrderAndCausality) {
+    SendRig r(512, 256, -1, QUOLNET::LOG_PRIORITY_ERROR);
+    ASSERT_TRUE(r.ok);
+    const int kOwner = 6000;
+    const int kForeign = 3000;
+    std::atomic<int> foreign_done{-1};
+    std::atomic<bool> reader_ok{true};
+    std::atomic<int> packets_read{0};
+    std::string failure;  // written by the reader only, read after join
+
+    std::thread reader([&]() {
+        std::string buf;
+        std::vector<char> chunk(1 << 16);
+        int next_owner = 0;
+        int next_foreign = 0;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (next_owner < kOwner || next_foreign < kForeign) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                failure = "timed out";
+                break;
+            }
+            struct pollfd pfd = {r.peer, POLLIN, 0};
+            if (poll(&pfd, 1, 100) <= 0) {
+                continue;
+            }
+            ssize_t n = recv(r.peer, chunk.data(), chunk.size(), 0);
+            if (n <= 0) {
+                failure = "peer read ended";
+                break;
+            }
+            buf.append(chunk.data(), static_cast<size_t>(n));
+            size_t off = 0;
+            while (buf.size() - off >= 13) {
+                int len = 0;
+                memcpy(&len, buf.data() + off, 4);
+                if (len < 13 || len > 4000) {
+                    failure = "bad length";
+                    break;
+                }
+                if (buf.size() - off < static_cast<size_t>(len)) {
+                    break;
+                }
+                char sender = buf[off + 4];
+                int seq = 0;
+                int seen = 0;
+                memcpy(&seq, buf.data() + off + 5, 4);
+                memcpy(&seen, buf.data() + off + 9, 4);
+                std::string expect = StressPacket(sender, seq, seen);
+                if (buf.compare(off, static_cast<size_t>(len), expect) != 0) {
+                    failure = "packet bytes differ";
+                    break;
+                }
+                if (sender == 'O') {
+                    if (seq != next_owner) {
+                        failure = "owner packet out of order";
+                        break;
+                    }
+                    if (seen >= next_foreign) {
+                        failure = "owner packet overtook a foreign packet sent before it";
+                        break;
+                    }
+                    ++next_owner;
+                } else if (sender == 'F') {
+                    if (seq != next_foreign) {
+                        failure = "foreign packet out of order";
+                        break;
+                    }
+                    ++next_foreign;
+                } else {
+                    failure = "bad sender";
+                    break;
+                }
+                packets_read.fetch_add(1);
+                off += static_cast<size_t>(len);
+            }
+            buf.erase(0, off);
+            if (!failure.empty()) {
+                break;
+            }
+        }
+        reader_ok.store(failure.empty());
+    });
+
+    std::thread foreign([&]() {
+        for (int i = 0; i < kForeign && reader_ok.load(); ++i) {
+            std::string p = StressPacket('F', i, -1);
+            int ret;
+            while ((ret = r.c().Send(p.data(), static_cast<unsigned int>(p.size()), nullptr)) == 0) {
+                std::this_thread::yield();  // no room now
+            }
+            ASSERT_EQ(static_cast<int>(p.size()), ret);
+            foreign_done.store(i);
+        }
+    });
+
+    // The owner: bursts of 1-7 corked packets, each followed by its flush.
+    int seq = 0;
+    while (seq < kOwner && reader_ok.load()) {
+        int burst = 1 + seq % 7;
+        for (int k = 0; k < burst && seq < kOwner; ++k) {
+            std::string p = StressPacket('O', seq, foreign_done.load());
+            int ret = r.c().SendToQCorked(p.data(), static_cast<unsigned int>(p.size()));
+            if (ret == 0) {
+                break;  // no room now: flush, then retry this one
+            }
+            ASSERT_EQ(static_cast<int>(p.size()), ret);
+            ++seq;
+        }
+        r.c().SetEvent(EPOLLOUT);
+        ASSERT_GE(r.c().Send(), 0);
+    }
+    foreign.join();
+    // What is still queued leaves with the owner's flushes.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (reader_ok.load() && packets_read.load() < kOwner + kForeign &&
+           std::chrono::steady_clock::now() < deadline) {
+        r.c().SetEvent(EPOLLOUT);
+        ASSERT_GE(r.c().Send(), 0);
+        std::this_thread::yield();
+    }
+    reader.join();
+    EXPECT_EQ("", failure);
+    EXPECT_EQ(kOwner + kForeign, packets_read.load());
+    EXPECT_EQ(0u, r.QCount());
 }
 
 }  // namespace
