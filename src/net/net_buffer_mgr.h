@@ -76,7 +76,8 @@ class QUOLNET_EXPORT CNetBufferMgr {
     // Installs a store of at most kThreadCacheBlocks blocks of `pool` for the calling thread
     // until destruction, which gives them back to the pool (one lock) and reinstalls the
     // cache that was installed before (caches nest; only the innermost is used, and only for
-    // its own pool). Constructed and destroyed on the same thread; not movable.
+    // its own pool). Constructed and destroyed on the same thread; not movable. `pool` must
+    // outlive the cache (the cache gives its blocks back to it when destroyed).
     //
     // Reservations served from the store: at most one at a time per thread (a direct write
     // reserves, writes, then ends its reservation). Further reservations made meanwhile on
