@@ -222,55 +222,48 @@ BENCHMARK(BM_PeekDropInPlace);
 
 CNetBufferMgr* g_shared_pool = nullptr;
 
-void BM_PoolAllocRelease(benchmark::State& state) {
-    if (state.thread_index() == 0)
-        g_shared_pool = new CNetBufferMgr(1024);
-    // Google Benchmark starts the timed loop of all threads together, after this set-up.
-    for (auto _ : state) {
-        NetBuffer* b = g_shared_pool->Allocate(true, false);
-        benchmark::DoNotOptimize(b);
-        g_shared_pool->Release(&b);
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()));
-    if (state.thread_index() == 0) {
-        // Every thread has left the timed loop before the teardown of thread 0 runs.
-        delete g_shared_pool;
-        g_shared_pool = nullptr;
-    }
-}
-BENCHMARK(BM_PoolAllocRelease)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+std::atomic<int> g_pool_threads_done{0};  // threads of a pool benchmark past their last pair
 
-std::atomic<int> g_caches_closed{0};  // threads of BM_PoolAllocReleaseCached past their cache
-
-// The same under a thread cache renewed every 16 pairs, as a manager's loop renews its cache
-// every tick: per 16 pairs one locked take (the block and a spare) and one locked give-back.
-void BM_PoolAllocReleaseCached(benchmark::State& state) {
+// Allocate + Release pairs on one pool shared by the benchmark's threads. `renew` > 0: each
+// thread works under a thread cache renewed every `renew` pairs, as a manager's loop renews
+// its cache every tick (per `renew` pairs one locked take of the block and a spare, and one
+// locked give-back).
+void PoolPairs(benchmark::State& state, int renew) {
     if (state.thread_index() == 0)
         g_shared_pool = new CNetBufferMgr(1024);
     std::optional<CNetBufferMgr::CThreadCache> cache;
     int left = 0;
+    // Google Benchmark starts the timed loop of all threads together, after this set-up.
     for (auto _ : state) {
-        if (left == 0) {
+        if (renew > 0 && left-- == 0) {
             cache.reset();
             cache.emplace(g_shared_pool);
-            left = 16;
+            left = renew - 1;
         }
-        --left;
         NetBuffer* b = g_shared_pool->Allocate(true, false);
         benchmark::DoNotOptimize(b);
         g_shared_pool->Release(&b);
     }
     cache.reset();  // gives its blocks back: the pool must outlive every thread's cache
     state.SetItemsProcessed(int64_t(state.iterations()));
-    g_caches_closed.fetch_add(1);
+    g_pool_threads_done.fetch_add(1);
     if (state.thread_index() == 0) {
-        while (g_caches_closed.load() < state.threads()) {
+        while (g_pool_threads_done.load() < state.threads()) {
             std::this_thread::yield();
         }
-        g_caches_closed.store(0);
+        g_pool_threads_done.store(0);
         delete g_shared_pool;
         g_shared_pool = nullptr;
     }
+}
+
+void BM_PoolAllocRelease(benchmark::State& state) {
+    PoolPairs(state, 0);
+}
+BENCHMARK(BM_PoolAllocRelease)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+
+void BM_PoolAllocReleaseCached(benchmark::State& state) {
+    PoolPairs(state, 16);
 }
 BENCHMARK(BM_PoolAllocReleaseCached)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
 

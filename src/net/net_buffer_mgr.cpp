@@ -50,6 +50,18 @@ bool CNetBufferMgr::CThreadCache::ForgetLent(NetBuffer* buf) {
     return false;
 }
 
+bool CNetBufferMgr::CThreadCache::Keep(NetBuffer* buf) {
+    if (m_count == kThreadCacheBlocks) {
+        return false;
+    }
+    m_blocks[m_count++] = buf;
+    return true;
+}
+
+NetBuffer* CNetBufferMgr::CThreadCache::Pop() {
+    return m_count > 0 ? m_blocks[--m_count] : nullptr;
+}
+
 bool CNetBufferMgr::CThreadCache::Holds(NetBuffer* buf) const {
     if (buf == m_reserved_block) {
         return true;
@@ -79,8 +91,8 @@ void CNetBufferMgr::FlushCache(CThreadCache* cache) {
         return;
     }
     AutoLocker locker(&m_mutex);
-    while (cache->m_count > 0) {
-        GiveBackLocked(cache->m_blocks[--cache->m_count]);  // out since it was cached: accepted
+    while (NetBuffer* buf = cache->Pop()) {
+        GiveBackLocked(buf);  // out since it was cached: accepted
     }
 }
 
@@ -194,7 +206,7 @@ NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
     }
     CThreadCache* cache = LocalCache();
     if (cache != nullptr && cache->m_count > 0 && RoomyForCaches()) {
-        NetBuffer* buf = cache->m_blocks[--cache->m_count];  // out already: no limit moves
+        NetBuffer* buf = cache->Pop();  // out already: no limit moves
         buf->Clear();
         buf->m_is_rx_buf = is_rx ? 1 : 0;
         buf->m_is_big_buf = is_big ? 1 : 0;
@@ -214,7 +226,7 @@ NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
         // next connection's receive block in this tick, then needs no lock of its own.
         NetBuffer* spare = TakeLocked(false, false, nullptr);
         if (spare != nullptr) {
-            cache->m_blocks[cache->m_count++] = spare;
+            cache->Keep(spare);  // the cache is empty: it takes it
         }
     }
     if (buf != nullptr && cache != nullptr) {
@@ -258,20 +270,18 @@ bool CNetBufferMgr::Reserve(int len) {
     }
     unsigned int need = BlocksFor(len);
     CThreadCache* cache = LocalCache();
-    if (cache != nullptr) {
-        if (need == 1 && cache->m_reserved_block == nullptr && cache->m_count > 0 && RoomyForCaches()) {
-            cache->m_reserved_block = cache->m_blocks[--cache->m_count];  // a real block backs it
-            return true;
-        }
-        if (cache->m_reserved_block != nullptr) {
-            ++cache->m_pool_reservations;  // counted first; undone below if refused
-        }
+    if (cache != nullptr && need == 1 && cache->m_reserved_block == nullptr && cache->m_count > 0 &&
+        RoomyForCaches()) {
+        cache->m_reserved_block = cache->Pop();  // a real block backs it
+        return true;
     }
-    bool ok = ReserveFromPool(need);
-    if (!ok && cache != nullptr && cache->m_reserved_block != nullptr) {
-        --cache->m_pool_reservations;
+    if (!ReserveFromPool(need)) {
+        return false;
     }
-    return ok;
+    if (cache != nullptr && cache->m_reserved_block != nullptr) {
+        ++cache->m_pool_reservations;  // made while the cache's is open: it ends first
+    }
+    return true;
 }
 
 bool CNetBufferMgr::ReserveFromPool(unsigned int need) {
@@ -299,15 +309,17 @@ bool CNetBufferMgr::ReserveFromPool(unsigned int need) {
 
 // Which reservation ends: the pool's ones made while the store's was open end first (the
 // reverse order of making), then the store's, then the pool's.
-bool CNetBufferMgr::EndsCachedReservation(CThreadCache* cache) {
+NetBuffer* CNetBufferMgr::EndCachedReservation(CThreadCache* cache) {
     if (cache == nullptr) {
-        return false;
+        return nullptr;
     }
     if (cache->m_pool_reservations > 0) {
         --cache->m_pool_reservations;
-        return false;
+        return nullptr;
     }
-    return cache->m_reserved_block != nullptr;
+    NetBuffer* buf = cache->m_reserved_block;
+    cache->m_reserved_block = nullptr;
+    return buf;
 }
 
 void CNetBufferMgr::Unreserve(int len) {
@@ -315,12 +327,8 @@ void CNetBufferMgr::Unreserve(int len) {
         return;
     }
     CThreadCache* cache = LocalCache();
-    if (EndsCachedReservation(cache)) {
-        NetBuffer* buf = cache->m_reserved_block;
-        cache->m_reserved_block = nullptr;
-        if (cache->m_count < kThreadCacheBlocks) {
-            cache->m_blocks[cache->m_count++] = buf;
-        } else {
+    if (NetBuffer* buf = EndCachedReservation(cache)) {
+        if (!cache->Keep(buf)) {
             AutoLocker locker(&m_mutex);
             GiveBackLocked(buf);
         }
@@ -337,10 +345,7 @@ void CNetBufferMgr::TakeReserved(int len, CBidirList& list) {
     if (len <= 0) {
         return;
     }
-    CThreadCache* cache = LocalCache();
-    if (EndsCachedReservation(cache)) {
-        NetBuffer* buf = cache->m_reserved_block;
-        cache->m_reserved_block = nullptr;
+    if (NetBuffer* buf = EndCachedReservation(LocalCache())) {
         buf->Clear();  // an empty send block, as the pool hands them out
         list.Insert(&buf->m_node);
         return;
@@ -363,8 +368,7 @@ void CNetBufferMgr::Release(NetBuffer** buf) {
         // back since, may go into it: that one is known to be out. Any other release takes
         // the pool's checks below.
         if (cache->ForgetLent(*buf)) {
-            if (cache->m_count < kThreadCacheBlocks && RoomyForCaches()) {
-                cache->m_blocks[cache->m_count++] = *buf;
+            if (RoomyForCaches() && cache->Keep(*buf)) {
                 *buf = nullptr;
                 return;
             }

@@ -101,6 +101,10 @@ class QUOLNET_EXPORT CNetBufferMgr {
         void NoteLent(NetBuffer* buf);
         bool ForgetLent(NetBuffer* buf);
         bool Holds(NetBuffer* buf) const;
+        // Keep: stores `buf` unless the store is full (false). Pop: the last block stored,
+        // or null.
+        bool Keep(NetBuffer* buf);
+        NetBuffer* Pop();
 
         CNetBufferMgr* m_pool;
         CThreadCache* m_prev;
@@ -187,9 +191,10 @@ class QUOLNET_EXPORT CNetBufferMgr {
     void FlushCache(CThreadCache* cache);
     // Reserve's locked part: `need` blocks counted as out and backed by free blocks.
     bool ReserveFromPool(unsigned int need);
-    // Whether the reservation that ends now (Unreserve, TakeReserved) is the one `cache`
-    // serves from its store; counts off a pool reservation otherwise. Null: false.
-    static bool EndsCachedReservation(CThreadCache* cache);
+    // The block behind the reservation that ends now (Unreserve, TakeReserved) when it is
+    // the one `cache` serves from its store (the cache lets go of it); null when it is the
+    // pool's (a pool reservation made meanwhile is counted off) or `cache` is null.
+    static NetBuffer* EndCachedReservation(CThreadCache* cache);
     // Keeps m_used_hint in step with m_used. Caller holds m_mutex.
     void NoteUsedLocked() { m_used_hint.store(m_used, std::memory_order_relaxed); }
     // Takes a block from the free list or makes one; caller holds m_mutex and has checked

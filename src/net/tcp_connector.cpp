@@ -47,8 +47,7 @@ CTcpConnector::~CTcpConnector() {
 
 void CTcpConnector::Reset() {
     m_close_socket = true;
-    m_tx_cork_block = nullptr;
-    m_tx_cork_overtaken = false;
+    EndCork();
     m_events.store(0);
     memset(m_peer_url, 0, sizeof(m_peer_url));
     GivePacketRing(m_packet_info);
@@ -183,8 +182,7 @@ void CTcpConnector::Fini() {
         {
             AutoLocker locker(&m_tx_mutex);
             m_net_buf_mgr->Release(m_tx_queue);
-            m_tx_cork_block = nullptr;
-            m_tx_cork_overtaken = false;
+            EndCork();
         }
     }
     m_parser = nullptr;
@@ -251,8 +249,7 @@ int CTcpConnector::Connect() {
             {
                 AutoLocker tx_locker(&m_tx_mutex);
                 m_net_buf_mgr->Release(m_tx_queue);
-                m_tx_cork_block = nullptr;
-                m_tx_cork_overtaken = false;
+                EndCork();
             }
         }
         Reset();

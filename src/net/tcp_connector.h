@@ -475,7 +475,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // tail returns with only the bytes it held before (ERROR "unexpected error, node=NULL,
     // ...").
     // With `arm` false, a queue that was empty is not armed for writability: the caller has
-    // promised a flush (SendToQCorked).
+    // promised a flush (SendToQCorked); the packet is then the owner's corked one, and the
+    // queue's last block becomes its cork block.
     void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false,
                    bool arm = true);
     int SendToQImpl(const char* buf, unsigned int len, LogCategory* log_cat, bool arm);
@@ -488,6 +489,18 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // `owner_cork`: the caller is the owner's SendToQCorked; the block then becomes its
     // cork block. Any other caller leaves a cork block alone (false).
     bool AppendToTail(const char* buf, int len, LogCategory* cat, bool owner_cork);
+    // SendToQ's entry trace and count of the offer.
+    void EnterSendToQ(LogCategory* cat, unsigned int len);
+    // Copies `len` bytes into the room of queued `block`, with PushSendQ's trace line
+    // (list_size=0). The caller owns the block's room: m_tx_mutex, or the owner's cork.
+    void PutIntoQueuedBlock(NetBuffer* block, const char* buf, int len, LogCategory* cat);
+    // After a packet went in at the end of the queue: the owner's corked one (`owner_cork`)
+    // makes the last block the cork block; another one behind a cork marks it overtaken.
+    // Caller holds m_tx_mutex.
+    void NoteQueuedAtTailLocked(bool owner_cork);
+    // No cork: the owner's next corked packet takes the locked way. Owner's thread, under
+    // m_tx_mutex or while no other thread uses the connector (Reset).
+    void EndCork();
     // Whether the owner's flush would find nothing to do: no role taken, nothing queued, no
     // tail detached and writability off. Read without m_tx_mutex, so a packet queued by
     // another thread at that moment may be missed; such a packet armed writability, so the

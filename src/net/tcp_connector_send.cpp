@@ -98,6 +98,40 @@ int CTcpConnector::SendToQ(const char* buf, unsigned int len, LogCategory* log_c
     return SendToQImpl(buf, len, log_cat, true);
 }
 
+// SendToQ's first step, shared by its general way and the owner's cork: the entry trace and
+// the count of offers (every offer counts, refused and rejected ones too).
+inline void CTcpConnector::EnterSendToQ(LogCategory* cat, unsigned int len) {
+    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::SendToQ(), url=%s, local_url=%s, len=%d", GetURL(),
+           GetLocalURL(), static_cast<int>(len));
+    ++m_tx_packet_cnt;
+}
+
+// Copies a packet into the room of a queued block (the queue's last block, or the owner's cork
+// block), with the push's trace line and no block reserved for it.
+inline void CTcpConnector::PutIntoQueuedBlock(NetBuffer* block, const char* buf, int len, LogCategory* cat) {
+    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d",
+           GetURL(), GetLocalURL(), len, 0);
+    block->Put(buf, len);  // the block keeps the time of its first bytes
+}
+
+// After a packet went in at the end of the queue, under m_tx_mutex: the owner's corked packet
+// makes the last block its cork block; anyone else's packet, queued behind a cork, marks it
+// overtaken so that the owner's next corked packet follows it.
+void CTcpConnector::NoteQueuedAtTailLocked(bool owner_cork) {
+    if (owner_cork) {
+        LIST_NODE* tail = m_tx_queue.Tail();
+        m_tx_cork_block = tail != nullptr ? static_cast<NetBuffer*>(tail->pData) : nullptr;
+        m_tx_cork_overtaken = false;
+    } else if (m_tx_cork_block != nullptr) {
+        m_tx_cork_overtaken = true;
+    }
+}
+
+void CTcpConnector::EndCork() {
+    m_tx_cork_block = nullptr;
+    m_tx_cork_overtaken = false;
+}
+
 // The owner's thread is the only writer of m_tx_cork_block and of the cork block's bytes, so
 // a packet that fits in it goes in without the lock. Any other case (no cork yet, another
 // thread's packet queued behind it, no room, the queue limit, a starved send side to be
@@ -110,23 +144,15 @@ int CTcpConnector::SendToQCorked(const char* buf, unsigned int len) {
         IsExceedMaxTxBufCnt(static_cast<int>(len)) || LoadTvSec(m_send_buf_full_tv) != 0) {
         return SendToQImpl(buf, len, nullptr, false);
     }
-    QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::SendToQ(), url=%s, local_url=%s, len=%d", GetURL(),
-           GetLocalURL(), static_cast<int>(len));
-    ++m_tx_packet_cnt;
-    QN_LOG(m_log_cat, QN_DEBUG,
-           "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d", GetURL(),
-           GetLocalURL(), static_cast<int>(len), 0);
-    cork->Put(buf, static_cast<int>(len));
+    EnterSendToQ(m_log_cat, len);
+    PutIntoQueuedBlock(cork, buf, static_cast<int>(len), m_log_cat);
     m_is_last_tx_full = false;
     return static_cast<int>(len);
 }
 
 int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* log_cat, bool arm) {
     LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
-    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::SendToQ(), url=%s, local_url=%s, len=%d", GetURL(),
-           GetLocalURL(), static_cast<int>(len));
-
-    ++m_tx_packet_cnt;  // every offer counts, refused and rejected ones too
+    EnterSendToQ(cat, len);
 
     if (buf == nullptr || len == 0) {
         // This message passes the packet where the local URL is expected and the local URL's
@@ -188,16 +214,8 @@ bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat, boo
     if (block->WriteRemaining() < len) {
         return false;
     }
-    if (owner_cork) {
-        m_tx_cork_block = block;  // the owner's next corked packets go in without the lock
-        m_tx_cork_overtaken = false;
-    } else if (m_tx_cork_block != nullptr) {
-        m_tx_cork_overtaken = true;  // this packet is behind the cork: the owner's next follow it
-    }
-    // The push's trace line, with no block reserved for it.
-    QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d",
-           GetURL(), GetLocalURL(), len, 0);
-    block->Put(buf, len);               // the block keeps the time of its first bytes
+    PutIntoQueuedBlock(block, buf, len, cat);
+    NoteQueuedAtTailLocked(owner_cork);
     StoreTv(m_send_buf_full_tv, 0, 0);  // data went in: the send side is no longer starved
     return true;
 }
@@ -354,13 +372,8 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
     }
     m_tx_queue.Merge(push_list, ahead);
     m_tx_tail_detached = false;
-    if (!arm && !ahead) {
-        // The owner's corked packet (SendToQCorked): the last block becomes its cork block.
-        LIST_NODE* tail = m_tx_queue.Tail();
-        m_tx_cork_block = tail != nullptr ? static_cast<NetBuffer*>(tail->pData) : nullptr;
-        m_tx_cork_overtaken = false;
-    } else if (!ahead && m_tx_cork_block != nullptr) {
-        m_tx_cork_overtaken = true;  // this packet is behind the cork: the owner's next follow it
+    if (!ahead) {
+        NoteQueuedAtTailLocked(!arm);  // `arm` false: the owner's corked packet
     }
     StoreTv(m_send_buf_full_tv, 0, 0);  // data went in: the send side is no longer starved
 }
@@ -500,8 +513,7 @@ int CTcpConnector::Send() {
     }
     {
         AutoLocker locker(&m_tx_mutex);
-        m_tx_cork_block = nullptr;  // the owner's flush ends its cork: the block may be sent
-        m_tx_cork_overtaken = false;
+        EndCork();  // the owner's flush ends its cork: the block may be sent
         if (m_is_sending.load()) {
             // Another thread holds the sending role. What is queued may have come from
             // SendToQCorked, unarmed: ask for writability so that it is not left behind.

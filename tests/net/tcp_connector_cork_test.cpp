@@ -139,7 +139,7 @@ TEST(Cork, AnIdleFlushTakesNoLock) {
     EXPECT_EQ("hi", r.ReadPeer(2));
 }
 
-// Fini returns the cork block with the queue; a later connection starts without a cork.
+// Fini returns the cork block with the queue and leaves no cork behind.
 TEST(Cork, FiniReturnsTheCorkBlock) {
     SendRig r;
     ASSERT_TRUE(r.ok);
