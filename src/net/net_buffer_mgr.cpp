@@ -3,6 +3,8 @@
 #include <sys/time.h>
 
 #include <cassert>
+#include <climits>
+#include <cstdio>
 #include <new>
 
 namespace QUOLNET {
@@ -22,17 +24,67 @@ unsigned int BlocksFor(int len) {
 // thread pointer, no call, on the paths that run per packet.
 __attribute__((tls_model("initial-exec"))) thread_local CNetBufferMgr::CThreadCache* t_cache = nullptr;
 
+// A block's state in its m_uid (see the header): the identifier plain while the block is
+// out, with the sign bit set while it is not.
+inline int BlockId(const NetBuffer* buf) {
+    return buf->m_uid & INT_MAX;
+}
+inline void MarkOut(NetBuffer* buf) {
+    buf->m_uid &= INT_MAX;
+}
+inline void MarkNotOut(NetBuffer* buf) {
+    buf->m_uid |= INT_MIN;
+}
+inline bool IsOut(const NetBuffer* buf) {
+    return buf->m_uid >= 0;
+}
+
 }  // namespace
 
 CNetBufferMgr::CThreadCache::CThreadCache(CNetBufferMgr* pool) : m_pool(pool), m_prev(t_cache) {
+    // The enclosing cache of the same pool lends this one its reservation state until this
+    // one ends (EndCache hands it back), so that a reservation opened under either ends
+    // under either.
+    for (CThreadCache* c = m_prev; pool != nullptr && c != nullptr; c = c->m_prev) {
+        if (c->m_pool == pool) {
+            m_reserved_block = c->m_reserved_block;
+            m_pool_reservations = c->m_pool_reservations;
+            c->m_reserved_block = nullptr;
+            c->m_pool_reservations = 0;
+            break;
+        }
+    }
     t_cache = this;
 }
 
 CNetBufferMgr::CThreadCache::~CThreadCache() {
-    if (m_pool != nullptr) {
-        m_pool->FlushCache(this);
+    bool misplaced = t_cache != this;
+    bool own_thread = !misplaced;
+    if (own_thread) {
+        t_cache = m_prev;
+    } else {
+        // Destroyed before a cache installed after it: unlink it so that the thread's
+        // chain stays sound. Not found: destroyed on another thread, whose chain is not ours
+        // to touch.
+        for (CThreadCache* c = t_cache; c != nullptr; c = c->m_prev) {
+            if (c->m_prev == this) {
+                c->m_prev = m_prev;
+                own_thread = true;
+                break;
+            }
+        }
     }
-    t_cache = m_prev;
+    if (m_pool == nullptr) {
+        return;
+    }
+    CThreadCache* heir = nullptr;
+    for (CThreadCache* c = own_thread ? m_prev : nullptr; c != nullptr; c = c->m_prev) {
+        if (c->m_pool == m_pool) {
+            heir = c;
+            break;
+        }
+    }
+    m_pool->EndCache(this, heir, misplaced);
 }
 
 void CNetBufferMgr::CThreadCache::NoteLent(NetBuffer* buf) {
@@ -54,24 +106,13 @@ bool CNetBufferMgr::CThreadCache::Keep(NetBuffer* buf) {
     if (m_count == kThreadCacheBlocks) {
         return false;
     }
+    MarkNotOut(buf);  // a release of it, on any thread, is now refused
     m_blocks[m_count++] = buf;
     return true;
 }
 
 NetBuffer* CNetBufferMgr::CThreadCache::Pop() {
     return m_count > 0 ? m_blocks[--m_count] : nullptr;
-}
-
-bool CNetBufferMgr::CThreadCache::Holds(NetBuffer* buf) const {
-    if (buf == m_reserved_block) {
-        return true;
-    }
-    for (int i = 0; i < m_count; ++i) {
-        if (m_blocks[i] == buf) {
-            return true;
-        }
-    }
-    return false;
 }
 
 CNetBufferMgr::CThreadCache* CNetBufferMgr::LocalCache() {
@@ -86,13 +127,46 @@ bool CNetBufferMgr::RoomyForCaches() const {
     return kept_back <= m_max_block_num;
 }
 
-void CNetBufferMgr::FlushCache(CThreadCache* cache) {
-    if (cache->m_count == 0) {
+void CNetBufferMgr::EndCache(CThreadCache* cache, CThreadCache* heir, bool misplaced) {
+    NetBuffer* reserved = cache->m_reserved_block;
+    cache->m_reserved_block = nullptr;
+    if (heir != nullptr) {
+        // The heir lent its state to this cache (or to one nested in it) when that was made,
+        // so it holds no reservation block of its own now.
+        heir->m_pool_reservations += cache->m_pool_reservations;
+        if (heir->m_reserved_block == nullptr) {
+            heir->m_reserved_block = reserved;
+            reserved = nullptr;
+        }
+    }
+    cache->m_pool_reservations = 0;  // without an heir, the pool's reservations end through the pool
+    if (cache->m_count == 0 && reserved == nullptr && !misplaced) {
         return;
     }
-    AutoLocker locker(&m_mutex);
-    while (NetBuffer* buf = cache->Pop()) {
-        GiveBackLocked(buf);  // out since it was cached: accepted
+    {
+        AutoLocker locker(&m_mutex);
+        while (NetBuffer* buf = cache->Pop()) {
+            PutFreeLocked(buf);  // counted as used since it was cached
+        }
+        if (reserved != nullptr) {
+            if (m_reserve_debt > 0) {
+                // The pool owes for a reservation ended through it that it did not back:
+                // this block pays (it stands for that one, not for a reservation still open).
+                --m_reserve_debt;
+                PutFreeLocked(reserved);
+            } else {
+                // Still open: the pool backs it from now on, with this block; m_used already
+                // counts it.
+                PushFreeLocked(reserved);
+                ++m_reserved;
+            }
+        }
+        if (misplaced) {
+            ++m_cache_misuse_cnt;
+        }
+    }
+    if (misplaced) {
+        ReportCacheMisuse("a thread cache was destroyed out of order or on another thread", cache, 0);
     }
 }
 
@@ -123,9 +197,9 @@ NetBuffer* CNetBufferMgr::MakeBlockLocked() {
     if (buf == nullptr) {
         return nullptr;
     }
-    buf->m_uid = static_cast<int>(m_all.size());
+    buf->m_uid = static_cast<int>(m_all.size());  // its index in m_all
+    MarkNotOut(buf);
     m_all.push_back(buf);
-    m_out.push_back(0);
     return buf;
 }
 
@@ -142,7 +216,7 @@ NetBuffer* CNetBufferMgr::PopFreeLocked(bool for_reservation) {
             return nullptr;
         }
     }
-    m_out[static_cast<size_t>(buf->m_uid)] = 1;
+    MarkOut(buf);
     buf->Clear();
     return buf;
 }
@@ -166,19 +240,40 @@ NetBuffer* CNetBufferMgr::TakeLocked(bool is_rx, bool is_big, const struct timev
 }
 
 bool CNetBufferMgr::GiveBackLocked(NetBuffer* buf) {
-    size_t uid = static_cast<size_t>(buf->m_uid);
-    if (buf->m_uid < 0 || uid >= m_all.size() || m_all[uid] != buf || m_out[uid] == 0) {
+    if (!IsOut(buf) || static_cast<size_t>(buf->m_uid) >= m_all.size() ||
+        m_all[static_cast<size_t>(buf->m_uid)] != buf) {
         ++m_double_release_cnt;
-        return false;  // already free (or not ours): linking it again would corrupt the free list
+        // Free, kept by a thread cache, backing a reservation, or not ours: linking it again
+        // would hand it to two borrowers at once.
+        return false;
     }
-    m_out[uid] = 0;
+    PutFreeLocked(buf);
+    return true;
+}
+
+void CNetBufferMgr::PushFreeLocked(NetBuffer* buf) {
+    MarkNotOut(buf);
     buf->m_node.pData = buf;
     // Last in, first out: the block handed out next is the one whose memory is still warm in
     // the cache, so a steady load cycles through a few blocks instead of the whole pool.
     m_free.InsertHead(&buf->m_node);
+}
+
+void CNetBufferMgr::PutFreeLocked(NetBuffer* buf) {
+    PushFreeLocked(buf);
     --m_used;
     NoteUsedLocked();
-    return true;
+}
+
+unsigned int CNetBufferMgr::EndPoolReservationLocked(unsigned int need) {
+    unsigned int backed = need < m_reserved ? need : m_reserved;
+    m_reserved -= backed;
+    unsigned int unmatched = need - backed;
+    if (unmatched > 0) {
+        m_reserve_debt += unmatched;
+        ++m_cache_misuse_cnt;
+    }
+    return unmatched;
 }
 
 void CNetBufferMgr::ReportDoubleRelease(NetBuffer* buf) {
@@ -187,16 +282,34 @@ void CNetBufferMgr::ReportDoubleRelease(NetBuffer* buf) {
         LogLocation loc = {"src/net/net_buffer_mgr", __LINE__, __func__, nullptr};
         LogRecord rec = {LOG_PRIORITY_ERROR, nullptr, 0, &loc, 0, 0, 0, 0, 0};
         log_write(cat, &rec, "release of a block that is not out refused, block=%p, uid=%d",
-                  static_cast<void*>(buf), buf->m_uid);
+                  static_cast<void*>(buf), BlockId(buf));
     }
 #ifndef NDEBUG
     assert(!m_assert_on_double_release && "a pool block was released twice");
 #endif
 }
 
+void CNetBufferMgr::ReportCacheMisuse(const char* what, const void* cache, unsigned int blocks) {
+    LogCategory* cat = m_log_cat != nullptr ? m_log_cat : &g_pool_log_cat;
+    if (log_can_write(cat, LOG_PRIORITY_ERROR, 0, 0) != 0) {
+        LogLocation loc = {"src/net/net_buffer_mgr", __LINE__, __func__, nullptr};
+        LogRecord rec = {LOG_PRIORITY_ERROR, nullptr, 0, &loc, 0, 0, 0, 0, 0};
+        log_write(cat, &rec, "thread cache misuse: %s, cache=%p, blocks=%u; counts kept whole", what, cache,
+                  blocks);
+    }
+#ifndef NDEBUG
+    assert(!m_assert_on_cache_misuse && "a pool's thread cache was misused");
+#endif
+}
+
 unsigned long CNetBufferMgr::GetDoubleReleaseCount() {
     AutoLocker locker(&m_mutex);
     return m_double_release_cnt;
+}
+
+unsigned long CNetBufferMgr::GetCacheMisuseCount() {
+    AutoLocker locker(&m_mutex);
+    return m_cache_misuse_cnt;
 }
 
 NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
@@ -206,7 +319,8 @@ NetBuffer* CNetBufferMgr::Allocate(bool is_rx, bool is_big) {
     }
     CThreadCache* cache = LocalCache();
     if (cache != nullptr && cache->m_count > 0 && RoomyForCaches()) {
-        NetBuffer* buf = cache->Pop();  // out already: no limit moves
+        NetBuffer* buf = cache->Pop();  // counted as out already: no limit moves
+        MarkOut(buf);
         buf->Clear();
         buf->m_is_rx_buf = is_rx ? 1 : 0;
         buf->m_is_big_buf = is_big ? 1 : 0;
@@ -295,27 +409,35 @@ bool CNetBufferMgr::ReserveFromPool(unsigned int need) {
         if (buf == nullptr) {
             return false;  // out of memory: the blocks made so far wait on the free list
         }
-        buf->m_node.pData = buf;
-        m_free.InsertHead(&buf->m_node);
+        PushFreeLocked(buf);
     }
     m_reserved += need;
     m_used += need;
     if (m_used > m_peak_used) {
         m_peak_used = m_used;
     }
+    // While a debt is owed, a store's block that stands for no reservation is counted as
+    // used: the new reservation takes it over instead of a free block (see m_reserve_debt).
+    unsigned int settled = m_reserve_debt < m_reserved ? m_reserve_debt : m_reserved;
+    m_reserve_debt -= settled;
+    m_reserved -= settled;
+    m_used -= settled;
     NoteUsedLocked();
     return true;
 }
 
 // Which reservation ends: the pool's ones made while the store's was open end first (the
-// reverse order of making), then the store's, then the pool's.
-NetBuffer* CNetBufferMgr::EndCachedReservation(CThreadCache* cache) {
+// reverse order of making), then the store's (one block), then the pool's.
+NetBuffer* CNetBufferMgr::EndCachedReservation(CThreadCache* cache, unsigned int need) {
     if (cache == nullptr) {
         return nullptr;
     }
     if (cache->m_pool_reservations > 0) {
         --cache->m_pool_reservations;
         return nullptr;
+    }
+    if (need != 1) {
+        return nullptr;  // not the store's: that one is a single block
     }
     NetBuffer* buf = cache->m_reserved_block;
     cache->m_reserved_block = nullptr;
@@ -326,71 +448,105 @@ void CNetBufferMgr::Unreserve(int len) {
     if (len <= 0) {
         return;
     }
+    unsigned int need = BlocksFor(len);
     CThreadCache* cache = LocalCache();
-    if (NetBuffer* buf = EndCachedReservation(cache)) {
+    if (NetBuffer* buf = EndCachedReservation(cache, need)) {
         if (!cache->Keep(buf)) {
             AutoLocker locker(&m_mutex);
-            GiveBackLocked(buf);
+            PutFreeLocked(buf);
         }
         return;
     }
-    unsigned int need = BlocksFor(len);
-    AutoLocker locker(&m_mutex);
-    m_reserved -= need;
-    m_used -= need;
-    NoteUsedLocked();
+    unsigned int unmatched = 0;
+    {
+        AutoLocker locker(&m_mutex);
+        unmatched = EndPoolReservationLocked(need);
+        // The blocks the pool backed are free for anyone now; an unmatched block stays
+        // counted, as kept by the cache whose reservation it stood for, until that cache ends.
+        m_used -= need - unmatched;
+        NoteUsedLocked();
+    }
+    if (unmatched > 0) {
+        ReportCacheMisuse(
+            "a reservation ended that the pool does not back (ended away from the cache that served it, "
+            "or never made)",
+            cache, unmatched);
+    }
 }
 
 void CNetBufferMgr::TakeReserved(int len, CBidirList& list) {
     if (len <= 0) {
         return;
     }
-    if (NetBuffer* buf = EndCachedReservation(LocalCache())) {
+    unsigned int need = BlocksFor(len);
+    CThreadCache* cache = LocalCache();
+    if (NetBuffer* buf = EndCachedReservation(cache, need)) {
+        MarkOut(buf);
         buf->Clear();  // an empty send block, as the pool hands them out
         list.Insert(&buf->m_node);
         return;
     }
-    unsigned int need = BlocksFor(len);
-    AutoLocker locker(&m_mutex);
-    for (unsigned int i = 0; i < need; ++i) {
-        list.Insert(&PopFreeLocked(true)->m_node);  // backed since Reserve: never null
+    unsigned int unmatched = 0;
+    {
+        AutoLocker locker(&m_mutex);
+        unsigned int backed = need < m_reserved ? need : m_reserved;
+        for (unsigned int i = 0; i < backed; ++i) {
+            list.Insert(&PopFreeLocked(true)->m_node);  // backed since Reserve: never null
+        }
+        unmatched = EndPoolReservationLocked(need);  // m_used already counts the backed ones
+        // Unmatched: the block that stood for it stays with its cache until that cache ends,
+        // so these come on top, beyond the limit if need be (null only without memory).
+        for (unsigned int i = 0; i < unmatched; ++i) {
+            NetBuffer* buf = PopFreeLocked(false);
+            if (buf == nullptr) {
+                break;
+            }
+            list.Insert(&buf->m_node);
+            if (++m_used > m_peak_used) {
+                m_peak_used = m_used;
+            }
+        }
+        NoteUsedLocked();
     }
-    m_reserved -= need;  // m_used already counts them
+    if (unmatched > 0) {
+        ReportCacheMisuse(
+            "a reservation taken that the pool does not back (taken away from the cache that served it, "
+            "or never made)",
+            cache, unmatched);
+    }
 }
 
 void CNetBufferMgr::Release(NetBuffer** buf) {
     if (buf == nullptr || *buf == nullptr) {
         return;
     }
+    NetBuffer* b = *buf;
+    *buf = nullptr;
     CThreadCache* cache = LocalCache();
-    if (cache != nullptr) {
-        // Only a block this thread borrowed while the cache was installed, and has not given
-        // back since, may go into it: that one is known to be out. Any other release takes
-        // the pool's checks below.
-        if (cache->ForgetLent(*buf)) {
-            if (RoomyForCaches() && cache->Keep(*buf)) {
-                *buf = nullptr;
-                return;
-            }
-        } else if (cache->Holds(*buf)) {
+    // Only a block this thread borrowed while the cache was installed may go into it, and only
+    // while it is still out: released since (here or on another thread), it is free or kept
+    // and this release is a second one. Any other release takes the pool's checks below.
+    if (cache != nullptr && cache->ForgetLent(b)) {
+        if (!IsOut(b)) {
             {
                 AutoLocker locker(&m_mutex);
                 ++m_double_release_cnt;
             }
-            ReportDoubleRelease(*buf);
-            *buf = nullptr;
+            ReportDoubleRelease(b);
+            return;
+        }
+        if (RoomyForCaches() && cache->Keep(b)) {
             return;
         }
     }
     bool ok = false;
     {
         AutoLocker locker(&m_mutex);
-        ok = GiveBackLocked(*buf);
+        ok = GiveBackLocked(b);
     }
     if (!ok) {
-        ReportDoubleRelease(*buf);
+        ReportDoubleRelease(b);
     }
-    *buf = nullptr;
 }
 
 void CNetBufferMgr::Release(CBidirList& list) {
@@ -400,15 +556,10 @@ void CNetBufferMgr::Release(CBidirList& list) {
         AutoLocker locker(&m_mutex);
         while (LIST_NODE* n = list.RemoveHead()) {
             NetBuffer* b = static_cast<NetBuffer*>(n->pData);
-            bool cached = false;
             if (cache != nullptr) {
                 cache->ForgetLent(b);
-                cached = cache->Holds(b);
-                if (cached) {
-                    ++m_double_release_cnt;  // the thread's cache keeps it: not out to anyone
-                }
             }
-            if (cached || !GiveBackLocked(b)) {
+            if (!GiveBackLocked(b)) {  // refuses blocks kept by any thread's cache too
                 refused.push_back(b);
             }
         }

@@ -37,7 +37,15 @@
 // block=%p, uid=%d" to the pool's category: SetLogCat, by default a category of its own,
 // "quolnet.pool", that writes ERROR and above to the process-wide log output), and in a build
 // without NDEBUG it also fails an assert, unless SetAssertOnDoubleRelease(false) turned that
-// off (tests that check the counting do so, so that they run in every build).
+// off (tests that check the counting do so, so that they run in every build). A block is out
+// from the moment it is handed to a borrower until its first release; a block kept by a
+// thread cache, or backing a reservation, is not out, whichever thread releases it. What the
+// pool cannot tell apart is a late second release after the block was handed out again: that
+// one looks like the new borrower's release, with or without thread caches.
+//
+// The pool marks the state in each block's m_uid: the identifier plain (>= 0) while the block
+// is out, with its sign bit set while it is free, kept by a thread cache or backing a
+// reservation. Borrowers only ever see the plain identifier; logs print the plain one.
 //
 // All operations are thread-safe; one internal mutex guards the free list and counters.
 //
@@ -48,14 +56,32 @@
 // borrowed), so no limit is ever exceeded; the pool's free list does not see them until the
 // cache gives them back, at the latest when it is destroyed. Only a block handed to the
 // same thread while the cache was installed goes into it when released (it is known to be
-// out), and a block released while the cache keeps it is refused as a double release; a
-// block the cache keeps is out as far as other threads are concerned, so a release of it by
-// another thread is not recognised as a second one. A loop installs one for the
-// length of one tick, so a burst of short-lived blocks (a receive block per ping-pong
-// packet, the room reserved for each direct write) costs one pool round trip per tick
-// instead of two per packet. While the pool is nearly exhausted (fewer than
-// 2 * kThreadCacheBlocks blocks of room beyond both reserves, as last seen) a cache takes
-// in nothing and hands out nothing, so the reserves keep their meaning.
+// out); a block the cache keeps is not out, so a release of it, on any thread, is refused
+// as a double release. A loop installs one for the length of one tick, so a burst of
+// short-lived blocks (a receive block per ping-pong packet, the room reserved for each direct
+// write) costs one pool round trip per tick instead of two per packet. While the pool is
+// nearly exhausted (fewer than 2 * kThreadCacheBlocks blocks of room beyond both reserves, as
+// last seen) a cache takes in nothing and hands out nothing, so the reserves keep their
+// meaning.
+//
+// Reservations and thread caches: a reservation may be served from the store of the cache in
+// effect (see CThreadCache). Its end belongs on the thread that made it, while that cache or
+// a cache of the same pool nested in it is in effect, or after that cache has ended (a cache
+// that ends with a reservation open hands it to the enclosing cache of the same pool, or to
+// the pool, counts unchanged); reservations made with no cache in effect may end anywhere.
+// A reservation ended elsewhere (on another thread, or while a cache of another pool hides
+// the one that served it), or ended without having been made, is a thread cache misuse: the
+// pool keeps its counts whole (the ending takes effect at once; the block that backed a
+// reservation served from a store stays counted as kept by that cache until it ends, unless
+// a reservation made meanwhile takes it over, whose ending may then be counted too; and a
+// TakeReserved gets its blocks anyway, if need be above the limit until then), counts the
+// event (GetCacheMisuseCount), logs it at ERROR once per occurrence ("thread cache misuse:
+// ..."), and in a build without NDEBUG fails an assert unless SetAssertOnCacheMisuse(false).
+// A cache destroyed on another thread than its own, or before a cache installed after it on
+// its thread, is the same kind of misuse, and still gives everything back: out of order on
+// its own thread it is unlinked and the thread's other caches keep working; its own thread's
+// record of a cache destroyed elsewhere cannot be repaired, so that thread must not call any
+// pool afterwards.
 #pragma once
 
 #include <atomic>
@@ -76,13 +102,18 @@ class QUOLNET_EXPORT CNetBufferMgr {
     // Installs a store of at most kThreadCacheBlocks blocks of `pool` for the calling thread
     // until destruction, which gives them back to the pool (one lock) and reinstalls the
     // cache that was installed before (caches nest; only the innermost is used, and only for
-    // its own pool). Constructed and destroyed on the same thread; not movable. `pool` must
-    // outlive the cache (the cache gives its blocks back to it when destroyed).
+    // its own pool). Constructed and destroyed on the same thread, innermost first (another
+    // order is a counted misuse, see above); not movable. `pool` must outlive the cache (the
+    // cache gives its blocks back to it when destroyed).
     //
-    // Reservations served from the store: at most one at a time per thread (a direct write
-    // reserves, writes, then ends its reservation). Further reservations made meanwhile on
-    // the same thread go to the pool, and reservations end in the reverse order of their
-    // making, as every caller in the library does.
+    // Reservations served from the store: at most one at a time per thread and pool (a direct
+    // write reserves, writes, then ends its reservation). Further reservations made meanwhile
+    // on the same thread go to the pool, and reservations end in the reverse order of their
+    // making, as every caller in the library does. A cache made while a cache of the same pool
+    // is installed takes over that one's reservation state and hands it back when it ends, so
+    // a reservation may end under either. A cache that ends with the store's reservation
+    // still open gives its block to the pool, which then backs that reservation like one of
+    // its own: it ends (Unreserve, TakeReserved) with no cache or under any later one.
     class QUOLNET_EXPORT CThreadCache {
       public:
         explicit CThreadCache(CNetBufferMgr* pool);
@@ -90,22 +121,25 @@ class QUOLNET_EXPORT CNetBufferMgr {
         CThreadCache(const CThreadCache&) = delete;
         CThreadCache& operator=(const CThreadCache&) = delete;
 
-        // Blocks kept now (for tests and statistics).
+        // Blocks kept now (for tests and statistics), not counting one that backs a
+        // reservation. Owning thread only.
         int Count() const { return m_count; }
 
       private:
         friend class CNetBufferMgr;
         static constexpr int kLentSlots = 8;
         // Records a block handed to this thread; ForgetLent(b) is true (and forgets it) when
-        // `b` was recorded and not forgotten since. Holds: whether the store keeps `b`.
+        // `b` was recorded and not forgotten since. A record may outlive the loan (the block
+        // was released on another thread): the release path checks that the block is still
+        // out before keeping it.
         void NoteLent(NetBuffer* buf);
         bool ForgetLent(NetBuffer* buf);
-        bool Holds(NetBuffer* buf) const;
-        // Keep: stores `buf` unless the store is full (false). Pop: the last block stored,
-        // or null.
+        // Keep: stores `buf` (marked as not out) unless the store is full (false). Pop: the
+        // last block stored, still marked as not out, or null.
         bool Keep(NetBuffer* buf);
         NetBuffer* Pop();
 
+        // All members: owning thread only (the pool reads them on that thread).
         CNetBufferMgr* m_pool;
         CThreadCache* m_prev;
         NetBuffer* m_blocks[kThreadCacheBlocks];
@@ -143,7 +177,9 @@ class QUOLNET_EXPORT CNetBufferMgr {
     // no count. Each successful Reserve(len) is ended by exactly one Unreserve(len) (the
     // blocks were not needed) or TakeReserved(len, list) (appends that many empty send
     // blocks to `list`, which are then released like any others). Free blocks that back a
-    // reservation are not counted by GetFreeCount and not handed to anyone else.
+    // reservation are not counted by GetFreeCount and not handed to anyone else. Where a
+    // reservation may end when a thread cache served it: see CThreadCache; an ending the
+    // pool cannot match is a counted misuse that leaves the counts whole (see above).
     bool Reserve(int len);
     void Unreserve(int len);
     void TakeReserved(int len, CBidirList& list);
@@ -180,6 +216,12 @@ class QUOLNET_EXPORT CNetBufferMgr {
     void SetLogCat(LogCategory* cat) { m_log_cat = cat; }
     // Whether a refusal also fails an assert in builds without NDEBUG (default true).
     void SetAssertOnDoubleRelease(bool on) { m_assert_on_double_release = on; }
+    // Thread cache misuses the pool repaired (see above): reservations ended where the pool
+    // could not match them, caches destroyed out of order or on another thread. Any thread.
+    unsigned long GetCacheMisuseCount();
+    // Whether a misuse also fails an assert in builds without NDEBUG (default true). Set
+    // before use.
+    void SetAssertOnCacheMisuse(bool on) { m_assert_on_cache_misuse = on; }
 
   private:
     // The calling thread's cache for this pool, or null.
@@ -187,14 +229,21 @@ class QUOLNET_EXPORT CNetBufferMgr {
     // Whether caches may take in and hand out blocks now: the pool has room beyond both
     // reserves for twice what caches keep, as last seen (m_used_hint). Any thread.
     bool RoomyForCaches() const;
-    // Gives back every block `cache` keeps.
-    void FlushCache(CThreadCache* cache);
+    // Ends `cache` for the pool: gives back every block it keeps, and hands its reservation
+    // state to `heir` (the enclosing cache of this pool on the same thread, or null) or,
+    // without one, the block behind its open reservation to the pool, which backs the
+    // reservation with it from then on (or, owing a debt, takes it back as merely kept).
+    // `misplaced`: destroyed out of order or on another thread (counted and reported).
+    // Called on the thread that destroys the cache; takes m_mutex only when it has a block
+    // to give back or a misuse to count.
+    void EndCache(CThreadCache* cache, CThreadCache* heir, bool misplaced);
     // Reserve's locked part: `need` blocks counted as out and backed by free blocks.
     bool ReserveFromPool(unsigned int need);
-    // The block behind the reservation that ends now (Unreserve, TakeReserved) when it is
-    // the one `cache` serves from its store (the cache lets go of it); null when it is the
-    // pool's (a pool reservation made meanwhile is counted off) or `cache` is null.
-    static NetBuffer* EndCachedReservation(CThreadCache* cache);
+    // The block behind the reservation of `need` blocks that ends now (Unreserve,
+    // TakeReserved) when it is the one `cache` serves from its store (the cache lets go of
+    // it); null when it is the pool's (a pool reservation made meanwhile is counted off) or
+    // `cache` is null.
+    static NetBuffer* EndCachedReservation(CThreadCache* cache, unsigned int need);
     // Keeps m_used_hint in step with m_used. Caller holds m_mutex.
     void NoteUsedLocked() { m_used_hint.store(m_used, std::memory_order_relaxed); }
     // Takes a block from the free list or makes one; caller holds m_mutex and has checked
@@ -209,11 +258,23 @@ class QUOLNET_EXPORT CNetBufferMgr {
     // A new block, not out and on no list; null when memory cannot be had. Caller holds
     // m_mutex.
     NetBuffer* MakeBlockLocked();
-    // Puts an out block back on the free list and returns true; refuses (false, counted) a
-    // block that is not out.
+    // Puts a block released by a borrower back on the free list and returns true; refuses
+    // (false, counted) a block that is not out or not this pool's. Caller holds m_mutex.
     bool GiveBackLocked(NetBuffer* buf);
+    // Puts a block the pool counts as used (out, kept or backing a store's reservation) on
+    // the free list, marked as not out; PutFreeLocked also counts it off m_used. Caller holds
+    // m_mutex.
+    void PushFreeLocked(NetBuffer* buf);
+    void PutFreeLocked(NetBuffer* buf);
+    // Ends `need` blocks of reservations through the pool: the ones its reservations back,
+    // and for the rest (an ending the pool cannot match, counted as a misuse) a debt (see
+    // m_reserve_debt). Returns the blocks the pool did not back. Caller holds m_mutex.
+    unsigned int EndPoolReservationLocked(unsigned int need);
     // Logs a refused release (pool mutex not held) and asserts when asked to.
     void ReportDoubleRelease(NetBuffer* buf);
+    // Logs a thread cache misuse (pool mutex not held; counted already) and asserts when
+    // asked to.
+    void ReportCacheMisuse(const char* what, const void* cache, unsigned int blocks);
 
     const unsigned int m_max_block_num;
     const int m_rx_reserve_blocks;
@@ -222,16 +283,24 @@ class QUOLNET_EXPORT CNetBufferMgr {
 
     Mutex m_mutex;
     CBidirList m_free;              // guarded by m_mutex
-    std::vector<NetBuffer*> m_all;  // every block ever made; guarded by m_mutex
+    std::vector<NetBuffer*> m_all;  // every block ever made, by identifier; guarded by m_mutex
     unsigned int m_used;            // guarded by m_mutex
     // m_used as last stored under m_mutex, read without it by thread caches.
     std::atomic<unsigned int> m_used_hint{0};
-    unsigned int m_peak_used;          // guarded by m_mutex
-    unsigned int m_reserved = 0;       // counted in m_used, each backed by a free block; guarded by m_mutex
-    std::vector<unsigned char> m_out;  // per block uid: 1 while handed out; guarded by m_mutex
+    unsigned int m_peak_used;     // guarded by m_mutex
+    unsigned int m_reserved = 0;  // counted in m_used, each backed by a free block; guarded by m_mutex
+    // Blocks of reservations that ended through the pool while none of its own backed them
+    // (a misuse): as many blocks behind stores' reservations stand for no reservation now. A
+    // cache that ends with one pays a block of the debt by giving it back instead of handing
+    // it to the pool, and a pool reservation made meanwhile takes one over (it is backed by
+    // that block instead of a free one), so the pool never both owes and backs: m_reserve_debt
+    // == 0 || m_reserved == 0. Guarded by m_mutex.
+    unsigned int m_reserve_debt = 0;
     unsigned long m_double_release_cnt = 0;  // guarded by m_mutex
+    unsigned long m_cache_misuse_cnt = 0;    // guarded by m_mutex
     LogCategory* m_log_cat = nullptr;
     bool m_assert_on_double_release = true;
+    bool m_assert_on_cache_misuse = true;
 };
 
 }  // namespace QUOLNET
