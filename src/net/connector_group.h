@@ -11,6 +11,11 @@
 // SO_REUSEPORT, and the kernel spreads new connections over them. Where the option is
 // missing or refused (or reuse_port is false), loop 0 alone listens and hands the
 // connections it accepts to the loops in turn (round-robin).
+// Connection limit: loop.max_connections applies to each loop; its default (0) derives the
+// process's figure from the descriptor limit and divides it evenly among the loops. Each
+// loop's own listener evicts its own idle connections at its limit (see connector_mgr.h);
+// with one acceptor handing out, the receiving loop makes room as the connection arrives.
+// loop.max_connections_per_source is counted across all loops (one count per address).
 // Dialling: Dial places a connection on the loop the application names, or round-robin.
 // Ids are unique across the group: the top bits hold the index of the loop that made the
 // connection (kLoopShift). Send, SendCorked, Close and Abort take an id from any thread
@@ -93,6 +98,10 @@ class QUOLNET_EXPORT CConnectorGroup {
     int SendCorked(ConnId id, const char* buf, unsigned int len);
     void Close(ConnId id);
     void Abort(ConnId id);
+    void PauseReading(ConnId id);
+    void ResumeReading(ConnId id);
+    bool HoldOpen(ConnId id);
+    void ReleaseHold(ConnId id);
     // Moves connection `id` to loop `loop` (see above). Returns 0 when the move is under
     // way (or `id` is there already), kMoveUnknownId, kMoveBadLoop. Any thread.
     int Move(ConnId id, int loop);
@@ -132,6 +141,9 @@ class QUOLNET_EXPORT CConnectorGroup {
     int SendRouted(ConnId id, const char* buf, unsigned int len, bool corked);
     int SendInTransit(ConnId id, const char* buf, unsigned int len, bool* in_transit);
     void CloseRouted(ConnId id, bool graceful, int from_loop);
+    void PauseRouted(ConnId id, bool paused, int from_loop);
+    // HoldOpen (+1) or ReleaseHold (-1) on whichever loop serves `id`, following moves.
+    bool HoldRouted(ConnId id, int delta);
     // A loop destroyed connection `id`: its route goes.
     void Forget(ConnId id);
     // The move's two halves, on the loop threads (see CConnMover).
@@ -142,6 +154,7 @@ class QUOLNET_EXPORT CConnectorGroup {
     IConnectorHandler* m_handler;
     ConnectorGroupOptions m_options;
     std::vector<std::unique_ptr<CNetBufferMgr>> m_pools;
+    CSourceCounts m_sources;  // connections per address, for every loop (outlives them)
     std::vector<std::unique_ptr<CConnectorMgr>> m_loops;
     std::vector<std::thread> m_threads;
     bool m_reuse_port_active;

@@ -37,8 +37,9 @@ enum class CloseLimit : int {
     kPoolPressure = 4,    // shed while stalled, holding the most blocks, when the pool ran short
     kPacketTooLong = 5,   // a packet announced longer than max_packet_len
     kRecvBlocks = 6,      // a packet that could never fit under max_recv_blocks
+    kIdleEvicted = 7,     // idle the longest when max_connections was reached and others waited
 };
-constexpr int kCloseLimitCount = 7;
+constexpr int kCloseLimitCount = 8;
 
 // Short stable names for logs and statistics ("peer_closed", "send_stall", ...).
 QUOLNET_EXPORT const char* CloseReasonName(CloseReason reason);
@@ -72,9 +73,12 @@ class QUOLNET_EXPORT IConnectorHandler {
     // packet, offered in the same tick), so replies can be corked
     // (CConnectorMgr::SendCorked) and leave with one flush at the end of the tick.
     // Return true when the packet is consumed; false leaves it (and the ones behind it)
-    // queued and pauses delivery on this connection; the manager offers it again on a later
-    // tick (within about a millisecond). While packets wait, the connection stops reading
-    // once its ring of 1000 packets is full, so the peer is slowed down by TCP.
+    // queued and pauses the connection (CConnectorMgr::PauseReading): nothing more is read
+    // or offered, at no cost per tick, until the application calls ResumeReading(id), which
+    // offers this packet again first. A handler that returns false because its reply was
+    // refused with kSendNoRoom needs to do nothing: the connection resumes by itself when
+    // there is room again, just before OnWritable. While paused, the kernel's buffers fill
+    // and TCP slows the peer down.
     virtual bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool more) = 0;
 
     // A Send or SendCorked on this connection returned CConnectorMgr::kSendNoRoom and there

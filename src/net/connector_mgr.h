@@ -2,9 +2,10 @@
 //
 // The manager is a facade over the classes of src/net/owner/, one per concern: CEventLoop
 // (epoll, wake-up, timers, posted work), CAcceptor (listeners, the descriptor-limit pause),
-// CDialler (connect timeout, reconnect with backoff), CConnService (the connection's state
-// machine: delivery, pausing, half-close draining, linger, closing), CConnLimits
-// (deadlines, pool-pressure shedding, room notification), CConnTable (the id map) and
+// CConnAdmission (the connection limit: idle connections closed for newcomers, the cap per
+// source address), CDialler (connect timeout, reconnect with backoff), CConnService (the
+// connection's state machine: delivery, pausing, half-close draining, linger, closing),
+// CConnLimits (deadlines, pool-pressure shedding, room notification), CConnTable (the id map) and
 // CMgrStats (counters by reason, the statistics table). Several managers, one per thread,
 // form a CConnectorGroup (net/connector_group.h).
 //
@@ -35,9 +36,16 @@
 //     are read and discarded until its end of stream (at most kLingerMs), and then the
 //     descriptor is closed, so the peer receives every byte followed by a normal end of
 //     stream. Abort(id) closes at once.
+//   - A packet the handler refuses pauses its connection (PauseReading) until the
+//     application resumes it (ResumeReading, or room again after a kSendNoRoom): no
+//     re-offer loop runs meanwhile.
 //   - A ring that was full (1000 packets), or framing that stopped for want of a block,
 //     resumes as soon as the application has taken packets, without new traffic: the
 //     manager sets EPOLLIN and runs Update again for that connector.
+//   - A drain (after the peer's end or Close) ends only when nothing is being sent: every
+//     Send that returned the packet's length before is on the wire whole, followed by a
+//     normal end of stream; a Send after it returns kSendClosing. Another thread's Send
+//     that finishes a drain ends it without waiting for a socket event.
 //   - A connector waiting for the next block of a big packet (IsWaitAllocBigBuffer) is
 //     retried with its Recv() until the pool can supply it.
 //   - A connection whose reading stopped with bytes still in the socket (any of the cases
@@ -63,6 +71,20 @@
 //     (writing or receiving) is never closed for pressure; a slow one that drags a packet
 //     out is left to the packet deadline.
 //
+// Connection limit (CConnAdmission, net/owner/conn_admission.h). A manager holds at most
+// max_connections connections; 0 (the default) derives it from the descriptor limit: the
+// soft RLIMIT_NOFILE after Init has raised it, less fd_reserve (64) descriptors left to the
+// application; in a CConnectorGroup that figure is divided evenly among the loops. At the
+// limit, when a listener has connections waiting, the accepted connections idle the longest
+// (nothing read or written for evict_idle_ms, nothing queued either way, not paused or held
+// by the application) are closed at once to admit as many as wait (kLimit, idle_evicted),
+// so a flood of idle connections cannot lock new clients out; the first eviction of an
+// episode is logged at WARN. With none idle enough (or evict_idle_ms 0) the listener leaves
+// epoll until a connection closes or kAcceptRetryMs passes (no spin). Optionally
+// max_connections_per_source caps the connections from one address: more are refused at
+// accept (counted by GetRefusedCount, logged once per episode). The pause at EMFILE stays
+// as the last resort, logged once per episode.
+//
 // Threads and locks:
 //   loop thread   everything not marked otherwise below;
 //   any thread    Send, SendCorked, Close, Abort, Post, Stop, RequestStats, AddTimer,
@@ -81,6 +103,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -90,6 +113,7 @@
 #include "net/net_buffer_mgr.h"
 #include "net/owner/acceptor.h"
 #include "net/owner/conn.h"
+#include "net/owner/conn_admission.h"
 #include "net/owner/conn_limits.h"
 #include "net/owner/conn_service.h"
 #include "net/owner/conn_table.h"
@@ -112,9 +136,15 @@ class CConnectorGroup;
 struct ConnectorMgrOptions {
     static const unsigned int kDefaultMaxPacketLen = 4u << 20;  // 4 MiB
 
-    CNetBufferMgr* pool = nullptr;                       // lent pool (not owned); null: the manager makes one
-    unsigned int pool_blocks = 4096;                     // blocks of the manager's own pool (made on demand)
-    IPackParser* parser = nullptr;                       // lent parser; null: a CLengthPrefixParser
+    CNetBufferMgr* pool = nullptr;    // lent pool (not owned); null: the manager makes one
+    unsigned int pool_blocks = 4096;  // blocks of the manager's own pool (made on demand)
+    IPackParser* parser = nullptr;    // lent parser; null: a CLengthPrefixParser
+    // Checks every packet given to Send/SendCorked: one that does not parse to exactly its
+    // length is refused with kSendBadArgs (logged once per connection), so a stream never
+    // goes out of step. Null: the length-prefix framing's own check when `parser` is null
+    // too; no check when the application framing is its own (a protocol's replies may look
+    // different from its requests). Lent, not owned; called from any sending thread.
+    IPackParser* send_parser = nullptr;
     unsigned int max_packet_len = kDefaultMaxPacketLen;  // also sizes the combine buffers
     unsigned int max_send_blocks = 80;                   // per connection send queue limit
     unsigned int max_recv_blocks = 80;                   // per connection receive limit
@@ -124,17 +154,29 @@ struct ConnectorMgrOptions {
     unsigned int pool_reserve_blocks = 0;  // shed stalled holders below this many free
                                            // blocks; 0: an eighth of the pool
     bool use_recv_callback = false;        // framing hands packets to OnPacket directly
-    LogCategory* log_cat = nullptr;        // manager and connector logging; null: WARN+ to stderr
-    int stats_interval_sec = 0;            // > 0: print the statistics table that often
-    FILE* stats_out = nullptr;             // where periodic/requested tables go (null: stdout)
-    int max_events = 256;                  // epoll events taken per wait
-    bool raise_fd_limit = true;            // Init raises the soft descriptor limit to the hard one
+    LogCategory* log_cat = nullptr;        // the manager's logging; null: WARN+ to stderr
+    // The connectors' own step-by-step records (their internal failures, shortages and
+    // traces, in the connector's words). Null: none. The manager reports what matters to an
+    // operator itself, one line each in log_cat: every close for a limit (WARN, with the
+    // limit's name), every framing error (WARN) and every socket error (INFO) that ends a
+    // connection. Point it at log_cat (or another category) to debug a connection.
+    LogCategory* connector_log_cat = nullptr;
+    int stats_interval_sec = 0;  // > 0: print the statistics table that often
+    FILE* stats_out = nullptr;   // where periodic/requested tables go (null: stdout)
+    int max_events = 256;        // epoll events taken per wait
+    bool raise_fd_limit = true;  // Init raises the soft descriptor limit to the hard one
+    // Connections the manager holds at most (see "Connection limit" above); 0: the soft
+    // descriptor limit less fd_reserve (divided among a group's loops).
+    unsigned int max_connections = 0;
+    unsigned int fd_reserve = 64;                 // descriptors kept for the application (derived limit)
+    int evict_idle_ms = 5000;                     // > 0: at the limit, close connections idle this long
+    unsigned int max_connections_per_source = 0;  // > 0: refuse more from one address at accept
 };
 
 class QUOLNET_EXPORT CConnectorMgr {
   public:
     static constexpr int kAcceptRetryMs = CAcceptor::kAcceptRetryMs;  // retry of a paused listener
-    static constexpr int kRefusedRetryMs = 1;                  // re-offer of packets the handler refused
+    static constexpr int kRefusedRetryMs = 1;                  // retry of work carried over to the next tick
     static constexpr int kBigWaitRetryMs = 5;                  // retry of connectors waiting for a big block
     static constexpr int kSweepMs = CConnLimits::kSweepMs;     // limit sweep period (at most)
     static constexpr int kLingerMs = CConnService::kLingerMs;  // reading to the peer's end after Close
@@ -150,7 +192,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     static constexpr int kSendTooLarge = -3;      // can never fit: over the queue limit or the pool
     static constexpr int kSendClosing = -4;       // Close was called; nothing more is accepted
     static constexpr int kSendFailed = -5;        // the write failed; the connection is closing
-    static constexpr int kSendBadArgs = -6;       // null buffer or zero length
+    static constexpr int kSendBadArgs = -6;       // null buffer, zero length, or not one whole packet
 
     // Blocks the manager's own pool keeps back from reading for replies: a sixteenth, at
     // least one in a pool of two or more (see CNetBufferMgr's tx_reserve_blocks).
@@ -188,7 +230,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Returns len, or one of the kSend... results: kSendNoRoom (try again after
     // OnWritable), kSendUnknownId, kSendNotConnected, kSendTooLarge (logged once per
     // connection and counted), kSendClosing, kSendFailed (the loop closes the connection),
-    // kSendBadArgs. After the peer's end of stream a connection still accepts replies.
+    // kSendBadArgs (also for a buffer that does not frame as exactly one packet of `len`
+    // bytes, see ConnectorMgrOptions::send_parser). After the peer's end of stream a
+    // connection still accepts replies until its drain ends (see HoldOpen).
     // In a group, an id served by another loop of the group is sent through that loop.
     int Send(ConnId id, const char* buf, unsigned int len);
     // Queues one whole packet; on the loop thread, the loop flushes each corked connection
@@ -203,6 +247,30 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Ends a connection at once: queued bytes are dropped, no further packets are offered.
     // OnClosed follows with kClosedLocally. Any thread (posted to the loop).
     void Abort(ConnId id);
+    // Flow control by the application. PauseReading stops reading `id` and offering its
+    // packets to OnPacket: its socket leaves the epoll read set, so a paused connection
+    // costs nothing per tick, and TCP slows the peer down once the kernel's buffers fill.
+    // A packet the handler refuses (OnPacket returns false) pauses its connection the same
+    // way, with that packet first in line. ResumeReading offers the waiting packets again
+    // (the refused one first) and reads on. While paused a connection is exempt from
+    // packet_deadline, idle_timeout and pool-pressure shedding: the stall is the
+    // application's, not the peer's (the blocks it holds stay capped by max_recv_blocks and
+    // count in the statistics; send_stall_ms still applies to what it sends). Pausing a
+    // paused connection, or resuming a running one, does nothing. Any thread (posted to the
+    // loop when called elsewhere); an unknown id is ignored.
+    void PauseReading(ConnId id);
+    void ResumeReading(ConnId id);
+    // Replies still owed after the peer's end of stream. By default a connection whose peer
+    // has ended its stream is shut down as soon as its queued replies are out; an
+    // application that answers later (from a worker thread) calls HoldOpen(id) when it
+    // takes a request and ReleaseHold(id) after its Send of the reply. While holds remain,
+    // the drain after the peer's end waits for them, bounded by send_stall_ms (counted from
+    // the last byte written; the close is then kLimit, send_stall). Close(id) ends the
+    // connection whatever its holds; Abort too. HoldOpen returns false (and holds nothing)
+    // for an unknown id or a connection that no longer accepts Sends. Any thread; each
+    // successful HoldOpen is matched by one ReleaseHold.
+    bool HoldOpen(ConnId id);
+    void ReleaseHold(ConnId id);
     // Runs `fn` on the loop thread at the next tick. Any thread.
     void Post(std::function<void()> fn);
 
@@ -242,6 +310,14 @@ class QUOLNET_EXPORT CConnectorMgr {
     CTcpConnector* GetConnector(ConnId id);
     // Number of times a listener was paused at the descriptor limit. Any thread.
     int GetAcceptPauseCount() const { return m_acceptor.GetPauseCount(); }
+    // Number of times a listener was paused at max_connections with none idle enough to
+    // close. Any thread.
+    uint64_t GetLimitPauseCount() const { return m_acceptor.GetLimitPauseCount(); }
+    // The connection limit in force (max_connections, or the figure derived from the
+    // descriptor limit); 0 before Init. Any thread after Init.
+    unsigned int GetMaxConnections() const { return m_admission.GetLimit(); }
+    // Connections closed at accept for `reason` (max_connections_per_source). Any thread.
+    uint64_t GetRefusedCount(AcceptRefusal reason) const { return m_stats.GetRefusedCount(reason); }
     // Descriptors accepted by this manager's listeners. Any thread.
     uint64_t GetAcceptCount() const { return m_acceptor.GetAcceptCount(); }
     // Connections ended for `reason`, and for limit `limit`, since Init. Any thread.
@@ -262,6 +338,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     friend class CConnLimits;
     friend class CConnectorGroup;
     friend class CConnMover;
+    friend class CConnAdmission;
 
     LogCategory* LogCat() const { return m_options.log_cat; }
     int InitResources();
@@ -277,6 +354,20 @@ class QUOLNET_EXPORT CConnectorMgr {
     void ReleaseFd(OwnedConn* conn);
     void DestroyConn(OwnedConn* conn);
     void CloseNow(ConnId id, bool graceful);
+    // PauseReading/ResumeReading on the loop thread.
+    void SetPausedNow(ConnId id, bool paused);
+    // HoldOpen (+1) and ReleaseHold (-1); `routed` as for SendImpl. Any thread.
+    bool AdjustHold(ConnId id, int delta, bool routed);
+    // Asks the loop to service a draining connection again (a foreign sender or hold may
+    // have finished its drain). On the loop thread it is queued at once; from another
+    // thread its id is handed over and the loop woken. The caller holds CConnTable's lock
+    // shared when it is not the loop thread.
+    void Recheck(OwnedConn* conn, bool on_loop);
+    // Queues the connections other threads asked to recheck. Loop thread.
+    void TakeRechecks();
+    // Whether `buf` frames as exactly one packet of `len` bytes (the send check); logs a
+    // refusal once per connection.
+    bool SendFramesWhole(OwnedConn* conn, const char* buf, unsigned int len);
     int SendImpl(ConnId id, const char* buf, unsigned int len, bool corked, bool routed);
     int SendTo(OwnedConn* conn, const char* buf, unsigned int len, bool corked, bool on_loop,
                std::shared_lock<std::shared_mutex>* lock);
@@ -287,6 +378,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     void EndTick();
     void FlushCorked();
     void DrainWork();
+    // The default logging's count of dropped lines, once their second is over (`now`: at
+    // once). Loop thread, or the destructor.
+    void FlushDroppedLog(bool now);
     bool OnLoopThread() const { return m_loop.OnLoopThread(); }
 
     // Group membership (set by CConnectorGroup before Init; see connector_group.h).
@@ -301,8 +395,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     uint64_t m_send_len_limit = 0;
     IPackParser* m_parser;
     std::unique_ptr<CLengthPrefixParser> m_own_parser;
-    std::unique_ptr<char[]> m_combine_buf;       // Peek joins multi-block packets here (loop thread)
-    std::unique_ptr<char[]> m_cb_combine_buf;    // framing joins them here for the callback
+    IPackParser* m_send_check;                 // send_parser, the own parser, or null (no check); set by Init
+    std::unique_ptr<char[]> m_combine_buf;     // Peek joins multi-block packets here (loop thread)
+    std::unique_ptr<char[]> m_cb_combine_buf;  // framing joins them here for the callback
     std::unique_ptr<LogCategory> m_default_log;  // WARN+ to stderr when log_cat is null
     struct LogLimiter;
     std::unique_ptr<LogLimiter> m_log_limiter;  // the default category's sink state
@@ -316,6 +411,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     CConnService m_service;
     CConnLimits m_limits;
     CMgrStats m_stats;
+    CConnAdmission m_admission;
 
     OwnedConn* m_delivering;              // the connection whose packet OnPacket is handling
     std::vector<OwnedConn*> m_work;       // connections to service this tick (loop thread)
@@ -324,6 +420,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     std::vector<OwnedConn*> m_corked;     // connections with corked sends this tick (loop thread)
     std::vector<OwnedConn*> m_flushing;   // the ones FlushCorked is sending (loop thread)
     std::vector<OwnedConn*> m_graveyard;  // finalised or moved away, freed at the end of the tick
+
+    std::mutex m_recheck_mutex;             // guards m_recheck_foreign
+    std::vector<ConnId> m_recheck_foreign;  // rechecks asked for by other threads
 
     std::atomic<bool> m_stop;
     std::atomic<bool> m_stats_requested;

@@ -80,6 +80,8 @@ void CTcpConnector::Reset() {
     // Connection state of the half-close, progress and close-cause accessors. The
     // keep-writing setting is configuration and stays.
     m_peer_closed = false;
+    m_tx_shut = false;
+    m_tx_push_active = false;
     m_tx_bytes = 0;
     m_rx_bytes = 0;
     m_last_io_result = 0;
@@ -559,6 +561,7 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
     m_single_thread_recv = that.m_single_thread_recv;
     m_rx_inq = that.m_rx_inq;  // the option lives on the shared descriptor
     m_rx_last_full = that.m_rx_last_full;
+    m_tx_shut = that.m_tx_shut.load();
     SetEvent(that.GetEvent());
     if (that.m_peer_closed) {
         m_peer_closed = true;

@@ -122,6 +122,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     static constexpr int kSendInvalid = -1;
     // Send, SendToQ: refused for lack of room (queue limit or pool); try again later.
     static constexpr int kSendNoRoom = 0;
+    // Send, SendToQ: the owner has shut the sending side down (ShutdownSendIfIdle); nothing
+    // of the packet was written or queued.
+    static constexpr int kSendShutDown = -2;
     // ParseNetBuffer (hence Recv): the parser reported a malformed header, or the ring
     // overflowed.
     static constexpr int kParseMalformed = -1;
@@ -334,6 +337,20 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     int PauseReading(bool paused);
     bool IsReadingPaused();
 
+    // Ends the sending side (shutdown(SHUT_WR)) if, and only if, nothing is being sent: no
+    // thread holds the sending role, no push is copying a packet in (or holds the queue's
+    // tail detached) and the queue is empty. The decision is taken and recorded under
+    // m_tx_mutex, which every sender takes before it writes or queues, so from then on Send
+    // and SendToQ return kSendShutDown without writing a byte: every packet whose Send
+    // returned its length before the decision is on the wire whole, and none after it is
+    // started. Returns 1 when the side is shut down (now or before), 0 when something is
+    // still being sent (the caller tries again once that sender is done), -1 when
+    // shutdown(2) failed (errno kept; the side counts as shut down all the same). Owner's
+    // thread; the owner's corked packets must have been flushed first. Reset reopens it.
+    int ShutdownSendIfIdle();
+    // Whether ShutdownSendIfIdle shut the sending side down. Any thread (relaxed read).
+    bool IsSendShutDown() const { return m_tx_shut; }
+
     // Writes one whole packet, straight from `buf` when the socket is known writable
     // (EPOLLOUT in m_events) and nothing is queued; what the socket does not take is
     // copied into pool blocks reserved before the write and queued ahead of anything else.
@@ -477,7 +494,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // With `arm` false, a queue that was empty is not armed for writability: the caller has
     // promised a flush (SendToQCorked); the packet is then the owner's corked one, and the
     // queue's last block becomes its cork block.
-    void PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false,
+    // Returns false, queueing nothing (the blocks stay in `list`), when a push at the end
+    // of the queue meets a sending side the owner has shut down (ShutdownSendIfIdle).
+    bool PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead = false,
                    bool arm = true);
     int SendToQImpl(const char* buf, unsigned int len, LogCategory* log_cat, bool arm);
     // Copies a packet that fits in the room left in the queue's last block straight into
@@ -600,6 +619,13 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // under m_tx_mutex. A direct write must not start while it is set: the detached tail may
     // hold the rest of a packet whose start is already on the wire.
     Relaxed<bool> m_tx_tail_detached{false};
+    // A PushSendQ at the end of the queue is under way (from its first m_tx_mutex section to
+    // its merge), detached tail or not: its packet is accepted but not yet in the queue.
+    // Written under m_tx_mutex (pushes are serialised by m_push_send_queue_mutex).
+    Relaxed<bool> m_tx_push_active{false};
+    // The owner shut the sending side down (ShutdownSendIfIdle). Written under m_tx_mutex;
+    // senders test it under m_tx_mutex before they write or queue. Reset clears it.
+    Relaxed<bool> m_tx_shut{false};
     // Another thread queued a packet behind the cork block (m_tx_cork_block): the owner's
     // next corked packet must follow that one, so it takes the locked way, which moves the
     // cork to the new last block. Set under m_tx_mutex by that thread; cleared under it by

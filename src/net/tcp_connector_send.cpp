@@ -166,10 +166,14 @@ int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* l
         return kSendInvalid;
     }
 
+    if (m_tx_shut) {
+        return kSendShutDown;  // re-checked under the lock by the push below
+    }
     if (RefuseOverQueueLimit(static_cast<int>(len), cat)) {
         return kSendNoRoom;
     }
 
+    // After a shutdown the queue stays empty, so this finds no tail to top up.
     if (AppendToTail(buf, static_cast<int>(len), cat, !arm)) {
         m_is_last_tx_full = false;
         return static_cast<int>(len);
@@ -193,9 +197,9 @@ int CTcpConnector::SendToQImpl(const char* buf, unsigned int len, LogCategory* l
     }
 
     m_is_last_tx_full = false;
-    PushSendQ(buf, static_cast<int>(len), buffer_list, cat, false, arm);
+    bool queued = PushSendQ(buf, static_cast<int>(len), buffer_list, cat, false, arm);
     m_net_buf_mgr->Release(buffer_list);
-    return static_cast<int>(len);
+    return queued ? static_cast<int>(len) : kSendShutDown;
 }
 
 bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat, bool owner_cork) {
@@ -295,7 +299,7 @@ bool CTcpConnector::IsReadingPaused() {
     return m_read_paused;
 }
 
-void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead,
+bool CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCategory* log_cat, bool ahead,
                               bool arm) {
     LogCategory* cat = log_cat != nullptr ? log_cat : m_log_cat;
     QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::PushSendQ(), url=%s, local_url=%s, len=%d, list_size=%d",
@@ -312,6 +316,12 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
     int old_tail_write_pos = 0;
     if (!ahead) {
         AutoLocker locker(&m_tx_mutex);
+        if (m_tx_shut) {
+            return false;  // the owner shut the sending side down: nothing may be started
+        }
+        // From here until the merge the packet counts as being sent (ShutdownSendIfIdle
+        // waits for it). A push `ahead` needs no mark: its caller holds the sending role.
+        m_tx_push_active = true;
         LIST_NODE* tail = m_tx_queue.Tail();
         if (tail != nullptr && arm && tail->pData == m_tx_cork_block) {
             tail = nullptr;  // the owner fills its cork block without the lock: start after it
@@ -351,7 +361,8 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
                 m_tx_queue.Insert(old_tail);
             }
             m_tx_tail_detached = false;
-            return;
+            m_tx_push_active = false;
+            return true;
         }
         NetBuffer* buffer = static_cast<NetBuffer*>(node->pData);
         if (!skip_first) {
@@ -373,9 +384,11 @@ void CTcpConnector::PushSendQ(const char* buf, int len, CBidirList& list, LogCat
     m_tx_queue.Merge(push_list, ahead);
     m_tx_tail_detached = false;
     if (!ahead) {
+        m_tx_push_active = false;
         NoteQueuedAtTailLocked(!arm);  // `arm` false: the owner's corked packet
     }
     StoreTv(m_send_buf_full_tv, 0, 0);  // data went in: the send side is no longer starved
+    return true;
 }
 
 int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat) {
@@ -409,6 +422,9 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
     bool has_queued = false;
     if (!m_is_sending.load()) {
         AutoLocker locker(&m_tx_mutex);
+        if (m_tx_shut) {
+            return kSendShutDown;  // decided under this lock: no write may start after it
+        }
         if (!m_is_sending.load() && (m_events.load() & EPOLLOUT) != 0) {
             m_is_sending.store(true);
             acquire_succ = true;
@@ -498,6 +514,26 @@ int CTcpConnector::Send(const char* buf, unsigned int len, LogCategory* log_cat)
     }
     m_is_last_tx_full = false;
     return static_cast<int>(len);
+}
+
+int CTcpConnector::ShutdownSendIfIdle() {
+    int fd = -1;
+    {
+        AutoLocker locker(&m_tx_mutex);
+        if (!m_tx_shut) {
+            if (m_is_sending.load() || m_tx_push_active || m_tx_tail_detached || !m_tx_queue.IsEmpty()) {
+                return 0;  // a sender is still at work: its packet must reach the wire whole
+            }
+            m_tx_shut = true;
+            fd = m_socket;
+        }
+    }
+    // No sender can start any more, so the descriptor's sending side may go outside the lock.
+    if (fd >= 0 && ::shutdown(fd, SHUT_WR) != 0) {
+        m_write_errno = errno;
+        return -1;
+    }
+    return 1;
 }
 
 bool CTcpConnector::NothingToFlush() const {

@@ -73,6 +73,7 @@ class GroupHandler : public QUOLNET::IConnectorHandler {
         }
         if (m_refuse_some && seq % 7 == 0 && st->refused != seq) {
             st->refused = seq;
+            mgr->Post([mgr, id]() { mgr->ResumeReading(id); });  // offered again next tick
             return false;
         }
         int ret = more ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);

@@ -632,9 +632,9 @@ TEST_F(ConnectorMgrLimitsTest, DefaultLoggingGoesToStderrAndIsRateLimited) {
     fflush(stderr);
     int saved = dup(2);
     ASSERT_EQ(2, dup2(out, 2));
-    // Each call is refused with an ERROR line from the connector.
+    // Each call is refused with an ERROR line from the manager's listener.
     for (int i = 0; i < 100; ++i) {
-        mgr.GetConnector(h.connected[0])->SendToQ(nullptr, 0, nullptr);
+        EXPECT_EQ(-1, mgr.Listen("tcp://not-an-address"));
     }
     fflush(stderr);
     dup2(saved, 2);
@@ -651,6 +651,51 @@ TEST_F(ConnectorMgrLimitsTest, DefaultLoggingGoesToStderrAndIsRateLimited) {
               static_cast<size_t>(2 * CConnectorMgr::kDefaultLogLinesPerSec + 1));  // a second may turn
     EXPECT_NE(std::string::npos, text.find("ERROR [quolnet]"));
     close(fd);
+}
+
+// Regression: the rate limit dropped lines and said how many only when a later line was
+// written, so a storm that ended the log was never counted. The count now follows when its
+// second is over (at the next tick) or when the manager goes.
+TEST_F(ConnectorMgrLimitsTest, DroppedLinesAreCountedEvenWhenNothingFollows) {
+    RecordingEcho h;
+    char path[] = "/tmp/quolnet_stderr_XXXXXX";
+    int out = mkstemp(path);
+    ASSERT_GE(out, 0);
+    fflush(stderr);
+    int saved = dup(2);
+    ASSERT_EQ(2, dup2(out, 2));
+    {
+        ConnectorMgrOptions o = Options();
+        o.log_cat = nullptr;
+        CConnectorMgr mgr(&h, o);
+        ASSERT_EQ(0, mgr.Init());
+        for (int i = 0; i < 100; ++i) {
+            mgr.Listen("tcp://not-an-address");
+        }
+    }
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    std::string text(65536, '\0');
+    ssize_t n = pread(out, &text[0], text.size(), 0);
+    close(out);
+    unlink(path);
+    ASSERT_GT(n, 0);
+    text.resize(static_cast<size_t>(n));
+    // Every refused Listen is one line, written or counted as dropped.
+    size_t written = 0;
+    for (size_t pos = text.find("invalid listen url"); pos != std::string::npos;
+         pos = text.find("invalid listen url", pos + 1)) {
+        ++written;
+    }
+    unsigned long long dropped = 0;
+    for (size_t pos = text.find(" log lines dropped"); pos != std::string::npos;
+         pos = text.find(" log lines dropped", pos + 1)) {
+        size_t start = text.rfind(' ', pos - 1) + 1;
+        dropped += std::stoull(text.substr(start, pos - start));
+    }
+    EXPECT_GT(dropped, 0u) << text;
+    EXPECT_EQ(100u, written + dropped) << text;
 }
 
 }  // namespace

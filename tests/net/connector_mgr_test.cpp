@@ -404,12 +404,16 @@ INSTANTIATE_TEST_SUITE_P(DirectAndCorked, ForeignSendTest, ::testing::Values(fal
 
 // Takes the numbered packets of SequencePackets and checks them and their order. Refuses
 // every packet while `accept` is false, and more than `per_tick` in one tick when that is
-// set (a slow application); replies "done" once `done_at` packets were taken.
+// set (a slow application, which has the connection it paused resumed at the next tick);
+// replies "done" once `done_at` packets were taken.
 class SequenceHandler : public QUOLNET::IConnectorHandler {
   public:
     void OnConnected(CConnectorMgr*, ConnId conn_id, const char*, bool) override { id = conn_id; }
     bool OnPacket(CConnectorMgr* mgr, ConnId conn, const char* data, unsigned int len, bool) override {
         if (!accept || (per_tick > 0 && taken_this_tick >= per_tick)) {
+            if (per_tick > 0) {
+                mgr->Post([mgr, conn]() { mgr->ResumeReading(conn); });  // more next tick
+            }
             return false;
         }
         ++taken_this_tick;
@@ -593,6 +597,7 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
         EXPECT_EQ(0, h.count);
 
         h.accept = true;
+        server.ResumeReading(h.id);  // the refusal paused it: nothing is offered until then
         Pump(server, [&]() { return h.count >= kPackets; });
         EXPECT_EQ(kPackets, h.count);
         EXPECT_EQ(0, h.bad);

@@ -1,9 +1,13 @@
-// CAcceptor: listeners, accept4 and the descriptor-limit pause.
+// CAcceptor: listeners, accept4, the admission gate and the pauses at the limits.
 #include "net/owner/acceptor.h"
 
 #include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "net/owner/owner_log.h"
@@ -49,22 +53,57 @@ void CAcceptor::AcceptReady(size_t idx) {
         return;
     }
     CTcpListener* l = m_listeners[idx].get();
+    int allowed = m_gate != nullptr ? m_gate->Room() : kAcceptBatch;
     for (int i = 0; i < kAcceptBatch; ++i) {
+        if (allowed <= 0) {
+            // At the limit: room for what waits, no more (an unknown queue counts as one,
+            // since the listener was reported readable).
+            int waiting = QueuedCount(l->GetFd());
+            if (waiting == 0) {
+                return;
+            }
+            allowed = m_gate->MakeRoom(std::min(waiting < 0 ? 1 : waiting, kAcceptBatch - i));
+            if (allowed <= 0) {
+                ++m_limit_pause_cnt;
+                Pause(idx);
+                m_gate->OnFull(l->GetURL());
+                return;
+            }
+        }
         std::string peer;
         int fd = l->Accept(&peer);
         if (fd == CTcpListener::ACCEPT_WOULD_BLOCK) {
+            if (m_fd_episode) {
+                m_fd_episode = false;
+                QN_OWNER_LOG(m_log_cat, LOG_PRIORITY_INFO,
+                             "accepting again, url=%s: the queue is drained (%d pauses for descriptors)",
+                             l->GetURL().c_str(), static_cast<int>(m_pause_cnt));
+            }
             return;
         }
         if (fd == CTcpListener::ACCEPT_FD_LIMIT) {
-            Pause(idx);
+            PauseForDescriptors(idx);
             return;
         }
         if (fd < 0) {
             continue;
         }
         ++m_accept_cnt;
+        --allowed;
         m_adopt(fd, peer);
     }
+}
+
+// Connections in the accept queue: for a listening socket the kernel reports them in
+// tcpi_unacked (and the backlog in tcpi_sacked).
+int CAcceptor::QueuedCount(int fd) {
+    struct tcp_info info;
+    memset(&info, 0, sizeof(info));
+    socklen_t len = sizeof(info);
+    if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) != 0 || info.tcpi_state != TCP_LISTEN) {
+        return -1;
+    }
+    return static_cast<int>(std::min<uint32_t>(info.tcpi_unacked, 1u << 30));
 }
 
 void CAcceptor::Pause(size_t idx) {
@@ -76,14 +115,29 @@ void CAcceptor::Pause(size_t idx) {
     ev.data.ptr = m_listeners[idx].get();
     epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_MOD, m_listeners[idx]->GetFd(), &ev);
     m_paused[idx] = true;
-    ++m_pause_cnt;
-    QN_OWNER_LOG(m_log_cat, LOG_PRIORITY_WARN, "accept paused, out of descriptors, url=%s, errno=%d",
-                 m_listeners[idx]->GetURL().c_str(), m_listeners[idx]->GetLastErrno());
     if (m_retry_timer == 0) {
         m_retry_timer = m_loop.AddTimer(kAcceptRetryMs, 0, [this]() {
             m_retry_timer = 0;
             Resume();
         });
+    }
+}
+
+// Out of descriptors: the connection limit leaves too few for what the application holds
+// besides (or none is set). Logged once per episode; every pause is counted.
+void CAcceptor::PauseForDescriptors(size_t idx) {
+    if (m_paused[idx]) {
+        return;
+    }
+    Pause(idx);
+    ++m_pause_cnt;
+    if (!m_fd_episode) {
+        m_fd_episode = true;
+        QN_OWNER_LOG(m_log_cat, LOG_PRIORITY_WARN,
+                     "accept paused, out of descriptors, url=%s, errno=%d; retried when a connection closes "
+                     "(logged once until the queue drains; %d pauses so far)",
+                     m_listeners[idx]->GetURL().c_str(), m_listeners[idx]->GetLastErrno(),
+                     static_cast<int>(m_pause_cnt));
     }
 }
 
@@ -98,8 +152,6 @@ void CAcceptor::Resume() {
         ev.data.ptr = m_listeners[i].get();
         epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_MOD, m_listeners[i]->GetFd(), &ev);
         m_paused[i] = false;
-        QN_OWNER_LOG(m_log_cat, LOG_PRIORITY_INFO, "accept resumed, url=%s",
-                     m_listeners[i]->GetURL().c_str());
     }
 }
 

@@ -1,14 +1,23 @@
-// CAcceptor: a manager's listening sockets, accepting into new connections, and the pause
-// at the descriptor limit.
+// CAcceptor: a manager's listening sockets, accepting into new connections, the admission
+// gate at the connection limit, and the pause at the descriptor limit.
+//
+// Admission: before each accept the acceptor asks its gate (CConnAdmission) how many more
+// connections the manager may hold. At the limit it reads how many connections wait in the
+// listener's queue and asks the gate to make room for that many (within the accept batch);
+// the gate closes connections idle the longest. When the gate can make no room the listener
+// leaves the epoll set (so the level-triggered wait does not spin on a backlog it may not
+// take) and is retried as below.
 //
 // When accept4 fails for want of descriptors (EMFILE, ENFILE) or kernel memory, the
-// listener leaves the epoll set (so the level-triggered wait does not spin on a backlog it
-// cannot take) and comes back when a connection releases its descriptor (Resume, called by
-// the manager) or after kAcceptRetryMs, whichever is first. Each pause is logged once and
-// counted.
+// listener pauses the same way: the last resort, for descriptors the application itself
+// holds. A paused listener comes back when a connection releases its descriptor (Resume,
+// called by the manager) or after kAcceptRetryMs, whichever is first. Every pause is
+// counted; the descriptor pause is logged once per episode, which ends when the listener's
+// queue has been drained (accept would block) again.
 //
 // Threads: the loop thread (or any thread before the loop runs) calls everything, except
-// GetPauseCount, which any thread reads. The adopt function runs on the loop thread.
+// GetPauseCount and GetAcceptCount, which any thread reads. The adopt function and the gate
+// run on the loop thread.
 #pragma once
 
 #include <functional>
@@ -25,16 +34,32 @@ namespace QUOLNET {
 
 class CAcceptor {
   public:
-    static constexpr int kAcceptRetryMs = 200;  // retry of a listener paused at the fd limit
+    static constexpr int kAcceptRetryMs = 200;  // retry of a paused listener
     static constexpr int kAcceptBatch = 256;    // accepts per readiness report and listener
+
+    // What the acceptor asks before it takes connections. Loop thread.
+    class IGate {
+      public:
+        virtual ~IGate() {}
+        // Connections that may be accepted now without closing any (0 at the limit).
+        virtual int Room() = 0;
+        // At the limit, with `waiting` connections in a listener's queue: makes room for up
+        // to that many (closing others). Returns the room made; 0 pauses the listener.
+        virtual int MakeRoom(int waiting) = 0;
+        // The listener at `url` paused because MakeRoom made none.
+        virtual void OnFull(const std::string& url) = 0;
+    };
 
     // `adopt` takes each accepted descriptor (non-blocking, close-on-exec, TCP_NODELAY) and
     // the peer's URL, and owns the descriptor from then on.
     typedef std::function<void(int fd, const std::string& peer)> AdoptFn;
 
-    explicit CAcceptor(CEventLoop& loop) : m_loop(loop), m_log_cat(nullptr), m_retry_timer(0) {}
+    explicit CAcceptor(CEventLoop& loop)
+        : m_loop(loop), m_log_cat(nullptr), m_gate(nullptr), m_retry_timer(0), m_fd_episode(false) {}
     void SetLogCat(LogCategory* cat) { m_log_cat = cat; }
     void SetAdopt(AdoptFn adopt) { m_adopt = std::move(adopt); }
+    // The admission gate (not owned); null admits everything.
+    void SetGate(IGate* gate) { m_gate = gate; }
 
     // Listens on `url` (SO_REUSEPORT when `reuse_port`) and adds the listener to the loop's
     // epoll. Returns the bound port, -1 for a malformed URL, -2 when the socket cannot
@@ -49,23 +74,33 @@ class CAcceptor {
     // Puts paused listeners back into the epoll set.
     void Resume();
     void CloseAll();
+    // Pauses at the descriptor limit, and at the connection limit with no room made.
     int GetPauseCount() const { return m_pause_cnt; }
+    uint64_t GetLimitPauseCount() const { return m_limit_pause_cnt; }
     uint64_t GetAcceptCount() const { return m_accept_cnt; }
 
     // Raises the soft descriptor limit to the hard one (logged when it changes or cannot).
     static void RaiseFdLimit(LogCategory* cat);
+    // Connections waiting in the queue of listening socket `fd` (TCP_INFO), or -1 when the
+    // kernel does not say.
+    static int QueuedCount(int fd);
 
   private:
+    // Takes listener `idx` out of the epoll set until Resume; arms the retry timer.
     void Pause(size_t idx);
+    void PauseForDescriptors(size_t idx);
 
     CEventLoop& m_loop;
     LogCategory* m_log_cat;
     AdoptFn m_adopt;
+    IGate* m_gate;
     std::vector<std::unique_ptr<CTcpListener>> m_listeners;
     std::vector<bool> m_paused;
     uint64_t m_retry_timer;
-    Relaxed<int> m_pause_cnt;        // written by the loop thread, read by any
-    Relaxed<uint64_t> m_accept_cnt;  // descriptors accepted; written by the loop thread
+    bool m_fd_episode;                    // paused for descriptors since the queue last drained
+    Relaxed<int> m_pause_cnt;             // descriptor pauses; written by the loop thread, read by any
+    Relaxed<uint64_t> m_limit_pause_cnt;  // connection-limit pauses; likewise
+    Relaxed<uint64_t> m_accept_cnt;       // descriptors accepted; written by the loop thread
 };
 
 }  // namespace QUOLNET

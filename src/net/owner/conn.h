@@ -6,10 +6,21 @@
 //
 //   Dial ---> CONNECTING --connected--> ESTABLISHED --peer's end / Close--> DRAINING
 //               |    ^                     |                                    |
-//          failed|    |redial              |reset, error, limit,   flushed; SHUT_WR
-//               v    |                     |Abort                               v
+//          failed|    |redial              |reset, error, limit,      idle sender; SHUT_WR
+//               v    |                     |Abort, eviction                     v
 //             WAIT_RETRY <--reconnect-- CLOSING <---------- peer's end ---- LINGER
 //                                        (socket gone; offers what is left)
+//
+//   DRAINING ends ("idle sender") only when the ring is done, no reply is corked, no hold
+//   is left (HoldOpen, after the peer's end) and the connector finds nothing being sent:
+//   no thread holds its sending role, no push is under way, the queue is empty. That is
+//   decided under the connector's send lock (ShutdownSendIfIdle), so a Send that returned
+//   before it is on the wire whole, and one after it gets kSendClosing. A foreign Send or
+//   ReleaseHold on a draining connection asks the loop to look again (Recheck), so a drain
+//   that another thread finishes ends without a socket event.
+//   Pausing (PauseReading, or a packet the handler refused) is not a state: an
+//   ESTABLISHED, DRAINING or CLOSING connection with `app_paused` neither reads nor offers
+//   packets until ResumeReading.
 //
 //   accepted connections start in ESTABLISHED; CLOSING ends in OnClosed (and a redial for
 //   a dialled connection with reconnect), the record then goes to the graveyard.
@@ -21,6 +32,7 @@
 // fields, which foreign Sends set.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -81,18 +93,28 @@ struct OwnedConn {
     bool was_established = false;       // OnConnected was reported for the current socket
     bool close_requested = false;       // Abort(id) or a failed Send: close at once
     bool graceful = false;              // Close(id): drain, shut down, linger, close
-    bool refused = false;               // the handler refused a packet; re-offer later
+    bool refused = false;               // the handler refused a packet in this offer
+    bool app_paused = false;            // PauseReading or a refused packet: no reading, no offers
+    bool paused_for_room = false;       // paused by a packet refused after a kSendNoRoom: room resumes it
     bool in_work = false;               // already queued for this tick
     bool starved = false;               // in the manager's list of connections waiting for a block
     bool corked = false;                // in the manager's corked list
     bool too_large_logged = false;      // kSendTooLarge was logged for this connection
+    Relaxed<bool> bad_send_logged;      // a Send whose header disagreed with its length was logged
     Relaxed<bool> want_room;            // a Send returned kSendNoRoom; OnWritable is due
     int attempt = 0;                    // connect attempts since the last success
     int backoff_ms = 0;
     uint64_t timer_id = 0;      // retry or connect-timeout timer
     bool dead = false;          // finalised or moved away; freed at the end of the tick
     Relaxed<bool> send_failed;  // set by any thread when Send failed
-    CloseInfo close_info;       // why it ends; the first cause recorded wins
+    // Replies the application still owes after the peer's end of stream (HoldOpen minus
+    // ReleaseHold); any thread, under CConnTable's lock shared (or on the loop thread).
+    std::atomic<int> holds{0};
+    // In DRAINING: a foreign Send or ReleaseHold asks the loop to look at the drain again.
+    // Set by the loop before its first look; read by those threads after they are done.
+    std::atomic<bool> draining{false};
+    std::atomic<bool> recheck{false};  // a recheck is already asked for (deduplicates)
+    CloseInfo close_info;              // why it ends; the first cause recorded wins
     bool close_info_set = false;
     ConnProgress progress;         // what the limit sweep has seen (loop thread)
     int64_t linger_until_ms = 0;   // LINGER ends by then

@@ -33,13 +33,20 @@ int CConnLimits::SweepPeriodMs() const {
     return period;
 }
 
+bool CConnLimits::OwesReplies(const OwnedConn* c) {
+    return c->state == CONN_DRAINING && !c->graceful && c->holds.load() > 0;
+}
+
 // Updates what the sweep knows of a connection's progress.
 void CConnLimits::Track(OwnedConn* c, int64_t now) {
     CTcpConnector* k = c->connector.get();
     int64_t tx = k->GetSentBytes();
     int64_t rx = k->GetRecvBytes();
     long packets = k->GetRecvPacketCount();
-    if (tx != c->progress.tx_bytes_seen || k->GetSendQCount() == 0) {
+    // An empty queue is progress, unless the application still owes replies to a peer that
+    // has ended its stream: then the stall counts from the last byte written.
+    bool owes = OwesReplies(c);
+    if (tx != c->progress.tx_bytes_seen || (k->GetSendQCount() == 0 && !owes)) {
         c->progress.tx_progress_ms = now;
     }
     if (tx != c->progress.tx_bytes_seen || rx != c->progress.rx_bytes_seen) {
@@ -60,6 +67,9 @@ void CConnLimits::Track(OwnedConn* c, int64_t now) {
 }
 
 bool CConnLimits::IsStalled(const OwnedConn* c, int64_t now) const {
+    if (c->app_paused) {
+        return false;  // the application's stall, not the peer's: never shed
+    }
     bool tx_stalled =
         c->connector->GetSendQCount() > 0 && now - c->progress.tx_progress_ms >= kPressureGraceMs;
     bool rx_stalled =
@@ -95,9 +105,12 @@ void CConnLimits::Sweep(int64_t now) {
         CTcpConnector* k = c->connector.get();
         if (c->state == CONN_LINGER && now >= c->linger_until_ms) {
             due.push_back(Due{c, CloseLimit::kNone, ""});
-        } else if (m_mgr.m_options.send_stall_ms > 0 && k->GetSendQCount() > 0 &&
+        } else if (m_mgr.m_options.send_stall_ms > 0 && (k->GetSendQCount() > 0 || OwesReplies(c)) &&
                    now - c->progress.tx_progress_ms >= m_mgr.m_options.send_stall_ms) {
-            due.push_back(Due{c, CloseLimit::kSendStall, "send queue not shrinking"});
+            due.push_back(Due{c, CloseLimit::kSendStall,
+                              k->GetSendQCount() > 0 ? "send queue not shrinking" : "held replies not sent"});
+        } else if (c->app_paused) {
+            continue;  // paused by the application: no packet or idle deadline runs
         } else if (m_mgr.m_options.packet_deadline_ms > 0 && c->state == CONN_ESTABLISHED &&
                    c->progress.partial_since_ms != 0 &&
                    now - c->progress.partial_since_ms >= m_mgr.m_options.packet_deadline_ms) {
@@ -118,6 +131,7 @@ void CConnLimits::Sweep(int64_t now) {
             CloseForLimit(d.conn, d.limit, d.detail);
         }
     }
+    m_mgr.m_admission.Observe(now);  // ends a connection-limit episode once the count stays below
 }
 
 void CConnLimits::RelievePressure(int64_t now) {
@@ -208,6 +222,10 @@ void CConnLimits::NotifyRoom() {
     }
     m_want_room.resize(kept);
     for (ConnId id : ready) {
+        OwnedConn* c = m_mgr.m_table.Find(id);
+        if (c != nullptr && c->app_paused && c->paused_for_room) {
+            m_mgr.SetPausedNow(id, false);  // it refused a packet for want of room: offer it again
+        }
         if (m_mgr.m_handler != nullptr) {
             m_mgr.m_handler->OnWritable(&m_mgr, id);
         }

@@ -42,11 +42,15 @@ class CConnLimits {
     // A Send to `id` was refused for want of room; OnWritable follows once there is.
     void WantRoom(ConnId id, bool on_loop);
     static bool HasSocket(const OwnedConn* conn);
+    // Brings what the sweep knows of a connection's progress up to date (CConnAdmission
+    // does so for its candidates before it chooses the longest idle).
+    void Track(OwnedConn* c, int64_t now);
+    // A drain after the peer's end that waits for replies the application holds open.
+    static bool OwesReplies(const OwnedConn* conn);
     unsigned int PoolFree() const;
 
   private:
     int SweepPeriodMs() const;
-    void Track(OwnedConn* c, int64_t now);
     bool IsStalled(const OwnedConn* c, int64_t now) const;
     void CloseForLimit(OwnedConn* c, CloseLimit limit, const char* detail);
 

@@ -34,6 +34,8 @@ OwnedConn* CConnMover::MakeCopy(CConnectorMgr& from, OwnedConn* c, CConnectorMgr
     n->dial = c->dial;
     n->was_established = c->was_established;
     n->refused = c->refused;
+    n->app_paused = c->app_paused;
+    n->paused_for_room = c->paused_for_room;
     n->too_large_logged = c->too_large_logged;
     n->want_room = c->want_room.load();
     n->progress = c->progress;
@@ -62,6 +64,9 @@ bool CConnMover::MoveOut(CConnectorMgr& from, ConnId id, CConnectorMgr& to) {
     }
     {
         auto lock = from.m_table.Lock();
+        // Other threads change the hold count under the table lock held shared, so it is
+        // exact here.
+        n->holds.store(c->holds.load());
         int ret = n->connector->CopyFrom(*k);
         if (ret != 0) {
             QN_OWNER_LOG(from.LogCat(), LOG_PRIORITY_WARN, "move of %llu refused: CopyFrom() returned %d",
@@ -93,7 +98,10 @@ void CConnMover::Adopt(CConnectorMgr& to, OwnedConn* n) {
     // been drained while bytes wait unframed in the block (framing stopped at a full ring)
     // or queued bytes wait for writability: the first tick on this loop tries both, and
     // level-triggered epoll reports the rest.
-    n->connector->SetEvent(EPOLLIN | EPOLLOUT);
+    n->connector->SetEvent(n->app_paused ? EPOLLOUT : EPOLLIN | EPOLLOUT);
+    if (n->app_paused) {
+        n->connector->PauseReading(true);  // the application's pause travels with it
+    }
     to.Queue(n);
 }
 

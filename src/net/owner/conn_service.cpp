@@ -11,6 +11,7 @@ namespace QUOLNET {
 
 void CConnService::SetState(OwnedConn* c, ConnState state) {
     c->state = state;
+    c->draining.store(state == CONN_DRAINING);  // before the drain's first look (EndDrain)
     switch (state) {
         case CONN_ESTABLISHED:
         case CONN_DRAINING:
@@ -73,7 +74,7 @@ bool CConnService::DeliverAndRead(OwnedConn* c) {
     CTcpConnector* k = c->connector.get();
     for (int rounds = 0;; ++rounds) {
         int n = Deliver(c);
-        if (c->refused || n == 0 || k->GetStatus() != CONNECTOR_STATUS_CONNECTED) {
+        if (c->app_paused || n == 0 || k->GetStatus() != CONNECTOR_STATUS_CONNECTED) {
             return false;
         }
         if (rounds >= 16) {
@@ -103,18 +104,24 @@ void CConnService::ServiceEstablished(OwnedConn* c) {
         EnterDraining(c);
         return;
     }
+    if (c->app_paused) {
+        // The application paused it (or refused a packet): nothing is read or offered, and
+        // nothing is retried, until ResumeReading queues it again.
+        k->PauseReading(true);
+        return;
+    }
     // EPOLLIN still set without the round limit means reading stopped before the socket ran
-    // dry and cannot go on now (a full ring behind a refusing handler, no block, a big
-    // packet's next block). The level-triggered wait would report those bytes on every tick
-    // and spin, so EPOLLIN leaves the registration and the connection is retried from the
-    // pending list instead; reading resumes once a read reaches would-block again.
+    // dry and cannot go on now (no block, a big packet's next block). The level-triggered
+    // wait would report those bytes on every tick and spin, so EPOLLIN leaves the
+    // registration and the connection is retried from the pending list instead; reading
+    // resumes once a read reaches would-block again.
     bool stalled = !round_limit && (k->GetEvent() & EPOLLIN) != 0;
     k->PauseReading(stalled);  // a failed change is applied with the next registration
-    if (stalled && !c->refused && !k->IsWaitAllocBigBuffer() && k->IsRecvStarved()) {
+    if (stalled && !k->IsWaitAllocBigBuffer() && k->IsRecvStarved()) {
         // No block for the next read: polling it every tick would spin while the pool is
         // empty; it waits for blocks instead (a reset is still reported by epoll).
         m_mgr.Starve(c);
-    } else if (c->refused || k->IsWaitAllocBigBuffer() || stalled) {
+    } else if (k->IsWaitAllocBigBuffer() || stalled) {
         m_mgr.Retry(c);
     }
 }
@@ -160,10 +167,7 @@ void CConnService::ServiceDraining(OwnedConn* c) {
     if (c->graceful) {
         DropRing(c);
     } else {
-        Deliver(c);
-        if (c->refused) {
-            m_mgr.Retry(c);
-        }
+        Deliver(c);  // a refusal pauses it: ResumeReading brings it back
     }
     if (c->state == CONN_DRAINING) {
         EndDrain(c);
@@ -172,14 +176,25 @@ void CConnService::ServiceDraining(OwnedConn* c) {
     }
 }
 
-// DRAINING -> LINGER (or CLOSING) once the ring is done and nothing is left to send.
+// DRAINING -> LINGER (or CLOSING) once the ring is done, no reply is owed and nothing is
+// being sent. What brings a drain that cannot end yet back here: writability (a queue the
+// loop flushes), the corked flush, ResumeReading (a paused ring), ReleaseHold and the end
+// of a foreign Send (Recheck), or the sweep's send-stall deadline.
 void CConnService::EndDrain(OwnedConn* c) {
     CTcpConnector* k = c->connector.get();
-    bool ring_done = c->graceful || (k->GetPacketInfoCnt() == 0 && !c->refused);
-    if (!ring_done || c->corked || k->GetSendQCount() != 0) {
-        return;  // writability, the corked flush or the re-offer brings it back
+    bool ring_done = c->graceful || k->GetPacketInfoCnt() == 0;
+    if (!ring_done || c->corked) {
+        return;
     }
-    ::shutdown(c->fd, SHUT_WR);
+    if (!c->graceful && c->holds.load() > 0) {
+        return;  // the application still owes replies (HoldOpen)
+    }
+    // Decided under the connector's send lock: a sender at work (its role, a push, a queue)
+    // keeps the side open, and none can start once it is shut. A failed shutdown(2) (the
+    // peer has reset) is left to the reads and writes that follow to report.
+    if (k->ShutdownSendIfIdle() == 0) {
+        return;
+    }
     if (k->IsPeerClosed()) {
         BeginClose(c);
         return;
@@ -190,8 +205,8 @@ void CConnService::EndDrain(OwnedConn* c) {
 
 void CConnService::BeginClose(OwnedConn* c) {
     CTcpConnector* k = c->connector.get();
-    if (c->close_requested && !c->graceful) {
-        SetCloseInfo(c, CloseReason::kClosedLocally, 0);
+    if (c->close_requested) {
+        SetCloseInfo(c, CloseReason::kClosedLocally, 0);  // Abort, after a Close or not
     }
     SetCloseInfoFromConnector(c);
     if (k->GetStatus() != CONNECTOR_STATUS_DISCONNECTED) {
@@ -202,6 +217,12 @@ void CConnService::BeginClose(OwnedConn* c) {
         m_mgr.m_loop.CancelTimer(c->timer_id);
         c->timer_id = 0;
     }
+    if (c->paused_for_room) {
+        // Paused until room comes back, which it never will now: what is left is offered
+        // (a reply the handler tries meets kSendClosing).
+        c->app_paused = false;
+        c->paused_for_room = false;
+    }
     SetState(c, CONN_CLOSING);
     ServiceClosing(c);
 }
@@ -211,9 +232,7 @@ void CConnService::ServiceClosing(OwnedConn* c) {
     Deliver(c);
     if (c->close_requested || c->graceful || c->connector->GetPacketInfoCnt() == 0) {
         FinishClose(c);
-    } else {
-        m_mgr.Retry(c);  // the handler refused a packet: offered again next tick
-    }
+    }  // else the handler refused a packet: ResumeReading offers it again
 }
 
 // CLOSING -> gone (OnClosed), or -> WAIT_RETRY for a dialled connection that reconnects.
@@ -226,6 +245,7 @@ void CConnService::FinishClose(OwnedConn* c) {
     CloseInfo info = c->close_info;
     info.reconnecting = reconnect;
     m_mgr.m_stats.CountClose(info);
+    LogEnd(c, info);
     c->was_established = false;
     c->refused = false;
     c->send_failed = false;
@@ -237,6 +257,21 @@ void CConnService::FinishClose(OwnedConn* c) {
     }
     if (report && m_mgr.m_handler != nullptr) {
         m_mgr.m_handler->OnClosed(&m_mgr, id, info);
+    }
+}
+
+// One line for an end an operator should hear of and that nothing else has logged: a peer
+// whose bytes the parser refused (WARN), a socket error or a reset (INFO). Limits are logged
+// where they are decided, ordinary ends not at all.
+void CConnService::LogEnd(const OwnedConn* c, const CloseInfo& info) {
+    unsigned long long id = static_cast<unsigned long long>(c->id);
+    if (info.reason == CloseReason::kFramingError) {
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_WARN,
+                     "closing connection %llu, url=%s: %s (parser code %d)", id, c->url.c_str(),
+                     CloseReasonName(info.reason), info.error);
+    } else if (info.reason == CloseReason::kIoError || info.reason == CloseReason::kReset) {
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_INFO, "connection %llu ended, url=%s: %s (errno %d)", id,
+                     c->url.c_str(), CloseReasonName(info.reason), info.error);
     }
 }
 
@@ -270,8 +305,16 @@ void CConnService::SetCloseInfoFromConnector(OwnedConn* c) {
         SetCloseInfo(c, CloseReason::kPeerClosed, 0);
     } else if (ret == CTcpConnector::kParseTooLong) {
         SetCloseInfo(c, CloseReason::kLimit, ret, CloseLimit::kPacketTooLong);
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_WARN,
+                     "closing connection %llu, url=%s: %s limit (a packet announced longer than %u bytes)",
+                     static_cast<unsigned long long>(c->id), c->url.c_str(),
+                     CloseLimitName(CloseLimit::kPacketTooLong), m_mgr.m_options.max_packet_len);
     } else if (ret == CTcpConnector::kParseOverRxCap) {
         SetCloseInfo(c, CloseReason::kLimit, ret, CloseLimit::kRecvBlocks);
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_WARN,
+                     "closing connection %llu, url=%s: %s limit (a packet that needs more than %u blocks)",
+                     static_cast<unsigned long long>(c->id), c->url.c_str(),
+                     CloseLimitName(CloseLimit::kRecvBlocks), m_mgr.m_options.max_recv_blocks);
     } else {
         SetCloseInfo(c, CloseReason::kFramingError, ret);
     }
@@ -285,7 +328,7 @@ int CConnService::RecvCallback(const char* url, const char* data, int len, void*
         return 1;  // delivery has ended: the packet is dropped
     }
     // Keep arrival order: while packets wait in the ring, later ones queue behind them.
-    if (c->refused || c->connector->GetPacketInfoCnt() > 0 || mgr->m_handler == nullptr) {
+    if (c->app_paused || c->connector->GetPacketInfoCnt() > 0 || mgr->m_handler == nullptr) {
         return 0;
     }
     mgr->m_delivering = c;
@@ -296,6 +339,9 @@ int CConnService::RecvCallback(const char* url, const char* data, int len, void*
         return 1;
     }
     c->refused = true;
+    c->app_paused = true;  // the packet waits in the ring for ResumeReading
+    c->paused_for_room = c->want_room;
+    c->connector->PauseReading(true);
     return 0;
 }
 
@@ -306,7 +352,7 @@ int CConnService::Deliver(OwnedConn* c) {
     // Only framing adds packets, and it runs on this thread outside Deliver; so the count
     // taken once here only falls, by one per Drop, while the handler is offered packets.
     int left = k->GetPacketInfoCnt();
-    while (!c->close_requested && !c->graceful && left > 0) {
+    while (!c->close_requested && !c->graceful && !c->app_paused && left > 0) {
         const char* buf = nullptr;
         unsigned int len = 0;
         int ret = k->Peek(&buf, len, nullptr);
@@ -326,6 +372,13 @@ int CConnService::Deliver(OwnedConn* c) {
         m_mgr.m_delivering = nullptr;
         if (!taken) {
             c->refused = true;
+            c->app_paused = true;  // no re-offer until ResumeReading (or room, see below)
+            // A handler that refuses because its reply found no room (kSendNoRoom) is resumed
+            // when there is room again, just before OnWritable.
+            c->paused_for_room = c->want_room;
+            if (c->fd >= 0) {
+                k->PauseReading(true);
+            }
             break;
         }
         k->Drop();

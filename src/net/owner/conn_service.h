@@ -8,7 +8,8 @@
 // closes for a limit come from CConnLimits through BeginClose.
 //
 // Delivery: Deliver offers the ring's packets in order and stops when the handler refuses
-// one (re-offered on a later tick) or when delivery has ended (Close, Abort). In callback
+// one (the connection is then paused until ResumeReading) or when delivery has ended
+// (Close, Abort). In callback
 // mode RecvCallback offers packets while the connector frames them, and keeps arrival
 // order by queueing behind anything already waiting in the ring.
 //
@@ -51,6 +52,7 @@ class CConnService {
     void DropRing(OwnedConn* c);
     void RetryBigWait(OwnedConn* c);
     void SetCloseInfoFromConnector(OwnedConn* c);
+    void LogEnd(const OwnedConn* c, const CloseInfo& info);
 
     CConnectorMgr& m_mgr;
 };

@@ -50,6 +50,7 @@ int CConnectorGroup::Init() {
             return -1;
         }
         mgr->JoinGroup(this, i);
+        mgr->m_admission.JoinGroup(n, &m_sources);
         if (mgr->Init() != 0) {
             m_loops.clear();
             return -1;
@@ -72,6 +73,7 @@ int CConnectorGroup::Listen(const char* url, int backlog) {
     if (port == -3) {
         // One acceptor hands the connections out round-robin.
         first.m_acceptor.SetAdopt([this](int fd, const std::string& peer) { Dispatch(fd, peer); });
+        first.m_acceptor.SetGate(nullptr);  // each receiving loop makes room for itself
         m_reuse_port_active = false;
         return first.m_acceptor.Listen(url, backlog, false);
     }
@@ -96,11 +98,15 @@ std::string CConnectorGroup::GetListenURL() const {
 void CConnectorGroup::Dispatch(int fd, const std::string& peer) {
     unsigned int turn = m_next_accept_loop.fetch_add(1) % static_cast<unsigned int>(m_loops.size());
     if (turn == 0) {
+        m_loops[0]->m_admission.MakeRoomForHandOut();
         m_loops[0]->AdoptAccepted(fd, peer);
         return;
     }
     CConnectorMgr* to = m_loops[turn].get();
-    to->Post([to, fd, peer]() { to->AdoptAccepted(fd, peer); });
+    to->Post([to, fd, peer]() {
+        to->m_admission.MakeRoomForHandOut();
+        to->AdoptAccepted(fd, peer);
+    });
 }
 
 int CConnectorGroup::Start() {
@@ -233,6 +239,56 @@ void CConnectorGroup::CloseRouted(ConnId id, bool graceful, int from_loop) {
     }
     CConnectorMgr* mgr = m_loops[static_cast<size_t>(loop)].get();
     mgr->Post([mgr, id, graceful]() { mgr->CloseNow(id, graceful); });
+}
+
+void CConnectorGroup::PauseRouted(ConnId id, bool paused, int from_loop) {
+    int loop = LoopOf(id);
+    if (loop < 0 || loop == from_loop) {
+        return;  // no such connection (any more)
+    }
+    CConnectorMgr* mgr = m_loops[static_cast<size_t>(loop)].get();
+    mgr->Post([mgr, id, paused]() { mgr->SetPausedNow(id, paused); });
+}
+
+void CConnectorGroup::PauseReading(ConnId id) {
+    PauseRouted(id, true, -1);
+}
+
+void CConnectorGroup::ResumeReading(ConnId id) {
+    PauseRouted(id, false, -1);
+}
+
+// As SendRouted: a miss that follows a move is retried on the connection's new loop; a
+// connection between loops is waited for (its count travels with it).
+bool CConnectorGroup::HoldRouted(ConnId id, int delta) {
+    for (int attempt = 0; attempt < 256; ++attempt) {
+        if (attempt >= 8) {
+            std::this_thread::yield();
+        }
+        uint64_t epoch = m_route_epoch.load();
+        Route r;
+        bool routed = FindRoute(id, &r);
+        if (routed && r.transit != nullptr) {
+            continue;
+        }
+        int loop = routed ? r.loop : HomeLoop(id);
+        if (loop < 0) {
+            return false;
+        }
+        bool done = m_loops[static_cast<size_t>(loop)]->AdjustHold(id, delta, true);
+        if (done || m_route_epoch.load() == epoch) {
+            return done;
+        }
+    }
+    return false;
+}
+
+bool CConnectorGroup::HoldOpen(ConnId id) {
+    return HoldRouted(id, 1);
+}
+
+void CConnectorGroup::ReleaseHold(ConnId id) {
+    HoldRouted(id, -1);
 }
 
 void CConnectorGroup::Close(ConnId id) {

@@ -23,6 +23,35 @@ struct CConnectorMgr::LogLimiter {
     int64_t second = 0;
     int lines = 0;
     uint64_t dropped = 0;
+    std::atomic<bool> has_dropped{false};  // dropped > 0; read by the loop without the mutex
+
+    static void Stamp(char* out, size_t len) {
+        time_t t = time(nullptr);
+        struct tm tm_buf;
+        strftime(out, len, "%Y-%m-%d %H:%M:%S", localtime_r(&t, &tm_buf));
+    }
+    static void WriteDropped(const char* category, uint64_t count) {
+        char stamp[32];
+        Stamp(stamp, sizeof(stamp));
+        fprintf(stderr, "%s WARN [%s] %llu log lines dropped (more than %d a second)\n", stamp, category,
+                static_cast<unsigned long long>(count), kDefaultLogLinesPerSec);
+    }
+
+    // Says how many lines were dropped once their second is over (or at once with `now`
+    // true), so that a storm that ends is still counted when nothing else is logged after it.
+    void FlushDropped(const char* category, bool now) {
+        uint64_t count = 0;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (dropped == 0 || (!now && CEventLoop::NowMs() / 1000 == second)) {
+                return;
+            }
+            count = dropped;
+            dropped = 0;
+            has_dropped.store(false, std::memory_order_relaxed);
+        }
+        WriteDropped(category, count);
+    }
 
     static void Sink(const LogEntry& e, void* arg) {
         LogLimiter* self = static_cast<LogLimiter*>(arg);
@@ -36,20 +65,19 @@ struct CConnectorMgr::LogLimiter {
             }
             if (self->lines >= kDefaultLogLinesPerSec) {
                 ++self->dropped;
+                self->has_dropped.store(true, std::memory_order_relaxed);
                 return;
             }
             ++self->lines;
             dropped_before = self->dropped;
             self->dropped = 0;
+            self->has_dropped.store(false, std::memory_order_relaxed);
+        }
+        if (dropped_before > 0) {
+            WriteDropped(e.category, dropped_before);
         }
         char stamp[32];
-        time_t t = time(nullptr);
-        struct tm tm_buf;
-        strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", localtime_r(&t, &tm_buf));
-        if (dropped_before > 0) {
-            fprintf(stderr, "%s WARN [%s] %llu log lines dropped (more than %d a second)\n", stamp,
-                    e.category, static_cast<unsigned long long>(dropped_before), kDefaultLogLinesPerSec);
-        }
+        Stamp(stamp, sizeof(stamp));
         fprintf(stderr, "%s %s [%s] %s:%d %s: %s\n", stamp, log_priority_name(e.priority), e.category, e.file,
                 e.line, e.function, e.text);
     }
@@ -60,11 +88,13 @@ CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptio
       m_options(options),
       m_pool(nullptr),
       m_parser(nullptr),
+      m_send_check(nullptr),
       m_initialised(false),
       m_acceptor(m_loop),
       m_dialler(*this),
       m_service(*this),
       m_limits(*this),
+      m_admission(*this),
       m_delivering(nullptr),
       m_stop(false),
       m_stats_requested(false),
@@ -74,6 +104,7 @@ CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptio
       m_reuse_port(false) {
     memset(m_last_err, 0, sizeof(m_last_err));
     m_acceptor.SetAdopt([this](int fd, const std::string& peer) { AdoptAccepted(fd, peer); });
+    m_acceptor.SetGate(&m_admission);
 }
 
 CConnectorMgr::~CConnectorMgr() {
@@ -95,6 +126,13 @@ CConnectorMgr::~CConnectorMgr() {
     m_graveyard.clear();
     m_acceptor.CloseAll();
     m_loop.Close();
+    FlushDroppedLog(true);
+}
+
+void CConnectorMgr::FlushDroppedLog(bool now) {
+    if (m_log_limiter != nullptr && m_log_limiter->has_dropped.load(std::memory_order_relaxed)) {
+        m_log_limiter->FlushDropped(m_default_log->m_name, now);
+    }
 }
 
 int CConnectorMgr::Init() {
@@ -116,6 +154,7 @@ int CConnectorMgr::Init() {
         CAcceptor::RaiseFdLimit(LogCat());
     }
     m_acceptor.SetLogCat(LogCat());
+    m_admission.Init();  // after the raise: the derived limit reads the soft descriptor limit
     if (InitResources() != 0) {
         return -1;
     }
@@ -156,6 +195,12 @@ int CConnectorMgr::InitResources() {
         m_own_parser.reset(new (std::nothrow) CLengthPrefixParser(0x7fffffffu));
         m_parser = m_own_parser.get();
     }
+    // Sends are checked against the framing when the application names an outgoing
+    // parser, or when the framing is the manager's own length prefix (requests and replies
+    // then share it); a custom receive parser alone says nothing about replies.
+    m_send_check = m_options.send_parser != nullptr ? m_options.send_parser
+                   : m_options.parser == nullptr    ? m_parser
+                                                    : nullptr;
     m_combine_buf.reset(new (std::nothrow) char[m_options.max_packet_len]);
     m_cb_combine_buf.reset(new (std::nothrow) char[m_options.max_packet_len]);
     if (m_pool == nullptr || m_parser == nullptr || m_combine_buf == nullptr || m_cb_combine_buf == nullptr) {
@@ -166,6 +211,7 @@ int CConnectorMgr::InitResources() {
         m_own_pool.reset();
         m_parser = nullptr;
         m_own_parser.reset();
+        m_send_check = nullptr;
         m_combine_buf.reset();
         m_cb_combine_buf.reset();
         errno = ENOMEM;
@@ -194,7 +240,7 @@ OwnedConn* CConnectorMgr::NewConn(const char* url) {
         m_combine_buf.get(), static_cast<int>(m_options.max_packet_len), m_cb_combine_buf.get(),
         static_cast<int>(m_options.max_packet_len), m_last_err, m_pool, m_options.max_send_blocks,
         m_options.max_recv_blocks, m_options.use_recv_callback ? &CConnService::RecvCallback : nullptr, c));
-    c->connector->SetLogCat(m_options.log_cat);
+    c->connector->SetLogCat(m_options.connector_log_cat);
     // The peer's end of stream stops reading only; replies are flushed before the close.
     c->connector->SetKeepWritingAfterPeerClose(true);
     // The loop thread both reads and consumes (connectors are handed out on the loop thread
@@ -204,12 +250,17 @@ OwnedConn* CConnectorMgr::NewConn(const char* url) {
 }
 
 void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer) {
+    if (!m_admission.AdmitSource(peer)) {
+        ::close(fd);  // over max_connections_per_source: counted and logged by the admission
+        return;
+    }
     OwnedConn* c = NewConn(peer.c_str());
     c->accepted = true;
     if (c->connector->Init(peer.c_str(), m_parser, GetEpollFd(), fd) != 0) {
         QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR,
                      "CTcpConnector::Init() failed for an accepted socket, url=%s, fd=%d", peer.c_str(), fd);
         ::close(fd);
+        m_admission.SourceReleased(peer);
         delete c;
         return;
     }
@@ -242,6 +293,9 @@ void CConnectorMgr::ReleaseFd(OwnedConn* c) {
         }
     }
     if (released) {
+        if (c->accepted) {
+            m_admission.SourceReleased(c->url);  // counted per source from AdoptAccepted on
+        }
         m_acceptor.Resume();
     }
 }
@@ -305,6 +359,123 @@ void CConnectorMgr::Abort(ConnId id) {
     Post([this, id]() { CloseNow(id, false); });
 }
 
+void CConnectorMgr::SetPausedNow(ConnId id, bool paused) {
+    OwnedConn* c = m_table.Find(id);
+    if (c == nullptr) {
+        if (m_group != nullptr) {
+            m_group->PauseRouted(id, paused, m_loop_index);  // it moved to another loop
+        }
+        return;
+    }
+    if (c->dead || c->app_paused == paused) {
+        return;
+    }
+    c->app_paused = paused;
+    c->paused_for_room = false;
+    if (c->fd >= 0) {
+        // A failed change is applied with the next change of the registration.
+        c->connector->PauseReading(paused);
+    }
+    if (!paused) {
+        // Bytes may wait in the socket since the pause, and packets in the ring: read and
+        // offer at once (a read that finds nothing just meets would-block).
+        c->refused = false;
+        c->connector->SetEvent(EPOLLIN);
+        Queue(c);
+    }
+}
+
+void CConnectorMgr::PauseReading(ConnId id) {
+    if (OnLoopThread()) {
+        SetPausedNow(id, true);
+        return;
+    }
+    Post([this, id]() { SetPausedNow(id, true); });
+}
+
+void CConnectorMgr::ResumeReading(ConnId id) {
+    if (OnLoopThread()) {
+        SetPausedNow(id, false);
+        return;
+    }
+    Post([this, id]() { SetPausedNow(id, false); });
+}
+
+bool CConnectorMgr::AdjustHold(ConnId id, int delta, bool routed) {
+    const bool on_loop = OnLoopThread();
+    auto lock = m_table.LockShared(!on_loop);
+    OwnedConn* c = m_table.Find(id);
+    if (c == nullptr) {
+        if (m_group == nullptr || routed) {
+            return false;
+        }
+        if (lock.owns_lock()) {
+            lock.unlock();
+        }
+        return m_group->HoldRouted(id, delta);  // served by another loop
+    }
+    if (delta > 0) {
+        if (c->gate != kGateOpen) {
+            return false;  // it no longer accepts replies: nothing to hold open for
+        }
+        c->holds.fetch_add(1);
+        return true;
+    }
+    int left = c->holds.fetch_sub(1) - 1;
+    if (left < 0) {
+        c->holds.fetch_add(1);  // an unmatched release: ignored rather than counted below 0
+        return false;
+    }
+    if (left == 0) {
+        Recheck(c, on_loop);  // a drain may have waited for this reply
+    }
+    return true;
+}
+
+bool CConnectorMgr::HoldOpen(ConnId id) {
+    return AdjustHold(id, 1, false);
+}
+
+void CConnectorMgr::ReleaseHold(ConnId id) {
+    AdjustHold(id, -1, false);
+}
+
+void CConnectorMgr::Recheck(OwnedConn* c, bool on_loop) {
+    if (!c->draining.load()) {
+        return;
+    }
+    if (on_loop) {
+        Queue(c);
+        return;
+    }
+    if (c->recheck.exchange(true)) {
+        return;  // already asked for; the loop clears the mark before it looks
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_recheck_mutex);
+        m_recheck_foreign.push_back(c->id);
+    }
+    m_loop.Wake();
+}
+
+void CConnectorMgr::TakeRechecks() {
+    std::vector<ConnId> ids;
+    {
+        std::lock_guard<std::mutex> lock(m_recheck_mutex);
+        if (m_recheck_foreign.empty()) {
+            return;
+        }
+        ids.swap(m_recheck_foreign);
+    }
+    for (ConnId id : ids) {
+        OwnedConn* c = m_table.Find(id);
+        if (c != nullptr) {
+            c->recheck.store(false);  // before the look, so a later finish asks again
+            Queue(c);
+        }
+    }
+}
+
 void CConnectorMgr::Post(std::function<void()> fn) {
     m_loop.Post(std::move(fn));
 }
@@ -329,7 +500,7 @@ void CConnectorMgr::CancelTimer(uint64_t timer_id) {
 
 std::string CConnectorMgr::FormatStats(bool full) {
     return m_stats.Format(m_table, m_pool, m_pool != nullptr ? m_limits.PoolFree() : 0u,
-                          GetAcceptPauseCount(), full);
+                          GetAcceptPauseCount(), full, GetLimitPauseCount());
 }
 
 void CConnectorMgr::PrintStats(FILE* out, bool full) {

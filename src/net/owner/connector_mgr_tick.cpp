@@ -68,6 +68,7 @@ void CConnectorMgr::HandleEvents(int n, std::vector<size_t>* readable) {
             Queue(c);
         }
     }
+    TakeRechecks();
     std::vector<OwnedConn*> pending;
     pending.swap(m_pending);
     for (OwnedConn* c : pending) {
@@ -151,7 +152,12 @@ void CConnectorMgr::EndTick() {
     if (periodic || m_stats_requested.exchange(false)) {
         PrintStats(m_options.stats_out != nullptr ? m_options.stats_out : stdout);
     }
+    FlushDroppedLog(false);
     if (!m_graveyard.empty()) {
+        // No list may keep a record past its deletion: a connection corked in the tick's
+        // last flush round and then destroyed is still listed in m_corked.
+        m_corked.erase(std::remove_if(m_corked.begin(), m_corked.end(), [](OwnedConn* c) { return c->dead; }),
+                       m_corked.end());
         m_pending.erase(
             std::remove_if(m_pending.begin(), m_pending.end(), [](OwnedConn* c) { return c->dead; }),
             m_pending.end());
@@ -257,6 +263,9 @@ int CConnectorMgr::SendTo(OwnedConn* c, const char* buf, unsigned int len, bool 
     if (RefuseTooLarge(c, len, on_loop)) {
         return kSendTooLarge;
     }
+    if (!SendFramesWhole(c, buf, len)) {
+        return kSendBadArgs;
+    }
     // A direct send behind replies corked in this tick would first have to flush them and
     // then write again; it joins them instead and leaves with the same flush.
     corked = corked || (on_loop && c->corked);
@@ -264,6 +273,12 @@ int CConnectorMgr::SendTo(OwnedConn* c, const char* buf, unsigned int len, bool 
     // writability; another thread's must.
     int ret = corked ? (on_loop ? k->SendToQCorked(buf, len) : k->SendToQ(buf, len, nullptr))
                      : k->Send(buf, len, nullptr);
+    if (!on_loop) {
+        Recheck(c, false);  // a drain may have waited for this sender to finish
+    }
+    if (ret == CTcpConnector::kSendShutDown) {
+        return kSendClosing;  // the drain ended before this packet began: nothing of it left
+    }
     if (ret < 0) {
         c->send_failed = true;
         if (on_loop) {
@@ -289,6 +304,24 @@ int CConnectorMgr::SendTo(OwnedConn* c, const char* buf, unsigned int len, bool 
         m_corked.push_back(c);
     }
     return ret;
+}
+
+bool CConnectorMgr::SendFramesWhole(OwnedConn* c, const char* buf, unsigned int len) {
+    if (m_send_check == nullptr) {
+        return true;
+    }
+    int framed = m_send_check->ParsePackLength(buf, len);
+    if (framed > 0 && static_cast<unsigned int>(framed) == len) {
+        return true;
+    }
+    if (!c->bad_send_logged) {
+        c->bad_send_logged = true;
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_WARN,
+                     "send refused, a buffer of %u bytes is not one whole packet (its header says %d), "
+                     "id=%llu, url=%s",
+                     len, framed, static_cast<unsigned long long>(c->id), c->url.c_str());
+    }
+    return false;
 }
 
 int CConnectorMgr::SendImpl(ConnId id, const char* buf, unsigned int len, bool corked, bool routed) {

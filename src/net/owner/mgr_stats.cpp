@@ -44,6 +44,16 @@ const char* CloseLimitName(CloseLimit limit) {
             return "packet_too_long";
         case CloseLimit::kRecvBlocks:
             return "recv_blocks";
+        case CloseLimit::kIdleEvicted:
+            return "idle_evicted";
+    }
+    return "unknown";
+}
+
+const char* AcceptRefusalName(AcceptRefusal reason) {
+    switch (reason) {
+        case AcceptRefusal::kPerSource:
+            return "per_source";
     }
     return "unknown";
 }
@@ -66,7 +76,7 @@ uint64_t CMgrStats::GetLimitCloseCount(CloseLimit limit) const {
 }
 
 std::string CMgrStats::FormatHeader(size_t conns, CNetBufferMgr* pool, unsigned int pool_free,
-                                    int accept_pauses) const {
+                                    int accept_pauses, uint64_t limit_pauses) const {
     char line[512];
     std::string out;
     snprintf(line, sizeof(line), "connections: %zu, pool blocks in use: %u (peak %u) of %u, free %u\n", conns,
@@ -85,10 +95,19 @@ std::string CMgrStats::FormatHeader(size_t conns, CNetBufferMgr* pool, unsigned 
                  static_cast<unsigned long long>(m_limit_cnt[i]));
         out += line;
     }
-    snprintf(line, sizeof(line), "; sends too large %llu; pool exhausted %llu; accept pauses %d\n",
+    snprintf(line, sizeof(line), "; sends too large %llu; pool exhausted %llu; accept pauses %d",
              static_cast<unsigned long long>(m_too_large_cnt.load()),
              static_cast<unsigned long long>(m_pool_exhausted_cnt), accept_pauses);
     out += line;
+    snprintf(line, sizeof(line), " (at the connection limit %llu); refused at accept:",
+             static_cast<unsigned long long>(limit_pauses));
+    out += line;
+    for (int i = 0; i < kAcceptRefusalCount; ++i) {
+        snprintf(line, sizeof(line), " %s %llu", AcceptRefusalName(static_cast<AcceptRefusal>(i)),
+                 static_cast<unsigned long long>(m_refused_cnt[i]));
+        out += line;
+    }
+    out += "\n";
     return out;
 }
 
@@ -130,9 +149,9 @@ std::string CMgrStats::FormatTotals(std::vector<OwnedConn*>* all) {
 }
 
 std::string CMgrStats::Format(const CConnTable& table, CNetBufferMgr* pool, unsigned int pool_free,
-                              int accept_pauses, bool full) const {
+                              int accept_pauses, bool full, uint64_t limit_pauses) const {
     std::vector<OwnedConn*> all = table.SortedById();
-    std::string out = FormatHeader(all.size(), pool, pool_free, accept_pauses);
+    std::string out = FormatHeader(all.size(), pool, pool_free, accept_pauses, limit_pauses);
     if (!full && all.size() > kStatsFullRows) {
         out += FormatTotals(&all);
     }
