@@ -120,8 +120,10 @@ class EchoServerHandler : public QUOLNET::IConnectorHandler {
         // Several packets in one tick: cork the replies; the last one (more false) joins them
         // in Send, and the run leaves with one flush at the end of the tick.
         int ret = more ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
-        if (ret == 0) {
-            return false;  // no room now: keep the packet, it is offered again shortly
+        if (ret == CConnectorMgr::kSendNoRoom) {
+            // No room now: keeping the packet pauses the connection, and the manager resumes
+            // it (this packet first) when there is room again.
+            return false;
         }
         ++m_packets;
         return true;
@@ -130,6 +132,9 @@ class EchoServerHandler : public QUOLNET::IConnectorHandler {
 
     long long Packets() const { return m_packets; }
     long long Connections() const { return m_connections; }
+
+  protected:
+    void CountPacket() { ++m_packets; }
 
   private:
     // Atomic: with several loops (echo_server --threads) the handler runs on each loop's thread.

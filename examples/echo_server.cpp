@@ -2,11 +2,20 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <unordered_set>
+#include <vector>
 
 #include "echo_common.h"
 #include "net/connector_group.h"
@@ -18,7 +27,7 @@ void Usage(FILE* out) {
     fprintf(
         out,
         "usage: echo_server [--listen URL] [--stats SECONDS] [--stats-file PATH] [--max-packet BYTES] "
-        "[limits]\n"
+        "[--threads N] [--workers N] [limits]\n"
         "  --listen URL              where to listen (default tcp://127.0.0.1:7000; port 0 picks a free "
         "port)\n"
         "  --stats SECONDS           print the connector statistics table every SECONDS (default 0: only at "
@@ -37,13 +46,26 @@ void Usage(FILE* out) {
         "  --send-stall-ms MS        close a connection whose send queue has not shrunk (default %d)\n"
         "  --packet-deadline-ms MS   close a connection whose packet is not completed (default %d)\n"
         "  --idle-timeout-ms MS      close a connection with no traffic (default %d: off)\n"
+        "  --max-connections N       connections held at most (default 0: the descriptor limit less %u);\n"
+        "                            at the limit the ones idle longest make room for newcomers\n"
+        "  --evict-idle-ms MS        at the limit, close connections idle this long (default %d; 0: never,\n"
+        "                            newcomers wait for a close instead)\n"
+        "  --max-per-source N        connections from one address at most; more are refused at accept\n"
+        "                            (default 0: no cap)\n"
         "  --threads N               event loops, one thread each (default 1); above 1 each loop listens\n"
         "                            with SO_REUSEPORT (or loop 0 hands connections out) and has its own\n"
         "                            pool of pool-blocks/N blocks\n"
+        "  --workers N               reply from N worker threads instead of the loop (default 0): each\n"
+        "                            packet is queued to its connection's worker and its connection held\n"
+        "                            open for the reply (HoldOpen), so a client that half-closes after its\n"
+        "                            requests still gets every reply; a full queue pauses the connection\n"
+        "  --worker-queue N          packets each worker's queue holds before connections pause (default\n"
+        "                            256, at least 1; and at most 16 MiB of them)\n"
         "Packets are a 4-byte big-endian length (counting itself) followed by the payload.\n"
         "Stops on SIGINT or SIGTERM and prints the statistics table.\n",
         QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen, d.pool_blocks, d.max_send_blocks,
-        d.max_recv_blocks, d.send_stall_ms, d.packet_deadline_ms, d.idle_timeout_ms);
+        d.max_recv_blocks, d.send_stall_ms, d.packet_deadline_ms, d.idle_timeout_ms, d.fd_reserve,
+        d.evict_idle_ms);
 }
 
 template <size_t N, typename F>
@@ -92,12 +114,222 @@ void WriteStatsFile(QUOLNET::CConnectorMgr* mgr, const std::string& path) {
     }
 }
 
+// --workers N: the replies are made by a pool of worker threads, as a server whose work
+// blocks or takes long would make them, instead of on the loop.
+//
+// A connection's packets all go to one worker (chosen by its id), so its replies leave in
+// the order of its requests. OnPacket, on the loop thread, copies the packet into that
+// worker's bounded queue and calls HoldOpen(id): a reply is now owed, so when the peer ends
+// its stream (a client that sends its requests and then shuts down its sending side) the
+// manager waits for the reply before it ends the connection. The worker sends the reply
+// with Send from its own thread and then calls ReleaseHold(id). When the queue is full,
+// OnPacket refuses the packet, which pauses the connection with that packet first in line;
+// the worker resumes the connections it paused (ResumeReading) once its queue is back to
+// half, so a flood waits in the kernel's buffers and TCP slows its senders down.
+//
+// With --threads the calls go to the group, which reaches the loop serving the id.
+class WorkerEchoHandler : public echo::EchoServerHandler {
+  public:
+    static constexpr size_t kQueueBytes = 16u << 20;  // a worker's queue holds at most this (or one packet)
+    static constexpr int kNoRoomGiveUpMs = 1000;      // kSendNoRoom for this long: the reader is gone
+
+    WorkerEchoHandler(int workers, size_t queue_packets) : m_queue_packets(queue_packets) {
+        for (int i = 0; i < workers; ++i) {
+            m_workers.emplace_back(new Worker);
+        }
+    }
+    ~WorkerEchoHandler() override { Stop(); }
+
+    // Starts the threads; their calls go to `group` when it is given, else to `mgr`.
+    void Start(QUOLNET::CConnectorMgr* mgr, QUOLNET::CConnectorGroup* group) {
+        m_mgr = mgr;
+        m_group = group;
+        for (auto& w : m_workers) {
+            Worker* worker = w.get();
+            w->thread = std::thread([this, worker]() { Work(worker); });
+        }
+    }
+    // Stops and joins the threads (each finishes the reply it is sending); the packets still
+    // queued are dropped and their holds released. Before the manager or group goes.
+    void Stop() {
+        for (auto& w : m_workers) {
+            std::lock_guard<std::mutex> lock(w->mutex);
+            w->stop = true;
+            w->ready.notify_one();
+        }
+        for (auto& w : m_workers) {
+            if (w->thread.joinable()) {
+                w->thread.join();
+            }
+            for (const Job& job : w->queue) {
+                ++m_dropped;
+                ReleaseHold(job.id);
+            }
+            w->queue.clear();
+        }
+    }
+
+    bool OnPacket(QUOLNET::CConnectorMgr* mgr, QUOLNET::ConnId id, const char* data, unsigned int len,
+                  bool) override {
+        Worker& w = WorkerOf(id);
+        {
+            std::lock_guard<std::mutex> lock(w.mutex);
+            if (!w.queue.empty() && (w.queue.size() >= m_queue_packets || w.bytes + len > kQueueBytes)) {
+                w.paused.insert(id);
+                ++m_pauses;
+                return false;  // paused, this packet first; the worker resumes it when it has room
+            }
+        }
+        // With several loops, another loop may fill the queue meanwhile: it may go over by a
+        // packet per loop, which is harmless.
+        if (!(m_group != nullptr ? m_group->HoldOpen(id) : mgr->HoldOpen(id))) {
+            return true;  // it no longer accepts replies (Close was called): nothing to answer
+        }
+        {
+            std::lock_guard<std::mutex> lock(w.mutex);
+            w.queue.push_back(Job{id, std::vector<char>(data, data + len)});
+            w.bytes += len;
+        }
+        w.ready.notify_one();
+        return true;
+    }
+
+    void OnClosed(QUOLNET::CConnectorMgr*, QUOLNET::ConnId id, const QUOLNET::CloseInfo&) override {
+        Worker& w = WorkerOf(id);
+        std::lock_guard<std::mutex> lock(w.mutex);
+        w.paused.erase(id);
+    }
+
+    long long Dropped() const { return m_dropped; }
+    long long Pauses() const { return m_pauses; }
+
+  private:
+    struct Job {
+        QUOLNET::ConnId id;
+        std::vector<char> packet;
+    };
+    struct Worker {
+        std::mutex mutex;  // guards the queue, its byte count, the paused set and stop
+        std::condition_variable ready;
+        std::deque<Job> queue;
+        size_t bytes = 0;
+        std::unordered_set<QUOLNET::ConnId> paused;  // connections refused for a full queue
+        bool stop = false;
+        std::thread thread;
+    };
+
+    Worker& WorkerOf(QUOLNET::ConnId id) {
+        // Ids are sequential (and carry the loop index in their top bits in a group): mix them.
+        uint64_t h = (id ^ (id >> 32)) * 0x9E3779B97F4A7C15ull;
+        return *m_workers[(h >> 32) % m_workers.size()];
+    }
+
+    void Work(Worker* w) {
+        for (;;) {
+            Job job;
+            std::vector<QUOLNET::ConnId> resume;
+            {
+                std::unique_lock<std::mutex> lock(w->mutex);
+                w->ready.wait(lock, [w]() { return w->stop || !w->queue.empty(); });
+                if (w->stop) {
+                    return;
+                }
+                job = std::move(w->queue.front());
+                w->queue.pop_front();
+                w->bytes -= job.packet.size();
+                if (!w->paused.empty() && w->queue.size() <= m_queue_packets / 2 &&
+                    w->bytes <= kQueueBytes / 2) {
+                    resume.assign(w->paused.begin(), w->paused.end());
+                    w->paused.clear();
+                }
+            }
+            for (QUOLNET::ConnId id : resume) {
+                if (m_group != nullptr) {
+                    m_group->ResumeReading(id);
+                } else {
+                    m_mgr->ResumeReading(id);
+                }
+            }
+            Reply(*w, job);
+            ReleaseHold(job.id);
+        }
+    }
+
+    // Sends the echo. No room: tries again after a yield (then a millisecond's sleep) for up
+    // to kNoRoomGiveUpMs, then closes the connection, whose stream would otherwise go on
+    // without this reply. A connection that is closing or gone takes no reply.
+    void Reply(Worker& w, const Job& job) {
+        const unsigned int len = static_cast<unsigned int>(job.packet.size());
+        const auto start = std::chrono::steady_clock::now();
+        for (int attempt = 0;; ++attempt) {
+            int ret = m_group != nullptr ? m_group->Send(job.id, job.packet.data(), len)
+                                         : m_mgr->Send(job.id, job.packet.data(), len);
+            if (ret == static_cast<int>(len)) {
+                CountPacket();
+                return;
+            }
+            if (ret != QUOLNET::CConnectorMgr::kSendNoRoom) {
+                ++m_dropped;  // kSendClosing, kSendUnknownId, kSendFailed: the connection is ending
+                return;
+            }
+            bool stopping;
+            {
+                std::lock_guard<std::mutex> lock(w.mutex);
+                stopping = w.stop;
+            }
+            if (stopping ||
+                std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(kNoRoomGiveUpMs)) {
+                ++m_dropped;
+                if (m_group != nullptr) {
+                    m_group->Close(job.id);
+                } else {
+                    m_mgr->Close(job.id);
+                }
+                return;
+            }
+            if (attempt < 16) {
+                std::this_thread::yield();
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+    }
+
+    void ReleaseHold(QUOLNET::ConnId id) {
+        if (m_group != nullptr) {
+            m_group->ReleaseHold(id);
+        } else {
+            m_mgr->ReleaseHold(id);
+        }
+    }
+
+    const size_t m_queue_packets;
+    std::vector<std::unique_ptr<Worker>> m_workers;
+    QUOLNET::CConnectorMgr* m_mgr = nullptr;
+    QUOLNET::CConnectorGroup* m_group = nullptr;
+    std::atomic<long long> m_dropped{0};  // replies not sent (connection gone, or no room)
+    std::atomic<long long> m_pauses{0};   // packets refused for a full queue
+};
+
+void PrintCounts(const echo::EchoServerHandler* handler, const WorkerEchoHandler* workers) {
+    printf("echo_server: %lld connections, %lld packets echoed\n", handler->Connections(),
+           handler->Packets());
+    if (workers != nullptr) {
+        printf(
+            "echo_server: workers: %lld replies dropped (connection gone, or no room for %d ms), %lld "
+            "packets refused for a full queue\n",
+            workers->Dropped(), WorkerEchoHandler::kNoRoomGiveUpMs, workers->Pauses());
+    }
+}
+
 }  // namespace
 
 // --threads N: N loops on N threads; this thread waits for SIGINT/SIGTERM (blocked in every
-// thread and taken with sigwait), then stops the group.
-int RunGroup(echo::EchoServerHandler* handler, const QUOLNET::ConnectorMgrOptions& options, int threads,
-             const char* url, const char* stats_file, double stats) {
+// thread and taken with sigwait), then stops the group. `workers` (with --workers) is the
+// handler too.
+int RunGroup(echo::EchoServerHandler* handler, WorkerEchoHandler* workers,
+             const QUOLNET::ConnectorMgrOptions& options, int threads, const char* url,
+             const char* stats_file, double stats) {
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
@@ -133,12 +365,17 @@ int RunGroup(echo::EchoServerHandler* handler, const QUOLNET::ConnectorMgrOption
             }
         });
     }
+    if (workers != nullptr) {
+        workers->Start(nullptr, &group);
+    }
     group.Start();
     int sig = 0;
     sigwait(&stop_signals, &sig);
     group.Stop();
-    printf("echo_server: %lld connections, %lld packets echoed\n", handler->Connections(),
-           handler->Packets());
+    if (workers != nullptr) {
+        workers->Stop();  // before the group goes: the workers call it
+    }
+    PrintCounts(handler, workers);
     fputs(group.FormatStats().c_str(), stdout);
     return 0;
 }
@@ -163,6 +400,11 @@ int main(int argc, char** argv) {
         {"--send-stall-ms", options.send_stall_ms, 1 << 30},
         {"--packet-deadline-ms", options.packet_deadline_ms, 1 << 30},
         {"--idle-timeout-ms", options.idle_timeout_ms, 1 << 30},
+        {"--max-connections", options.max_connections, 1 << 30},
+        {"--evict-idle-ms", options.evict_idle_ms, 1 << 30},
+        {"--max-per-source", options.max_connections_per_source, 1 << 30},
+        {"--workers", 0, 256},
+        {"--worker-queue", 256, 1 << 20},
     };
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
@@ -197,7 +439,20 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    echo::EchoServerHandler handler;
+    if (flags[12].value == 0) {
+        fprintf(stderr, "echo_server: --worker-queue takes at least 1\n");
+        Usage(stderr);
+        return 2;
+    }
+    std::unique_ptr<echo::EchoServerHandler> handler;
+    WorkerEchoHandler* workers = nullptr;
+    if (flags[11].value > 0) {
+        workers =
+            new WorkerEchoHandler(static_cast<int>(flags[11].value), static_cast<size_t>(flags[12].value));
+        handler.reset(workers);
+    } else {
+        handler.reset(new echo::EchoServerHandler);
+    }
     options.pool_blocks = static_cast<unsigned int>(flags[1].value);
     options.pool_reserve_blocks = static_cast<unsigned int>(flags[2].value);
     options.max_send_blocks = static_cast<unsigned int>(flags[3].value);
@@ -205,12 +460,16 @@ int main(int argc, char** argv) {
     options.send_stall_ms = static_cast<int>(flags[5].value);
     options.packet_deadline_ms = static_cast<int>(flags[6].value);
     options.idle_timeout_ms = static_cast<int>(flags[7].value);
+    options.max_connections = static_cast<unsigned int>(flags[8].value);
+    options.evict_idle_ms = static_cast<int>(flags[9].value);
+    options.max_connections_per_source = static_cast<unsigned int>(flags[10].value);
     options.stats_interval_sec = stats_file == nullptr ? static_cast<int>(stats) : 0;
     options.max_packet_len = static_cast<unsigned int>(max_packet);
     if (flags[0].value > 1) {
-        return RunGroup(&handler, options, static_cast<int>(flags[0].value), url, stats_file, stats);
+        return RunGroup(handler.get(), workers, options, static_cast<int>(flags[0].value), url, stats_file,
+                        stats);
     }
-    QUOLNET::CConnectorMgr mgr(&handler, options);
+    QUOLNET::CConnectorMgr mgr(handler.get(), options);
     if (mgr.Init() != 0) {
         fprintf(stderr, "echo_server: cannot set up the event loop\n");
         return 1;
@@ -228,8 +487,14 @@ int main(int argc, char** argv) {
         mgr.AddTimer(0, ms > 0 ? ms : 1, [&mgr, path]() { WriteStatsFile(&mgr, path); });
     }
     echo::StopOnSignals(&mgr);
+    if (workers != nullptr) {
+        workers->Start(&mgr, nullptr);
+    }
     int ret = mgr.Run();
-    printf("echo_server: %lld connections, %lld packets echoed\n", handler.Connections(), handler.Packets());
+    if (workers != nullptr) {
+        workers->Stop();  // before the manager goes: the workers call it
+    }
+    PrintCounts(handler.get(), workers);
     mgr.PrintStats(stdout);
     return ret == 0 ? 0 : 1;
 }

@@ -11,7 +11,7 @@ class Echo : public IConnectorHandler {
     bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool more) override {
         // Several packets in one tick: cork the replies, they leave with one flush.
         int ret = more ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
-        return ret != CConnectorMgr::kSendNoRoom;  // no room: offered again shortly
+        return ret != CConnectorMgr::kSendNoRoom;  // no room: paused until there is room
     }
     void OnClosed(CConnectorMgr*, ConnId id, const CloseInfo& info) override {
         printf("connection %llu closed: %s\n", (unsigned long long)id, CloseReasonName(info.reason));

@@ -62,7 +62,17 @@ void WriteBe32(unsigned char* b, uint32_t v) {
 
 // ---- options ----
 
-enum class Attack { kNone, kSilent, kTrickle, kNoRead, kReset, kHalfClose, kIdle };
+enum class Attack {
+    kNone,
+    kSilent,
+    kTrickle,
+    kNoRead,
+    kReset,
+    kHalfClose,
+    kHalfCloseBurst,
+    kIdle,
+    kIdleFlood
+};
 
 struct AttackInfo {
     const char* name;
@@ -79,7 +89,9 @@ const AttackInfo kAttacks[] = {
     {"noread", Attack::kNoRead, 32, 1024, 20},
     {"reset", Attack::kReset, 8, 1ll << 20, 20},
     {"halfclose", Attack::kHalfClose, 1000, 1024, 20},
+    {"halfclose-burst", Attack::kHalfCloseBurst, 100, 1024, 20},
     {"idle", Attack::kIdle, 1000, 0, 20},
+    {"idle-flood", Attack::kIdleFlood, 700, 0, 20},
 };
 
 struct Options {
@@ -97,9 +109,13 @@ struct Options {
     long long interval_ms = 1000;
     long long resets = 1200;
     long long pipelined = 0;
+    long long requests = -1;  // halfclose-burst: requests per client before SHUT_WR (< 0: 16)
     long long rcvbuf = 32 * 1024;
     long long batch = 64;
     long long server_pid = 0;
+    long long sources = 8;            // idle-flood: source addresses 127.0.0.2 and up
+    long long honest_reconnect = -1;  // < 0: the attack's default (idle-flood 100, others 0)
+    long long reopen = 0;             // idle-flood: reopen every attacker the server closes
     bool json = false;
 };
 
@@ -126,7 +142,17 @@ void Usage(FILE* out) {
         "                      shutdown(SHUT_WR), and count the reply bytes that arrive before EOF;\n"
         "                      with --pipelined N one connection sends N such packets, then SHUT_WR\n"
         "      halfclose-pipelined  the same as halfclose --pipelined 20000\n"
+        "      halfclose-burst --conns (100) clients at a time each send --requests (16) --size (1 KiB)\n"
+        "                      requests at once, then shutdown(SHUT_WR), and read to the end of\n"
+        "                      stream; each client that ends is replaced by a new one. Counts the\n"
+        "                      requests answered whole before the end, replies lost, torn replies\n"
+        "                      (a partial packet at the end) and resets\n"
         "      idle            --conns (1000) connections connect and stay idle\n"
+        "      idle-flood      --conns (700) idle connections from --sources (8) addresses 127.0.0.2,\n"
+        "                      127.0.0.3, ... (IPv4 loopback targets), past the server's limit; with\n"
+        "                      --reopen 1 each one the server closes is opened again at once; honest\n"
+        "                      clients reconnect every --honest-reconnect (100) echoes, so they measure\n"
+        "                      whether new clients are still admitted\n"
         "      none            no attack (a control run)\n"
         "  --honest N          honest connections (default 100)\n"
         "  --honest-size B     honest packet length, header included (default 1024)\n"
@@ -138,8 +164,13 @@ void Usage(FILE* out) {
         "  --interval-ms MS    trickle: milliseconds between two bytes of one connection (1000)\n"
         "  --resets N          reset: resets to do (1200)\n"
         "  --pipelined N       halfclose: one connection, N pipelined packets, then SHUT_WR\n"
+        "  --requests K        halfclose-burst: requests each client sends before SHUT_WR (16)\n"
         "  --rcvbuf B          reset: receive buffer of the resetting connections (32768)\n"
         "  --batch N           attack connections opened per loop turn (64)\n"
+        "  --sources N         idle-flood: source addresses the attackers bind to (8; 0: none)\n"
+        "  --reopen 0|1        idle-flood: 1 reopens each attacker the server closes (0)\n"
+        "  --honest-reconnect N  honest clients close and reconnect after every N echoes (0: never;\n"
+        "                      default 100 for idle-flood, 0 otherwise)\n"
         "  --server-pid PID    sample the server's resident memory (/proc/PID/status) per phase\n"
         "  --json              print one JSON line on stdout (the summary goes to stderr)\n"
         "  --help              this text\n"
@@ -288,10 +319,18 @@ Options ParseArgs(int argc, char** argv) {
             ok = ParseInt(v, 0, 100000000, &o.resets);
         } else if (a == "--pipelined") {
             ok = ParseInt(v, 1, 100000000, &o.pipelined);
+        } else if (a == "--requests") {
+            ok = ParseInt(v, 1, 1000000, &o.requests);
         } else if (a == "--rcvbuf") {
             ok = ParseInt(v, 0, 1 << 30, &o.rcvbuf);
         } else if (a == "--batch") {
             ok = ParseInt(v, 1, 100000, &o.batch);
+        } else if (a == "--sources") {
+            ok = ParseInt(v, 0, 250, &o.sources);
+        } else if (a == "--reopen") {
+            ok = ParseInt(v, 0, 1, &o.reopen);
+        } else if (a == "--honest-reconnect") {
+            ok = ParseInt(v, 0, 1000000000, &o.honest_reconnect);
         } else if (a == "--server-pid") {
             ok = ParseInt(v, 1, 0x7fffffff, &o.server_pid);
         } else {
@@ -315,8 +354,17 @@ Options ParseArgs(int argc, char** argv) {
     if (o.pipelined > 0 && o.attack->attack != Attack::kHalfClose) {
         BadArg("%s", "--pipelined only applies to --attack halfclose");
     }
+    if (o.requests > 0 && o.attack->attack != Attack::kHalfCloseBurst) {
+        BadArg("%s", "--requests only applies to --attack halfclose-burst");
+    }
+    if (o.requests < 0) {
+        o.requests = 16;
+    }
     if (o.attack_secs < 0) {
         o.attack_secs = o.attack->attack_secs;
+    }
+    if (o.honest_reconnect < 0) {
+        o.honest_reconnect = o.attack->attack == Attack::kIdleFlood ? 100 : 0;
     }
     if (o.conns < 0) {
         o.conns = o.pipelined > 0 ? 1 : o.attack->conns;
@@ -409,6 +457,8 @@ struct Peer {
     bool shut_wr = false;
     double closed_at = 0;  // seconds since the attack began, when the server closed it
     long long echoes[kPhases] = {0, 0, 0};
+    size_t slot = 0;            // honest: its place in m_honest (kept across reconnects)
+    long long conn_echoes = 0;  // honest: echoes on this connection
 };
 
 struct PhaseStats {
@@ -444,6 +494,18 @@ struct AttackStats {
     long long hc_recv_bytes = 0;
     long long hc_bytes_lost = 0;  // expected minus received, over the clients that ended
     long long trickle_bytes = 0;
+    // halfclose-burst, over the clients that saw the end of stream (or a reset)
+    long long hb_clients = 0;    // clients that ended
+    long long hb_requests = 0;   // whole requests they sent
+    long long hb_answered = 0;   // replies that arrived whole before the end
+    long long hb_torn = 0;       // clients whose stream ended inside a reply
+    long long hb_resets = 0;     // clients the server reset
+    long long hb_short = 0;      // clients that got fewer replies than they sent requests
+    long long hb_in_flight = 0;  // clients still open at the end of the attack (not counted above)
+    // idle-flood
+    long long reopened = 0;               // attackers opened again after the server closed one
+    long long honest_reconnects = 0;      // honest connections replaced after --honest-reconnect echoes
+    long long honest_connect_failed = 0;  // honest reconnects that failed (the client is lost)
 };
 
 class CHostilePeer {
@@ -465,6 +527,8 @@ class CHostilePeer {
     void ServerClosed(Peer& p, End how, uint64_t now);
     void Reset(Peer& p);
     void CloseFd(Peer& p);
+    void Reconnect(Peer& p, uint64_t now);
+    void BindSource(int fd);
     void Ramp(uint64_t now);
     void Trickle(uint64_t now);
     void EndAttack(uint64_t now);
@@ -487,6 +551,7 @@ class CHostilePeer {
     uint64_t m_next_rss_ns = 0;
     long long m_connecting_attackers = 0;
     long long m_live_attackers = 0;  // opened and not ended
+    long long m_next_source = 0;     // idle-flood: the source address of the next attacker
     long long m_echo_errors = 0;
     bool m_fd_exhausted = false;
     bool m_honest_started = false;
@@ -516,6 +581,9 @@ size_t CHostilePeer::Open(Role role) {
         // A small window keeps the server's echo of the big packet under way when we reset.
         int rcv = int(m_opt.rcvbuf);
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcv, sizeof(rcv));
+    }
+    if (role == Role::kAttacker && Kind() == Attack::kIdleFlood) {
+        BindSource(fd);
     }
     p.fd = fd;
     m_peers.push_back(p);
@@ -576,6 +644,18 @@ void CHostilePeer::ServerClosed(Peer& p, End how, uint64_t now) {
         } else {
             ++m_a.closed_rst;
         }
+        if (Kind() == Attack::kHalfCloseBurst) {
+            // Every request must be answered whole, in order (Consume checks each byte),
+            // before the server's end of stream.
+            long long requests = (long long)(p.sent / p.pkt);
+            long long answered = std::min((long long)(p.recvd / p.pkt), requests);
+            ++m_a.hb_clients;
+            m_a.hb_requests += requests;
+            m_a.hb_answered += answered;
+            m_a.hb_torn += p.recvd % p.pkt != 0 ? 1 : 0;
+            m_a.hb_resets += how == End::kReset ? 1 : 0;
+            m_a.hb_short += answered < requests ? 1 : 0;
+        }
         if (Kind() == Attack::kHalfClose) {
             ++m_a.hc_clients;
             m_a.hc_sent_bytes += (long long)p.sent;
@@ -604,6 +684,42 @@ void CHostilePeer::Reset(Peer& p) {
     CloseFd(p);
 }
 
+// An honest client that has done its --honest-reconnect echoes closes its connection and
+// opens a new one in the same place; its counts carry over. The first packet on the new
+// connection is queued at once, so the time the server takes to accept it counts as that
+// echo's wait.
+void CHostilePeer::Reconnect(Peer& p, uint64_t now) {
+    size_t slot = p.slot;
+    long long echoes[kPhases];
+    std::copy(p.echoes, p.echoes + kPhases, echoes);
+    p.end = End::kOurs;
+    CloseFd(p);
+    size_t idx = Open(Role::kHonest);  // m_peers is a deque: `p` stays valid, but is done with
+    Peer& q = m_peers[idx];
+    q.slot = slot;
+    std::copy(echoes, echoes + kPhases, q.echoes);
+    q.queued_ns = now;
+    m_honest[slot] = idx;
+    ++m_a.honest_reconnects;
+    if (q.end == End::kConnectFailed) {
+        ++m_a.honest_connect_failed;
+    }
+}
+
+// Binds an attacker to the next of --sources loopback addresses (127.0.0.2 and up), leaving
+// the port to connect (IP_BIND_ADDRESS_NO_PORT), so every address has the whole port range.
+void CHostilePeer::BindSource(int fd) {
+    if (m_opt.sources <= 0 || m_opt.addr.ss_family != AF_INET) {
+        return;
+    }
+    int one = 1;
+    setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof(one));
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(0x7f000002u + uint32_t(m_next_source++ % m_opt.sources));
+    bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local));
+}
+
 void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
     Peer& p = m_peers[idx];
     p.connecting = false;
@@ -611,7 +727,9 @@ void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
     if (p.role == Role::kHonest) {
         p.pkt = uint32_t(m_opt.honest_size);
         p.limit = m_honest_started ? p.pkt : 0;  // the first packet waits for the before phase
-        p.queued_ns = now;
+        if (p.queued_ns == 0) {
+            p.queued_ns = now;  // a reconnect's wait counts from its connect
+        }
         SetEvents(p, rd);
         Pump(p, now);
         return;
@@ -634,6 +752,10 @@ void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
         case Attack::kReset:
             p.limit = p.pkt;
             break;
+        case Attack::kHalfCloseBurst:
+            p.total = uint64_t(m_opt.requests) * p.pkt;  // Pump shuts down the sending side after
+            p.limit = p.total;
+            break;
         case Attack::kHalfClose: {
             uint64_t count = m_opt.pipelined > 0 ? uint64_t(m_opt.pipelined) : 1;
             p.total = count * p.pkt;
@@ -641,6 +763,7 @@ void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
             break;
         }
         case Attack::kIdle:
+        case Attack::kIdleFlood:
         case Attack::kNone:
             break;
     }
@@ -697,6 +820,10 @@ void CHostilePeer::Consume(Peer& p, const unsigned char* data, size_t n, uint64_
             ++p.echoes[m_phase];
             ps.rtt_us.push_back(uint32_t(std::min<uint64_t>((now - p.queued_ns) / 1000, UINT32_MAX)));
             ps.max_wait_ns = std::max(ps.max_wait_ns, now - std::max(p.queued_ns, m_phase_start_ns));
+            if (m_opt.honest_reconnect > 0 && ++p.conn_echoes >= m_opt.honest_reconnect) {
+                Reconnect(p, now);
+                return;
+            }
             p.limit += p.pkt;
             p.queued_ns = now;
             Pump(p, now);
@@ -706,6 +833,7 @@ void CHostilePeer::Consume(Peer& p, const unsigned char* data, size_t n, uint64_
     switch (Kind()) {
         case Attack::kReset:
         case Attack::kHalfClose:
+        case Attack::kHalfCloseBurst:
             if (p.recvd + n > p.sent || !m_stream.Check(p.key, p.pkt, p.recvd, data, n)) {
                 if (++m_echo_errors <= 5) {
                     fprintf(stderr, "hostile_peer: attack connection %u: echo differs from what was sent\n",
@@ -799,6 +927,9 @@ bool CHostilePeer::WantMoreAttackers() const {
     if (m_fd_exhausted) {
         return false;
     }
+    if ((Kind() == Attack::kIdleFlood && m_opt.reopen != 0) || Kind() == Attack::kHalfCloseBurst) {
+        return m_live_attackers < m_opt.conns;  // every one that ends is replaced
+    }
     if (Kind() == Attack::kReset) {
         return m_live_attackers < m_opt.conns && m_a.resets_done + m_live_attackers < m_opt.resets;
     }
@@ -814,6 +945,9 @@ void CHostilePeer::Ramp(uint64_t now) {
     for (long long i = 0; i < m_opt.batch && m_connecting_attackers < 4 * m_opt.batch && WantMoreAttackers();
          ++i) {
         size_t idx = Open(Role::kAttacker);
+        if (m_a.opened >= m_opt.conns) {
+            ++m_a.reopened;
+        }
         ++m_a.opened;
         if (m_peers[idx].end == End::kConnectFailed) {
             ++m_a.connect_failed;
@@ -857,6 +991,7 @@ void CHostilePeer::EndAttack(uint64_t now) {
             ++m_a.still_connecting;
         } else {
             ++m_a.still_open;
+            m_a.hb_in_flight += Kind() == Attack::kHalfCloseBurst ? 1 : 0;
             if (Kind() == Attack::kHalfClose) {
                 m_a.hc_sent_bytes += (long long)p.sent;
                 m_a.hc_recv_bytes += (long long)p.recvd;
@@ -908,6 +1043,7 @@ int CHostilePeer::Run() {
                     strerror(m_a.first_connect_errno));
             return 1;
         }
+        m_peers[idx].slot = honest.size();
         honest.push_back(idx);
     }
     std::vector<epoll_event> evs(1024);
@@ -1147,6 +1283,29 @@ void CHostilePeer::Report() {
                     m_a.hc_bytes_lost);
             }
             break;
+        case Attack::kHalfCloseBurst: {
+            double secs = m_phases[kAttackPhase].secs;
+            fprintf(
+                out,
+                "halfclose-burst: %lld clients ended (%lld at a time), each sent %lld x %lld-byte requests "
+                "then SHUT_WR; requests answered whole before the end: %lld / %lld (%.2f%%), %.1f/s; "
+                "replies lost %lld; clients short of replies %lld, torn %lld, reset %lld; %lld still "
+                "open at the end of the attack\n",
+                m_a.hb_clients, m_opt.conns, m_opt.requests, m_opt.size, m_a.hb_answered, m_a.hb_requests,
+                m_a.hb_requests > 0 ? 100.0 * double(m_a.hb_answered) / double(m_a.hb_requests) : 0.0,
+                secs > 0 ? double(m_a.hb_answered) / secs : 0.0, m_a.hb_requests - m_a.hb_answered,
+                m_a.hb_short, m_a.hb_torn, m_a.hb_resets, m_a.hb_in_flight);
+            break;
+        }
+        case Attack::kIdleFlood:
+            fprintf(
+                out,
+                "idle-flood: %lld idle connections kept open from %lld source addresses, %lld reopened after "
+                "the server closed them; honest clients reconnected %lld times (every %lld echoes; %lld "
+                "reconnects failed)\n",
+                m_opt.conns, m_opt.sources, m_a.reopened, m_a.honest_reconnects, m_opt.honest_reconnect,
+                m_a.honest_connect_failed);
+            break;
         default:
             break;
     }
@@ -1202,6 +1361,26 @@ void CHostilePeer::Report() {
                  ",\"bytes_received\":" + std::to_string(m_a.hc_recv_bytes) +
                  ",\"packets_received\":" + std::to_string(m_a.hc_recv_bytes / m_opt.size) +
                  ",\"bytes_lost\":" + std::to_string(m_a.hc_bytes_lost) + "}";
+            break;
+        case Attack::kHalfCloseBurst: {
+            double secs = m_phases[kAttackPhase].secs;
+            j += ",\"halfclose_burst\":{\"requests_per_client\":" + std::to_string(m_opt.requests) +
+                 ",\"clients_ended\":" + std::to_string(m_a.hb_clients) +
+                 ",\"requests\":" + std::to_string(m_a.hb_requests) +
+                 ",\"answered\":" + std::to_string(m_a.hb_answered) +
+                 ",\"lost\":" + std::to_string(m_a.hb_requests - m_a.hb_answered) +
+                 ",\"answered_per_s\":" + Num(secs > 0 ? double(m_a.hb_answered) / secs : 0.0, "%.1f") +
+                 ",\"clients_short\":" + std::to_string(m_a.hb_short) +
+                 ",\"torn\":" + std::to_string(m_a.hb_torn) + ",\"resets\":" + std::to_string(m_a.hb_resets) +
+                 ",\"in_flight_at_end\":" + std::to_string(m_a.hb_in_flight) + "}";
+            break;
+        }
+        case Attack::kIdleFlood:
+            j += ",\"idle_flood\":{\"sources\":" + std::to_string(m_opt.sources) +
+                 ",\"reopened\":" + std::to_string(m_a.reopened) +
+                 ",\"honest_reconnect\":" + std::to_string(m_opt.honest_reconnect) +
+                 ",\"honest_reconnects\":" + std::to_string(m_a.honest_reconnects) +
+                 ",\"honest_connect_failed\":" + std::to_string(m_a.honest_connect_failed) + "}";
             break;
         default:
             break;

@@ -3,23 +3,50 @@
 # the other, and prints per attack the tool's JSON line and the server's pool use once every
 # peer has gone (read from the server's statistics file).
 #   tools/hostile_suite.sh BUILD_DIR [ATTACK ...]     (default: every attack)
+# idle-flood runs the server with a low descriptor limit (ulimit -n $IDLE_FLOOD_ULIMIT, 600)
+# and $IDLE_FLOOD_FLAGS ("--max-connections 400 --evict-idle-ms 1000"), with 10 honest
+# clients that reconnect every 100 echoes while 700 idle attackers hold the server at its
+# limit ($IDLE_FLOOD_PEER_FLAGS adds to or overrides the tool's flags). halfclose-burst runs
+# the server with $HALFCLOSE_BURST_FLAGS ("--workers 4": replies made on worker threads,
+# each held open with HoldOpen) and prints the server's worker counts after it stops.
+# ECHO_SERVER and HOSTILE_PEER name other binaries (e.g. a build of an older tree).
 set -eu
 build=${1:?usage: hostile_suite.sh BUILD_DIR [ATTACK ...]}
 shift
-attacks=${*:-"silent trickle noread idle reset halfclose halfclose-pipelined"}
+attacks=${*:-"silent trickle noread idle reset halfclose halfclose-pipelined halfclose-burst idle-flood"}
+server_bin=${ECHO_SERVER:-$build/examples/echo_server}
+peer_bin=${HOSTILE_PEER:-$build/tools/hostile_peer}
+idle_flood_ulimit=${IDLE_FLOOD_ULIMIT:-600}
+idle_flood_flags=${IDLE_FLOOD_FLAGS-"--max-connections 400 --evict-idle-ms 1000"}
+idle_flood_peer_flags=${IDLE_FLOOD_PEER_FLAGS-"--honest 10"}
+halfclose_burst_flags=${HALFCLOSE_BURST_FLAGS-"--workers 4"}
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 port=17600
 for attack in $attacks; do
     port=$((port + 1))
-    "$build/examples/echo_server" --listen "tcp://127.0.0.1:$port" --stats-file "$dir/stats" \
-        --stats-interval 0.5 >"$dir/server.out" 2>"$dir/server.err" &
+    server_flags=""
+    peer_flags=""
+    fd_limit=""
+    if [ "$attack" = idle-flood ]; then
+        server_flags=$idle_flood_flags
+        peer_flags=$idle_flood_peer_flags
+        fd_limit="ulimit -n $idle_flood_ulimit;"
+    elif [ "$attack" = halfclose-burst ]; then
+        server_flags=$halfclose_burst_flags
+    fi
+    # The server runs in a shell that sets its descriptor limit and then becomes it (exec),
+    # so $! is the server's pid.
+    # shellcheck disable=SC2086
+    sh -c "$fd_limit exec \"\$0\" \"\$@\"" "$server_bin" --listen "tcp://127.0.0.1:$port" \
+        --stats-file "$dir/stats" --stats-interval 0.5 $server_flags >"$dir/server.out" 2>"$dir/server.err" &
     server=$!
     for _ in 1 2 3 4 5 6 7 8 9 10; do
         grep -q listening "$dir/server.out" 2>/dev/null && break
         sleep 0.2
     done
-    "$build/tools/hostile_peer" --url "tcp://127.0.0.1:$port" --attack "$attack" --server-pid "$server" \
+    # shellcheck disable=SC2086
+    "$peer_bin" --url "tcp://127.0.0.1:$port" --attack "$attack" --server-pid "$server" $peer_flags \
         --json 2>"$dir/$attack.txt" | sed "s/^/$attack: /"
     sleep 2  # two statistics intervals after every peer has gone
     echo "$attack: server after: $(grep -o 'pool blocks in use: [0-9]*[^,]*' "$dir/stats" | head -1)"
@@ -27,4 +54,13 @@ for attack in $attacks; do
     kill "$server"
     wait "$server" 2>/dev/null || true
     grep -E "^(ratio|attackers|halfclose|reset|trickle|silent|noread|idle)" "$dir/$attack.txt" | sed "s/^/$attack: /" || true
+    if [ "$attack" = halfclose-burst ]; then
+        grep -E "^echo_server: workers:" "$dir/server.out" | sed "s/^echo_server: /$attack: server /" || true
+    fi
+    if [ "$attack" = idle-flood ]; then
+        grep -E "^(phase|before|attack|after) " "$dir/$attack.txt" | sed "s/^/$attack: /" || true
+        for pat in "connection limit reached" "accept paused, out of descriptors"; do
+            echo "$attack: server log: $(grep -c "$pat" "$dir/server.err" || true) lines with '$pat'"
+        done
+    fi
 done

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -516,34 +517,41 @@ TEST_F(ConnectorMgrDrainTest, PausedConnectionsCostNothingAndMeetNoDeadline) {
     CNetBufferMgr pool(static_cast<unsigned int>(conns) + 1024, -1, 1 << 20, 256);
     o.pool = &pool;
     o.log_cat = nullptr;
-    o.packet_deadline_ms = 100;
-    o.idle_timeout_ms = 100;
+    o.packet_deadline_ms = 1000;
+    o.idle_timeout_ms = 1000;
     CConnectorMgr mgr(&h, o);
+    // Each client writes at once, so its connection is paused in the tick that accepts it,
+    // long before the deadlines, however slow the dialling (sanitizers).
+    std::string bytes = Packet("first") + std::string("\0\0", 2);  // a whole packet, then half a header
     std::vector<int> fds;
     int fd = qntest::ListenAndDial(mgr);
     while (fd >= 0) {
         fds.push_back(fd);
+        ASSERT_TRUE(qntest::WriteAll(fd, bytes.data(), bytes.size()));
         if (fds.size() % 256 == 0) {
             mgr.RunOnce(0);  // accept as we go; the backlog is finite
         }
         fd = static_cast<int>(fds.size()) < conns ? qntest::DialListener(mgr) : -1;
     }
     ASSERT_EQ(static_cast<size_t>(conns), fds.size());
-    std::string bytes = Packet("first") + std::string("\0\0", 2);  // a whole packet, then half a header
-    for (int f : fds) {
-        ASSERT_TRUE(qntest::WriteAll(f, bytes.data(), bytes.size()));
-    }
     ASSERT_TRUE(qntest::Pump(
         mgr, [&]() { return h.offers.load() == conns; }, 4000))
         << h.offers.load();
     EXPECT_GE(pool.GetUsedCount(), static_cast<unsigned int>(conns));  // held, and counted
-    // Paused now. Half a second of loop: no offer, next to no ticks, no close.
+    // Paused now. Longer than both deadlines of loop: no offer, next to no ticks, no close.
     int ticks = 0;
-    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    struct rusage before;
+    getrusage(RUSAGE_SELF, &before);
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
     while (std::chrono::steady_clock::now() < until) {
         mgr.RunOnce(50);
         ++ticks;
     }
+    struct rusage after;
+    getrusage(RUSAGE_SELF, &after);
+    auto us = [](const struct timeval& tv) { return tv.tv_sec * 1000000L + tv.tv_usec; };
+    long cpu_us = us(after.ru_utime) - us(before.ru_utime) + us(after.ru_stime) - us(before.ru_stime);
+    printf("%d paused connections: %d ticks and %ld us of CPU in 1500 ms\n", conns, ticks, cpu_us);
     EXPECT_EQ(conns, h.offers.load());
     EXPECT_EQ(0, h.closes.load());
     EXPECT_LT(ticks, 100) << "the loop should sleep while everything is paused";
