@@ -1,5 +1,7 @@
 // echo_client: opens N connections to an echo server, sends packets of the given sizes,
 // verifies every echo byte for byte and prints a summary and the statistics table.
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,11 +19,27 @@ void Usage(FILE* out) {
             "  --conns N           connections (default 4)\n"
             "  --packets N         packets per connection (default 1000; 0 with --duration: unlimited)\n"
             "  --sizes A,B,...     payload sizes in bytes, used in turn (default 1,100,1000,65536,200000);\n"
-            "                      sizes above 65536 span several blocks, up to 16 MiB\n"
+            "                      sizes above 65536 span several blocks, up to 4194300 (a 4 MiB packet,\n"
+            "                      the longest a manager takes by default, echo_server's too)\n"
             "  --depth N           packets in flight per connection (default 4)\n"
             "  --duration SECONDS  stop sending after this long (default: no limit)\n"
             "  --no-progress       no progress line even on a terminal\n"
             "Exit status: 0 when every echo matched, 1 on errors, 2 on bad arguments.\n");
+}
+
+// The port of a tcp:// URL that echo::RequireURL accepted. Port 0 is a listener's request
+// for a free port: there is nothing to dial there.
+int URLPort(const char* url) {
+    struct sockaddr_storage addr;
+    socklen_t len = 0;
+    std::string why;
+    if (QUOLNET::CTcpListener::ParseURL(url, &addr, &len, &why) != 0) {
+        return -1;
+    }
+    const in_port_t port = addr.ss_family == AF_INET6
+                               ? reinterpret_cast<const sockaddr_in6*>(&addr)->sin6_port
+                               : reinterpret_cast<const sockaddr_in*>(&addr)->sin_port;
+    return ntohs(port);
 }
 
 }  // namespace
@@ -29,6 +47,8 @@ void Usage(FILE* out) {
 int main(int argc, char** argv) {
     echo::ClientConfig cfg;
     cfg.url = "tcp://127.0.0.1:7000";
+    // The client's manager runs with the default options, so no longer packet comes back.
+    cfg.max_packet = QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen;
     bool progress = true;
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
@@ -68,6 +88,11 @@ int main(int argc, char** argv) {
         return 2;
     }
     echo::RequireURL("echo_client", cfg.url.c_str());
+    if (URLPort(cfg.url.c_str()) == 0) {
+        fprintf(stderr, "echo_client: invalid URL '%s': port 0 cannot be dialled (give the server's port)\n",
+                cfg.url.c_str());
+        return 2;
+    }
     cfg.progress = progress && isatty(STDOUT_FILENO);
 
     echo::EchoClient client(cfg);

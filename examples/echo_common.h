@@ -125,7 +125,9 @@ class EchoServerHandler : public QUOLNET::IConnectorHandler {
             // it (this packet first) when there is room again.
             return false;
         }
-        ++m_packets;
+        if (ret > 0) {
+            ++m_packets;  // echoed; a refused reply (the connection ending, too large) is not
+        }
         return true;
     }
     void OnConnected(CConnectorMgr*, ConnId, const char*, bool) override { ++m_connections; }

@@ -26,7 +26,8 @@ void Usage(FILE* out) {
     QUOLNET::ConnectorMgrOptions d;
     fprintf(
         out,
-        "usage: echo_server [--listen URL] [--stats SECONDS] [--stats-file PATH] [--max-packet BYTES] "
+        "usage: echo_server [--listen URL] [--stats SECONDS] [--stats-file PATH] [--metrics-file PATH] "
+        "[--max-packet BYTES] "
         "[--threads N] [--workers N] [limits]\n"
         "  --listen URL              where to listen (default tcp://127.0.0.1:7000; port 0 picks a free "
         "port)\n"
@@ -37,6 +38,12 @@ void Usage(FILE* out) {
         "                            each time (written beside it and renamed, so readers see whole "
         "tables);\n"
         "                            the interval may then be fractional and defaults to 1 second\n"
+        "  --metrics-file PATH       write the metrics (counters and gauges) to PATH every interval and at\n"
+        "                            exit, replacing the file (written to PATH.tmp and renamed); in the\n"
+        "                            Prometheus format, a node_exporter textfile collector reads a *.prom\n"
+        "                            file in its directory\n"
+        "  --metrics-interval SECONDS  seconds between metrics writes (default 1; fractions allowed)\n"
+        "  --metrics-format FORMAT   prometheus (the text exposition format, default) or json\n"
         "  --max-packet BYTES        longest packet accepted, 4-byte header included (default %u)\n"
         "limits (defaults protect a server started as it is; 0 turns a deadline off):\n"
         "  --pool-blocks N           64 KiB blocks in the pool (default %u)\n"
@@ -62,7 +69,10 @@ void Usage(FILE* out) {
         "  --worker-queue N          packets each worker's queue holds before connections pause (default\n"
         "                            256, at least 1; and at most 16 MiB of them)\n"
         "Packets are a 4-byte big-endian length (counting itself) followed by the payload.\n"
-        "Stops on SIGINT or SIGTERM and prints the statistics table.\n",
+        "  --drain-ms MS             on SIGINT or SIGTERM, drain for at most MS (default 10000): stop\n"
+        "                            listening, finish every connection gracefully, abort what is left\n"
+        "                            at the deadline; a second signal stops at once\n"
+        "Prints how many connections were drained and aborted, and the statistics table, at exit.\n",
         QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen, d.pool_blocks, d.max_send_blocks,
         d.max_recv_blocks, d.send_stall_ms, d.packet_deadline_ms, d.idle_timeout_ms, d.fd_reserve,
         d.evict_idle_ms);
@@ -111,6 +121,62 @@ void WriteStatsFile(QUOLNET::CConnectorMgr* mgr, const std::string& path) {
             fprintf(stderr, "echo_server: cannot write the statistics file %s: %s\n", path.c_str(),
                     strerror(err));
         }
+    }
+}
+
+// --metrics-file PATH: the metrics, written every --metrics-interval seconds and at exit.
+struct MetricsFileOptions {
+    std::string path;  // empty: no metrics file
+    double interval = 1;
+    QUOLNET::MetricsFormat format = QUOLNET::MetricsFormat::kPrometheus;
+};
+MetricsFileOptions g_metrics;  // set by main before any loop runs
+
+// Replaces g_metrics.path with `text`: written to PATH.tmp and renamed over it, so a reader
+// (a textfile collector, scale_client) never sees half a file. Any thread; with a group the
+// loop that reports last writes, so the writes are serialised.
+void WriteMetricsFile(const std::string& text) {
+    static std::mutex mutex;
+    static bool warned = false;
+    std::lock_guard<std::mutex> lock(mutex);
+    const std::string& path = g_metrics.path;
+    std::string tmp = path + ".tmp";
+    FILE* f = fopen(tmp.c_str(), "w");
+    bool ok = f != nullptr;
+    if (ok) {
+        ok = fwrite(text.data(), 1, text.size(), f) == text.size();
+        ok = fclose(f) == 0 && ok;
+        ok = ok && rename(tmp.c_str(), path.c_str()) == 0;
+    }
+    if (!ok) {
+        int err = errno;
+        remove(tmp.c_str());
+        if (!warned) {
+            warned = true;  // once: the file is rewritten every interval
+            fprintf(stderr, "echo_server: cannot write the metrics file %s: %s\n", path.c_str(),
+                    strerror(err));
+        }
+    }
+}
+
+int MetricsIntervalMs() {
+    int ms = static_cast<int>(g_metrics.interval * 1000);
+    return ms > 0 ? ms : 1;
+}
+
+// The metrics timer of a single loop: the snapshot is taken on the loop thread.
+void StartMetricsFile(QUOLNET::CConnectorMgr* mgr) {
+    if (!g_metrics.path.empty()) {
+        mgr->AddTimer(0, MetricsIntervalMs(),
+                      [mgr]() { WriteMetricsFile(mgr->FormatMetrics(g_metrics.format)); });
+    }
+}
+
+// With --threads: loop 0's timer asks every loop for its snapshot; the last one writes.
+void StartMetricsFile(QUOLNET::CConnectorGroup* group) {
+    if (!g_metrics.path.empty()) {
+        group->AddTimer(0, 0, MetricsIntervalMs(),
+                        [group]() { group->RequestMetrics(g_metrics.format, &WriteMetricsFile); });
     }
 }
 
@@ -324,6 +390,45 @@ void PrintCounts(const echo::EchoServerHandler* handler, const WorkerEchoHandler
 
 }  // namespace
 
+namespace {
+
+// SIGINT/SIGTERM on one loop: the first drains (Shutdown, async-signal-safe), a second
+// stops at once.
+int g_drain_ms = 10000;
+std::atomic<QUOLNET::CConnectorMgr*> g_drain_mgr{nullptr};
+std::atomic<int> g_drain_signals{0};
+
+void OnDrainSignal(int) {
+    QUOLNET::CConnectorMgr* mgr = g_drain_mgr.load();
+    if (mgr == nullptr) {
+        return;
+    }
+    if (g_drain_signals.fetch_add(1) == 0) {
+        mgr->Shutdown(g_drain_ms);
+    } else {
+        mgr->Stop();
+    }
+}
+
+void DrainOnSignals(QUOLNET::CConnectorMgr* mgr) {
+    g_drain_mgr.store(mgr);
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = OnDrainSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+void PrintDrain(bool drained, uint64_t ok, uint64_t aborted) {
+    if (drained) {
+        printf("echo_server: drained %llu connections, aborted %llu at the deadline\n",
+               static_cast<unsigned long long>(ok), static_cast<unsigned long long>(aborted));
+    }
+}
+
+}  // namespace
+
 // --threads N: N loops on N threads; this thread waits for SIGINT/SIGTERM (blocked in every
 // thread and taken with sigwait), then stops the group. `workers` (with --workers) is the
 // handler too.
@@ -365,18 +470,23 @@ int RunGroup(echo::EchoServerHandler* handler, WorkerEchoHandler* workers,
             }
         });
     }
+    StartMetricsFile(&group);
     if (workers != nullptr) {
         workers->Start(nullptr, &group);
     }
     group.Start();
     int sig = 0;
     sigwait(&stop_signals, &sig);
-    group.Stop();
+    group.Shutdown(g_drain_ms);  // returns once every loop has drained (or met the deadline)
     if (workers != nullptr) {
         workers->Stop();  // before the group goes: the workers call it
     }
+    PrintDrain(true, group.GetShutdownDrainedCount(), group.GetShutdownAbortedCount());
     PrintCounts(handler, workers);
     fputs(group.FormatStats().c_str(), stdout);
+    if (!g_metrics.path.empty()) {
+        WriteMetricsFile(group.FormatMetrics(g_metrics.format));  // the loops have stopped: read in place
+    }
     return 0;
 }
 
@@ -405,6 +515,7 @@ int main(int argc, char** argv) {
         {"--max-per-source", options.max_connections_per_source, 1 << 30},
         {"--workers", 0, 256},
         {"--worker-queue", 256, 1 << 20},
+        {"--drain-ms", 10000, 1 << 30},
     };
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
@@ -421,6 +532,17 @@ int main(int argc, char** argv) {
             ++i;
         } else if (strcmp(a, "--stats-file") == 0 && v != nullptr && *v != '\0') {
             stats_file = v;
+            ++i;
+        } else if (strcmp(a, "--metrics-file") == 0 && v != nullptr && *v != '\0') {
+            g_metrics.path = v;
+            ++i;
+        } else if (strcmp(a, "--metrics-interval") == 0 && v != nullptr &&
+                   ParseSeconds(v, &g_metrics.interval) && g_metrics.interval > 0) {
+            ++i;
+        } else if (strcmp(a, "--metrics-format") == 0 && v != nullptr &&
+                   (strcmp(v, "prometheus") == 0 || strcmp(v, "json") == 0)) {
+            g_metrics.format =
+                strcmp(v, "json") == 0 ? QUOLNET::MetricsFormat::kJson : QUOLNET::MetricsFormat::kPrometheus;
             ++i;
         } else if (strcmp(a, "--max-packet") == 0 && v != nullptr &&
                    echo::ParseCount(v, 0x7fffffff, &max_packet) && max_packet >= 4) {
@@ -439,11 +561,20 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    if (flags[12].value == 0) {
-        fprintf(stderr, "echo_server: --worker-queue takes at least 1\n");
+    // Values that would leave a server that cannot serve anyone.
+    for (int must_be_positive : {0, 1, 3, 4, 12}) {
+        if (flags[must_be_positive].value == 0) {
+            fprintf(stderr, "echo_server: %s takes at least 1\n", flags[must_be_positive].name);
+            Usage(stderr);
+            return 2;
+        }
+    }
+    if (flags[1].value < 2) {
+        fprintf(stderr, "echo_server: --pool-blocks takes at least 2 (one block is kept back for replies)\n");
         Usage(stderr);
         return 2;
     }
+    g_drain_ms = static_cast<int>(flags[13].value);
     std::unique_ptr<echo::EchoServerHandler> handler;
     WorkerEchoHandler* workers = nullptr;
     if (flags[11].value > 0) {
@@ -486,7 +617,8 @@ int main(int argc, char** argv) {
         std::string path = stats_file;
         mgr.AddTimer(0, ms > 0 ? ms : 1, [&mgr, path]() { WriteStatsFile(&mgr, path); });
     }
-    echo::StopOnSignals(&mgr);
+    StartMetricsFile(&mgr);
+    DrainOnSignals(&mgr);
     if (workers != nullptr) {
         workers->Start(&mgr, nullptr);
     }
@@ -494,7 +626,11 @@ int main(int argc, char** argv) {
     if (workers != nullptr) {
         workers->Stop();  // before the manager goes: the workers call it
     }
+    PrintDrain(mgr.IsShuttingDown(), mgr.GetShutdownDrainedCount(), mgr.GetShutdownAbortedCount());
     PrintCounts(handler.get(), workers);
     mgr.PrintStats(stdout);
+    if (!g_metrics.path.empty()) {
+        WriteMetricsFile(mgr.FormatMetrics(g_metrics.format));  // the loop has stopped: read in place
+    }
     return ret == 0 ? 0 : 1;
 }

@@ -22,8 +22,9 @@
 // Each phase ends when every connection is done or after --phase-timeout seconds; what is
 // not done by then is reported as not served. With --server-pid the server's VmRSS and open
 // descriptors are sampled after each phase (after connect and close, once the descriptor
-// count settles); with --server-stats FILE the pool use is read from the newest line
-// "pool blocks in use: N" that the server writes to FILE after the phase.
+// count settles); with --server-metrics FILE the pool use is read from the first JSON
+// metrics the server writes to FILE after the phase (echo_server --metrics-file FILE
+// --metrics-format json).
 //
 // Exit status: 0 when every connection connected and was served in both rounds, 1 when some
 // were not (the report is printed either way) or the run could not start, 2 on bad arguments.
@@ -99,7 +100,7 @@ struct Options {
     int window = 1000;  // connects in progress per worker
     bool rst = false;
     long server_pid = 0;
-    std::string stats_file;
+    std::string metrics_file;
     bool json = false;
 };
 
@@ -107,7 +108,7 @@ void Usage(FILE* out) {
     fprintf(out,
             "usage: scale_client [--url URL]... [--conns N] [--procs P] [--sources K] [--size BYTES]\n"
             "                    [--idle SECONDS] [--phase-timeout SECONDS] [--connect-window N]\n"
-            "                    [--close fin|rst] [--server-pid PID] [--server-stats FILE] [--json]\n"
+            "                    [--close fin|rst] [--server-pid PID] [--server-metrics FILE] [--json]\n"
             "  --url URL               echo server, tcp://a.b.c.d:port or tcp://[v6]:port; give it several\n"
             "                          times to spread the connections over several ports\n"
             "                          (default tcp://127.0.0.1:7000)\n"
@@ -123,8 +124,9 @@ void Usage(FILE* out) {
             "  --connect-window N      connects in progress per process (default 1000)\n"
             "  --close fin|rst         close with FIN (default) or with a reset (SO_LINGER 0)\n"
             "  --server-pid PID        sample the server's VmRSS and open descriptors at each phase\n"
-            "  --server-stats FILE     read the server's pool use from the newest line\n"
-            "                          \"pool blocks in use: N\" in FILE (echo_server --stats-file FILE)\n"
+            "  --server-metrics FILE   read the server's pool use (pool.blocks_in_use, of \"total\" with\n"
+            "                          several loops) from the JSON metrics the server rewrites in FILE\n"
+            "                          (echo_server --metrics-file FILE --metrics-format json)\n"
             "  --json                  print one JSON line on stdout (the table goes to stderr)\n"
             "Exit status: 0 when every connection was served in both rounds, 1 otherwise, 2 on bad\n"
             "arguments.\n");
@@ -251,10 +253,10 @@ int ParseOptions(int argc, char** argv, Options* opt) {
             opt->rst = ok && strcmp(v, "rst") == 0;
         } else if (strcmp(a, "--server-pid") == 0) {
             ok = ok && ParseLong(v, 1, 0x7fffffff, &opt->server_pid);
-        } else if (strcmp(a, "--server-stats") == 0) {
+        } else if (strcmp(a, "--server-metrics") == 0) {
             ok = ok && *v != '\0';
             if (ok) {
-                opt->stats_file = v;
+                opt->metrics_file = v;
             }
         } else {
             ok = false;
@@ -792,52 +794,63 @@ long CountFds(long pid) {
     return n;
 }
 
-// Follows the server's statistics file, whether the server appends tables to it or replaces
-// it with each new table: reads what was added since the last call (or the whole file when
-// it was replaced or shrank) and keeps the last "pool blocks in use: N" seen.
-class CStatsFollower {
-  public:
-    explicit CStatsFollower(const std::string& path) : m_path(path) {}
+// The pool's blocks in use from the server's JSON metrics: the object's own "pool", or with
+// several loops the "pool" of "total". -1 when `text` is not a whole object or lacks it.
+long PoolInUse(const std::string& text) {
+    size_t last = text.find_last_not_of(" \t\r\n");
+    if (text.empty() || text[0] != '{' || last == std::string::npos || text[last] != '}') {
+        return -1;
+    }
+    size_t from = text.find("\"total\":");
+    size_t pool = text.find("\"pool\":{", from == std::string::npos ? 0 : from);
+    const char* key = "\"blocks_in_use\":";
+    size_t at = pool == std::string::npos ? pool : text.find(key, pool);
+    if (at == std::string::npos) {
+        return -1;
+    }
+    const char* num = text.c_str() + at + strlen(key);
+    char* end = nullptr;
+    long v = strtol(num, &end, 10);
+    return end == num || v < 0 ? -1 : v;
+}
 
-    // Reads new complete lines; true when one of them carried a pool figure.
+// Follows the server's metrics file, which the server replaces whole at every interval
+// (written beside it and renamed): a poll that finds a new file reads its pool figure.
+class CMetricsFollower {
+  public:
+    explicit CMetricsFollower(const std::string& path) : m_path(path) {}
+
+    // True when the file was replaced since the last call that found one, and the new one
+    // carried a pool figure.
     bool Poll() {
         FILE* f = fopen(m_path.c_str(), "r");
         if (f == nullptr) {
             return false;
         }
         struct stat fst;
-        if (fstat(fileno(f), &fst) != 0) {
+        if (fstat(fileno(f), &fst) != 0 ||
+            (fst.st_ino == m_ino && fst.st_dev == m_dev && fst.st_mtim.tv_sec == m_mtime.tv_sec &&
+             fst.st_mtim.tv_nsec == m_mtime.tv_nsec && fst.st_size == m_size)) {
             fclose(f);
             return false;
         }
-        if (fst.st_ino != m_ino || fst.st_dev != m_dev || fst.st_size < m_offset) {
-            m_ino = fst.st_ino;
-            m_dev = fst.st_dev;
-            m_offset = 0;
-        }
-        bool found = false;
-        if (fseeko(f, m_offset, SEEK_SET) == 0) {
-            std::string line;
-            int ch;
-            off_t pos = m_offset;
-            while ((ch = fgetc(f)) != EOF) {
-                ++pos;
-                if (ch != '\n') {
-                    line.push_back(static_cast<char>(ch));
-                    continue;
-                }
-                m_offset = pos;  // only whole lines are consumed
-                const char* key = "pool blocks in use: ";
-                size_t at = line.rfind(key);
-                if (at != std::string::npos) {
-                    m_pool = strtol(line.c_str() + at + strlen(key), nullptr, 10);
-                    found = true;
-                }
-                line.clear();
-            }
+        std::string text;
+        char buf[65536];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof(buf), f)) > 0) {
+            text.append(buf, n);
         }
         fclose(f);
-        return found;
+        long pool = PoolInUse(text);
+        if (pool < 0) {
+            return false;  // not metrics (yet): looked at again at the next call
+        }
+        m_ino = fst.st_ino;
+        m_dev = fst.st_dev;
+        m_mtime = fst.st_mtim;
+        m_size = fst.st_size;
+        m_pool = pool;
+        return true;
     }
 
     long Pool() const { return m_pool; }
@@ -846,13 +859,14 @@ class CStatsFollower {
     std::string m_path;
     ino_t m_ino = 0;
     dev_t m_dev = 0;
-    off_t m_offset = 0;
+    struct timespec m_mtime = {0, 0};
+    off_t m_size = -1;
     long m_pool = -1;
 };
 
 class CParent {
   public:
-    explicit CParent(const Options& opt) : m_opt(opt), m_stats(opt.stats_file) {}
+    explicit CParent(const Options& opt) : m_opt(opt), m_metrics(opt.metrics_file) {}
     int Run();
 
   private:
@@ -871,7 +885,7 @@ class CParent {
 
     const Options& m_opt;
     std::vector<Worker> m_workers;
-    CStatsFollower m_stats;
+    CMetricsFollower m_metrics;
     long m_listen_overflows = -1;  // during the connect phase, namespace-wide
 };
 
@@ -1019,15 +1033,15 @@ Sample CParent::TakeSample() {
         s.rss_kib = ReadRssKib(m_opt.server_pid);
         s.fds = CountFds(m_opt.server_pid);
     }
-    if (!m_opt.stats_file.empty()) {
-        // Lines already there describe the server before this moment: skip them and wait
-        // (bounded) for the next table.
-        m_stats.Poll();
+    if (!m_opt.metrics_file.empty()) {
+        // The file there now describes the server before this moment: take it in and wait
+        // (bounded) for the next one.
+        m_metrics.Poll();
         const int64_t deadline = NowUs() + 3000000;
-        while (!(s.pool_fresh = m_stats.Poll()) && NowUs() < deadline) {
+        while (!(s.pool_fresh = m_metrics.Poll()) && NowUs() < deadline) {
             SleepUs(20000);
         }
-        s.pool = m_stats.Pool();
+        s.pool = m_metrics.Pool();
     }
     return s;
 }
@@ -1112,12 +1126,12 @@ void CParent::Report(FILE* out, const std::vector<PhaseRow>& rows, uint32_t conn
                 "that connected\n",
                 connected);
     }
-    if (!m_opt.stats_file.empty()) {
+    if (!m_opt.metrics_file.empty()) {
         fprintf(
-            out, "pool blocks: from the first table the server wrote after the phase%s\n",
+            out, "pool blocks: from the first metrics the server wrote after the phase%s\n",
             std::any_of(rows.begin(), rows.end(),
                         [](const PhaseRow& row) { return row.sample.pool >= 0 && !row.sample.pool_fresh; })
-                ? " ('?': no new table within 3 s, older figure)"
+                ? " ('?': no new metrics within 3 s, older figure)"
                 : "");
     }
 }

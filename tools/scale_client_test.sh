@@ -25,6 +25,7 @@ fail() {
 
 "$SCALE" --help >"$DIR/help.out" 2>&1 || fail "--help exited $?"
 grep -q -- "--server-pid" "$DIR/help.out" || fail "--help does not describe --server-pid"
+grep -q -- "--server-metrics" "$DIR/help.out" || fail "--help does not describe --server-metrics"
 
 "$SCALE" --url http://127.0.0.1:1 >/dev/null 2>"$DIR/badurl.err"
 rc=$?
@@ -35,8 +36,10 @@ grep -q "invalid URL 'http://127.0.0.1:1'" "$DIR/badurl.err" || fail "no message
 rc=$?
 [ "$rc" -eq 2 ] || fail "--conns 0 exited $rc, expected 2"
 
-# The server picks a free port and says which on its first line.
-"$SERVER" --listen tcp://127.0.0.1:0 --stats-file "$DIR/stats" --stats-interval 0.1 >"$DIR/server.out" 2>&1 &
+# The server picks a free port and says which on its first line; it rewrites its metrics as
+# JSON every 0.1 s, from which scale_client reads the pool's use.
+"$SERVER" --listen tcp://127.0.0.1:0 --metrics-file "$DIR/metrics.json" --metrics-format json \
+    --metrics-interval 0.1 >"$DIR/server.out" 2>&1 &
 SERVER_PID=$!
 i=0
 PORT=
@@ -50,7 +53,7 @@ done
 [ -n "$PORT" ] || fail "echo_server did not report its port"
 
 "$SCALE" --url "tcp://127.0.0.1:$PORT" --conns 200 --procs 2 --sources 2 --idle 0.5 --phase-timeout 10 \
-    --server-pid "$SERVER_PID" --server-stats "$DIR/stats" --json >"$DIR/run.out" 2>"$DIR/run.err"
+    --server-pid "$SERVER_PID" --server-metrics "$DIR/metrics.json" --json >"$DIR/run.out" 2>"$DIR/run.err"
 rc=$?
 [ "$rc" -eq 0 ] || fail "the run exited $rc"
 JSON=$(cat "$DIR/run.out")
@@ -69,4 +72,7 @@ case "$JSON" in
     *'"rss_kib":null'* | *'"pool_blocks":null'*) fail "a phase has no server sample" ;;
 esac
 grep -q "^ping-pong 2 " "$DIR/run.err" || fail "no table on stderr"
+# The server's metrics count at least the 200 connections accepted.
+ACCEPTS=$(sed -n 's/.*"accepts":\([0-9]*\),.*/\1/p' "$DIR/metrics.json")
+[ -n "$ACCEPTS" ] && [ "$ACCEPTS" -ge 200 ] || fail "the metrics count ${ACCEPTS:-no} accepts"
 echo "ok"

@@ -25,14 +25,15 @@
 // whole state (send queue, receive blocks, the ring of received packets, a half-received
 // packet) is copied into a new connector on the target loop with CTcpConnector::CopyFrom,
 // the descriptor leaves the old loop's epoll and joins the new one's, and the id stays.
-// No byte is lost, duplicated or reordered either way; the handler sees no close. Sends
+// No byte is lost, duplicated or reordered either way; the handler sees no close, and is
+// told by OnMoved on the new loop's thread (the connection's context travels with it). Sends
 // made while the connection is between loops are queued on its new connector in the order
 // they were made. A connection that is dialling, draining, closing or lingering is not
 // moved (counted in GetMoveFailedCount).
 //
 // Threads and locks:
 //   any thread    Dial, Send, SendCorked, Close, Abort, Move, Post, AddTimer, CancelTimer,
-//                 Stop, and the Get... statistics;
+//                 Stop, RequestMetrics, and the Get... statistics;
 //   set-up        Init, Listen, Start (before the loops run; one thread).
 //   m_route_lock  (shared_mutex) the routes of moved connections: taken shared by every
 //                 routed call while the group has moved a connection, exclusively by a
@@ -42,7 +43,9 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <thread>
@@ -82,6 +85,9 @@ class QUOLNET_EXPORT CConnectorGroup {
     // Listens on `url` (see above). Returns the bound port, or the CConnectorMgr::Listen
     // codes. Before Start.
     int Listen(const char* url, int backlog = CConnectorMgr::kDefaultBacklog);
+    // The same, with what every accepted socket is set to, on every loop (see
+    // CConnectorMgr::Listen).
+    int Listen(const char* url, const SocketOptions& socket, int backlog = CConnectorMgr::kDefaultBacklog);
     std::string GetListenURL() const;
     // Whether every loop has its own listening socket (SO_REUSEPORT) for the last Listen.
     bool IsReusePort() const { return m_reuse_port_active; }
@@ -89,6 +95,15 @@ class QUOLNET_EXPORT CConnectorGroup {
     int Start();
     // Stops the loops and waits for their threads. Any thread but a loop's; idempotent.
     void Stop();
+    // Drains every loop as CConnectorMgr::Shutdown(timeout_ms) does, waits for the loops to
+    // finish (at most about `timeout_ms` plus the last aborts) and then stops them as Stop.
+    // Any thread but a loop's.
+    void Shutdown(int timeout_ms);
+    // Every loop's connection ids, in ascending order. Any thread.
+    std::vector<ConnId> ListConnections();
+    // Sums over the loops of CConnectorMgr's shutdown counts. Any thread.
+    uint64_t GetShutdownDrainedCount() const;
+    uint64_t GetShutdownAbortedCount() const;
 
     // Dials `url` on loop `loop` (-1: round-robin). Returns the id, or 0 (see
     // CConnectorMgr::Dial). Any thread.
@@ -124,6 +139,17 @@ class QUOLNET_EXPORT CConnectorGroup {
     uint64_t GetMoveFailedCount() const { return m_moves_failed.load(); }
     // One line per loop (connections, accepted, closed) and the totals. Any thread.
     std::string FormatStats();
+    // Every loop's metrics (the formats of net/owner/metrics.h: each family once, a sample
+    // per loop labelled loop="i", then the group's moves; in JSON a "loops" array, a
+    // "total" object and the moves). Each loop takes its snapshot on its own thread.
+    // RequestMetrics: any thread, loop threads included; `done` is called once with the
+    // text, on the thread of the loop that reports last (on the calling thread when the
+    // loops are not running: before Start, after Stop).
+    void RequestMetrics(MetricsFormat format, std::function<void(const std::string&)> done);
+    // FormatMetrics: the same, waited for. Any thread but the group's loop threads, which
+    // use RequestMetrics (a loop that waited for the others could wait for one waiting for
+    // it): there it returns "". Before Start and after Stop it reads the loops in place.
+    std::string FormatMetrics(MetricsFormat format);
 
   private:
     friend class CConnectorMgr;
@@ -133,6 +159,7 @@ class QUOLNET_EXPORT CConnectorGroup {
         int loop;                // the loop serving the connection (or receiving it)
         CTcpConnector* transit;  // non-null while the connection is between loops
         bool want_room;          // a Send in transit was refused for want of room
+        TrafficCounts carried;   // the traffic it had when it left its last loop
     };
 
     int HomeLoop(ConnId id) const;
@@ -150,6 +177,8 @@ class QUOLNET_EXPORT CConnectorGroup {
     void SetTransit(OwnedConn* conn, CConnectorMgr* to);
     bool Arrived(ConnId id, int loop);
     void Dispatch(int fd, const std::string& peer);
+    // Every loop's snapshot taken on the calling thread. The loops are not running.
+    std::string FormatMetricsInPlace(MetricsFormat format);
 
     IConnectorHandler* m_handler;
     ConnectorGroupOptions m_options;
@@ -170,6 +199,13 @@ class QUOLNET_EXPORT CConnectorGroup {
     std::atomic<uint64_t> m_route_epoch{0};
     std::atomic<uint64_t> m_moves_done;
     std::atomic<uint64_t> m_moves_failed;
+    // Whether the loops run on their threads (Start to Stop), and those threads' ids; guarded
+    // by m_run_mutex, which Stop holds while it runs the work posted to stopped loops, so
+    // that metrics are taken either by the loops or in place, never both at once. Recursive:
+    // that work may ask for metrics itself.
+    std::recursive_mutex m_run_mutex;
+    bool m_running = false;
+    std::vector<std::thread::id> m_loop_threads;
 };
 
 }  // namespace QUOLNET

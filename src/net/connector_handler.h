@@ -3,6 +3,12 @@
 // Every method runs on the manager's loop thread (the thread inside Run/RunOnce), with no
 // manager lock held, so a handler may call any method of the manager, Send and Close
 // included. Connections are named by ConnId, a number never reused within one manager.
+//
+// Per-connection context: the application attaches a pointer (or a small value cast to
+// one) to a connection with CConnectorMgr::SetContext (or DialOptions::context), and any
+// method below that names a connection reads it back with mgr->CurrentContext(), without a
+// lookup. It stays with the connection across reconnects and moves, and OnClosed still
+// sees it (when not `reconnecting`, the last time: the place to free it).
 #pragma once
 
 #include <cstdint>
@@ -98,6 +104,17 @@ class QUOLNET_EXPORT IConnectorHandler {
         (void)mgr;
         (void)id;
         (void)info;
+    }
+
+    // The connection moved from loop `from` to loop `to` of a CConnectorGroup (Move): called
+    // on `to`'s thread once it serves the connection, before any packet that arrives there
+    // is offered. The id and the context stayed (to->CurrentContext() gives it); only the
+    // loop changed, so state kept per loop moves here. `from` names the old loop (its
+    // GetLoopIndex); its thread is another's, so nothing else of it may be called here.
+    virtual void OnMoved(CConnectorMgr* from, CConnectorMgr* to, ConnId id) {
+        (void)from;
+        (void)to;
+        (void)id;
     }
 
     // Called once at the end of every loop iteration (after packets, accepts and timers).

@@ -119,6 +119,7 @@
 #include "net/owner/conn_table.h"
 #include "net/owner/dialler.h"
 #include "net/owner/event_loop.h"
+#include "net/owner/metrics.h"
 #include "net/owner/mgr_stats.h"
 #include "net/tcp_connector.h"
 #include "net/tcp_listener.h"
@@ -216,6 +217,11 @@ class QUOLNET_EXPORT CConnectorMgr {
     // (the one chosen when the URL asks for port 0), -1 for a malformed URL, -2 when the
     // socket cannot listen. Loop thread (or before Run).
     int Listen(const char* url, int backlog = kDefaultBacklog);
+    // The same, with what every accepted socket is set to (net/socket_options.h; the buffer
+    // sizes on the listening socket, which the accepted ones inherit). A connection whose
+    // options fail, or whose `setup` refuses it, is closed before OnConnected and counted
+    // (GetRefusedCount(AcceptRefusal::kSocketSetup)).
+    int Listen(const char* url, const SocketOptions& socket, int backlog = kDefaultBacklog);
     // The bound URL of the i-th listener ("" when there is none).
     std::string GetListenURL(size_t i) const;
 
@@ -284,6 +290,33 @@ class QUOLNET_EXPORT CConnectorMgr {
     int Run();
     // Makes Run return soon. Any thread; async-signal-safe.
     void Stop();
+
+    // ---- stopping a server without dropping anyone ----
+
+    // Closes every listener: no new connection is accepted (connections still in a
+    // listener's queue are refused by the kernel; a successor process that listens on the
+    // same port with SO_REUSEPORT takes the new ones). Established connections go on.
+    // Loop thread (or before Run); from another thread use Shutdown or Post.
+    void StopListening();
+    // The ids of the connections the manager holds now (dials in progress and waiting
+    // ones included), in ascending order. Any thread.
+    std::vector<ConnId> ListConnections();
+    // Drains the server and then makes Run return: stops listening, ends every connection
+    // gracefully and aborts what is left `timeout_ms` after the call is taken up.
+    // Gracefully means: reading stops, the packets already received are still offered to
+    // OnPacket, their replies (and replies held open with HoldOpen) are flushed, every Send
+    // that returned its length reaches the peer whole, the sending side is shut down and the
+    // peer's end of stream is awaited (LINGER); OnClosed reports kClosedLocally. Dials in
+    // progress or waiting to redial end at once, and nothing reconnects. At the deadline
+    // the connections still open are aborted (their queued bytes dropped). Run returns once
+    // no connection is left. A second call changes nothing. Any thread; async-signal-safe
+    // (an atomic store and a write to the eventfd), so a SIGTERM handler may call it.
+    void Shutdown(int timeout_ms);
+    bool IsShuttingDown() const { return m_shutdown_requested_ms.load() >= 0; }
+    // After Shutdown: connections it ended gracefully, and those aborted at its deadline.
+    // Any thread.
+    uint64_t GetShutdownDrainedCount() const { return m_shutdown_drained.load(); }
+    uint64_t GetShutdownAbortedCount() const { return m_shutdown_aborted.load(); }
     bool IsStopping() const { return m_stop.load(); }
 
     // Timers run on the loop thread. `delay_ms` until the first run, then every
@@ -300,6 +333,19 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Asks the loop to print the table to the configured output at its next tick. Any thread.
     void RequestStats();
 
+    // Metrics in machine-readable form (JSON or the Prometheus text format; the keys, names
+    // and meanings are listed in net/owner/metrics.h). Counters never go down: the traffic
+    // of a connection that ends or moves to another loop joins running totals as it
+    // leaves, and no work is added per packet.
+    // SnapshotMetrics fills `out` with the figures now; it walks the connections for their
+    // bytes and packets, so it runs on the loop thread (or when the loop is not running),
+    // as does FormatMetrics, which formats that snapshot.
+    void SnapshotMetrics(MgrMetrics* out);
+    std::string FormatMetrics(MetricsFormat format);
+    // Any thread: takes the snapshot on the loop thread at its next tick and calls `done`
+    // there with the text. Nothing is called if the loop never runs again.
+    void RequestMetrics(MetricsFormat format, std::function<void(const std::string&)> done);
+
     bool IsConnected(ConnId id);
     size_t GetConnectionCount();
     CNetBufferMgr* GetPool() { return m_pool; }
@@ -308,6 +354,24 @@ class QUOLNET_EXPORT CConnectorMgr {
     // receive side (Peek, Drop and the rest) is set single-threaded (SetSingleThreadRecv) and
     // must be used on the loop thread; Send and SendToQ keep their any-thread contract.
     CTcpConnector* GetConnector(ConnId id);
+
+    // The application's context of a connection: a pointer (or a small value cast to one)
+    // that the manager carries and never reads, frees or copies anywhere but with the
+    // connection. SetContext attaches it (false for an unknown id); it stays through
+    // reconnects under the same id and moves to another loop of a group, and OnClosed still
+    // sees it (when not `reconnecting`, for the last time: the place to free it). A dialled
+    // connection may start with one (DialOptions::context). Loop thread serving `id` (inside
+    // a handler call, `mgr` is that loop).
+    bool SetContext(ConnId id, void* ctx);
+    // The context of `id`, or null (unknown id, or none set). Loop thread serving `id`.
+    void* GetContext(ConnId id);
+    // The context of the connection the handler call in progress is about (OnConnected,
+    // OnPacket, OnWritable, OnClosed, OnMoved), read without a lookup; null outside those
+    // calls or when none was set. Loop thread.
+    void* CurrentContext() const {
+        const OwnedConn* c = m_cb_conn != nullptr ? m_cb_conn : m_delivering;
+        return c != nullptr ? c->context : nullptr;
+    }
     // Number of times a listener was paused at the descriptor limit. Any thread.
     int GetAcceptPauseCount() const { return m_acceptor.GetPauseCount(); }
     // Number of times a listener was paused at max_connections with none idle enough to
@@ -316,7 +380,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     // The connection limit in force (max_connections, or the figure derived from the
     // descriptor limit); 0 before Init. Any thread after Init.
     unsigned int GetMaxConnections() const { return m_admission.GetLimit(); }
-    // Connections closed at accept for `reason` (max_connections_per_source). Any thread.
+    // Connections closed at accept for `reason` (max_connections_per_source, the listener's
+    // socket options). Any thread.
     uint64_t GetRefusedCount(AcceptRefusal reason) const { return m_stats.GetRefusedCount(reason); }
     // Descriptors accepted by this manager's listeners. Any thread.
     uint64_t GetAcceptCount() const { return m_acceptor.GetAcceptCount(); }
@@ -341,6 +406,20 @@ class QUOLNET_EXPORT CConnectorMgr {
     friend class CConnAdmission;
 
     LogCategory* LogCat() const { return m_options.log_cat; }
+    // Names `c` as the connection of the handler calls made during its life (CurrentContext).
+    class HandlerScope {
+      public:
+        HandlerScope(CConnectorMgr& mgr, OwnedConn* c) : m_mgr(mgr), m_saved(mgr.m_cb_conn) {
+            mgr.m_cb_conn = c;
+        }
+        ~HandlerScope() { m_mgr.m_cb_conn = m_saved; }
+        HandlerScope(const HandlerScope&) = delete;
+        HandlerScope& operator=(const HandlerScope&) = delete;
+
+      private:
+        CConnectorMgr& m_mgr;
+        OwnedConn* m_saved;
+    };
     int InitResources();
     OwnedConn* NewConn(const char* url);
     void AdoptAccepted(int fd, const std::string& peer);
@@ -378,6 +457,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     void EndTick();
     void FlushCorked();
     void DrainWork();
+    // Shutdown's work on the loop thread: begins the drain once asked, aborts what is left at
+    // the deadline, and stops the loop when no connection is left.
+    void RunShutdown(int64_t now);
     // The default logging's count of dropped lines, once their second is over (`now`: at
     // once). Loop thread, or the destructor.
     void FlushDroppedLog(bool now);
@@ -413,6 +495,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     CMgrStats m_stats;
     CConnAdmission m_admission;
 
+    // The connection of the OnConnected, OnWritable, OnClosed or OnMoved call in progress
+    // (HandlerScope), for CurrentContext. Loop thread.
+    OwnedConn* m_cb_conn = nullptr;
     OwnedConn* m_delivering;              // the connection whose packet OnPacket is handling
     std::vector<OwnedConn*> m_work;       // connections to service this tick (loop thread)
     std::vector<OwnedConn*> m_starved;    // reading waits for a block, oldest first (loop thread)
@@ -423,6 +508,12 @@ class QUOLNET_EXPORT CConnectorMgr {
 
     std::mutex m_recheck_mutex;             // guards m_recheck_foreign
     std::vector<ConnId> m_recheck_foreign;  // rechecks asked for by other threads
+
+    std::atomic<int> m_shutdown_requested_ms{-1};  // Shutdown's timeout; -1: not asked
+    bool m_shutting_down = false;                  // the drain has begun (loop thread)
+    int64_t m_shutdown_deadline_ms = 0;            // (loop thread)
+    std::atomic<uint64_t> m_shutdown_drained{0};
+    std::atomic<uint64_t> m_shutdown_aborted{0};
 
     std::atomic<bool> m_stop;
     std::atomic<bool> m_stats_requested;

@@ -223,11 +223,16 @@ void CTcpConnector::GetIPAndPort(int& ip, int& port) {
 // Dials the parsed address. m_mutex is held from the status check to the end of the dial;
 // m_rx_mutex and then m_tx_mutex are taken inside it one after the other (never together)
 // to return the previous connection's blocks. Every failure after the socket exists goes
-// through Close with m_mutex released (the mutex is not recursive). Failures -4..-8 happen
-// in status 0, so Close leaves that descriptor open in m_socket with m_close_socket set;
+// through Close with m_mutex released (the mutex is not recursive). Failures -4..-8 (and an
+// owner's set-up that fails, kConnectSetupFailed) happen in status 0, so Close leaves that
+// descriptor open in m_socket with m_close_socket set;
 // only a failed dial (-9) really closes it here. Each errno is read right after the call
 // that failed, before any log argument is evaluated.
 int CTcpConnector::Connect() {
+    return ConnectWith(nullptr, nullptr);
+}
+
+int CTcpConnector::ConnectWith(ConnectSetupFn setup, void* setup_arg) {
     QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::Connect(), url=%s", GetURL());
 
     int fail_code = 0;
@@ -269,17 +274,22 @@ int CTcpConnector::Connect() {
             QN_LOG(m_log_cat, QN_ERROR, "set socket option -- nonblock failed! url=%s, errno=%d", GetURL(),
                    err);
             fail_code = -4;
-        } else if (setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, 4) != 0) {
+        } else if (setup != nullptr && setup(setup_arg, m_socket) != 0) {
+            QN_LOG(m_log_cat, QN_ERROR, "the owner's socket set-up refused the dial, url=%s", GetURL());
+            fail_code = kConnectSetupFailed;
+        } else if (setup == nullptr && setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, 4) != 0) {
             int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(),
                    err);
             fail_code = -5;
-        } else if (sock_set_sendbuff(m_socket, CConnector::m_socket_send_buff_size) != 0) {
+        } else if (setup == nullptr &&
+                   sock_set_sendbuff(m_socket, CConnector::m_socket_send_buff_size) != 0) {
             int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "sock_set_sendbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
                    CConnector::m_socket_send_buff_size, err);
             fail_code = -6;
-        } else if (sock_set_recvbuff(m_socket, CConnector::m_socket_recv_buff_size) != 0) {
+        } else if (setup == nullptr &&
+                   sock_set_recvbuff(m_socket, CConnector::m_socket_recv_buff_size) != 0) {
             int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "sock_set_recvbuff() failed! url=%s, size=%d, errno=%d", GetURL(),
                    CConnector::m_socket_recv_buff_size, err);

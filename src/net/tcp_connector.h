@@ -228,6 +228,10 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // Complete packets received on this connection (the counter behind the first-packet
     // dump). Reset clears it, CopyFrom copies it.
     long GetRecvPacketCount() const { return m_rx_packet_cnt; }
+    // Packets offered to Send and SendToQ on this connection (the count behind the first-send
+    // dump and the statistics row's sent column: refused offers included). Reset clears it,
+    // CopyFrom copies it. Any thread (relaxed read).
+    int64_t GetSentPacketCount() const { return m_tx_packet_cnt; }
 
     // ---- why Update ended the connection ----
 
@@ -256,6 +260,18 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // registration failed (descriptor left open, see above); -9 the dial failed (closed).
     // Owner's thread.
     int Connect() override;
+    // The socket set-up of a dial, for owners that set their sockets up themselves: called
+    // with the new descriptor (already non-blocking), before the epoll registration and
+    // connect(2). Returns 0 to go on.
+    typedef int (*ConnectSetupFn)(void* arg, int fd);
+    static constexpr int kConnectSetupFailed = -10;
+    // Connect, with `setup(arg, fd)` in place of Connect's own TCP_NODELAY and kernel buffer
+    // sizes (m_socket_send_buff_size / m_socket_recv_buff_size are not applied), so that it
+    // may leave the buffers to the kernel's auto-tuning, bind a source address or set any
+    // option. A nonzero result of `setup` fails with kConnectSetupFailed, the descriptor left
+    // open as for -4..-8 (errno is the setup's to report). A null `setup` is Connect itself.
+    // Owner's thread.
+    int ConnectWith(ConnectSetupFn setup, void* arg);
     // Logs and closes (see Close).
     void Disconnect(LogCategory* log_cat) override;
     // Removes the socket from epoll, closes it when m_close_socket is set, and sets status 0,

@@ -22,7 +22,7 @@ namespace QUOLNET {
         }                                                                                \
     } while (0)
 
-CTcpListener::CTcpListener() : m_fd(-1), m_port(0), m_last_errno(0), m_log_cat(nullptr) {}
+CTcpListener::CTcpListener() : m_fd(-1), m_port(0), m_last_errno(0), m_log_cat(nullptr), m_refused_cnt(0) {}
 
 CTcpListener::~CTcpListener() {
     Close();
@@ -113,6 +113,7 @@ std::string CTcpListener::FormatURL(const struct sockaddr* addr) {
 int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat, bool reuse_port) {
     Close();
     m_log_cat = log_cat;
+    m_refused_cnt = 0;
     struct sockaddr_storage addr;
     socklen_t len = 0;
     std::string why;
@@ -139,6 +140,16 @@ int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat, bool 
     }
     if (addr.ss_family == AF_INET6) {
         setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof(one));
+    }
+    // Accepted sockets inherit the buffer sizes, and the receive buffer sizes the window
+    // scale that the handshake offers: so they are set here, before listen(2).
+    SocketSetupError err;
+    if (ApplyBufferSizes(fd, m_options, &err) != 0) {
+        m_last_errno = err.error;
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "%s, url=%s, errno=%d", err.step.c_str(), url,
+                        m_last_errno);
+        ::close(fd);
+        return -2;
     }
     if (bind(fd, reinterpret_cast<struct sockaddr*>(&addr), len) != 0 || listen(fd, backlog) != 0) {
         m_last_errno = errno;
@@ -177,8 +188,25 @@ int CTcpListener::Accept(std::string* peer_url) {
                 return ACCEPT_TRANSIENT;
         }
     }
-    int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    SocketSetupError err;
+    int ret = ApplyTcpOptions(fd, m_options, &err);
+    bool chosen = false;  // refused by the application's setup function, not by a failure
+    if (ret == 0) {
+        ret = RunSocketSetup(fd, m_options, &err);
+        chosen = ret != 0;
+    }
+    if (ret != 0) {
+        ::close(fd);
+        m_last_errno = err.error;
+        if (m_refused_cnt++ == 0) {
+            QN_LISTENER_LOG(m_log_cat, chosen ? LOG_PRIORITY_INFO : LOG_PRIORITY_WARN,
+                            "accepted connection from %s refused on %s: %s, errno=%d (logged once per "
+                            "listener; every one is counted)",
+                            FormatURL(reinterpret_cast<struct sockaddr*>(&peer)).c_str(), m_url.c_str(),
+                            err.step.c_str(), m_last_errno);
+        }
+        return ACCEPT_REFUSED;
+    }
     if (peer_url != nullptr) {
         *peer_url = FormatURL(reinterpret_cast<struct sockaddr*>(&peer));
     }

@@ -2,18 +2,21 @@
 // "tcp://[v6]:port" URLs, used by CConnectorMgr to accept connections.
 //
 // The listener only owns its own descriptor. Accepted descriptors are handed to the caller
-// (non-blocking, close-on-exec, TCP_NODELAY set), who owns them from then on. A port of 0
-// binds a free port; GetPort()/GetURL() report the one the kernel chose.
+// (non-blocking, close-on-exec, with the listener's SocketOptions applied: by default
+// TCP_NODELAY set), who owns them from then on. A port of 0 binds a free port;
+// GetPort()/GetURL() report the one the kernel chose.
 //
 // Threads: not thread-safe; the owner's loop thread opens, accepts and closes.
 #pragma once
 
 #include <sys/socket.h>
 
+#include <cstdint>
 #include <string>
 
 #include "common/export.h"
 #include "log/log.h"
+#include "net/socket_options.h"
 
 namespace QUOLNET {
 
@@ -24,6 +27,7 @@ class QUOLNET_EXPORT CTcpListener {
         ACCEPT_WOULD_BLOCK = -1,  // nothing pending
         ACCEPT_FD_LIMIT = -2,     // out of descriptors (EMFILE, ENFILE) or kernel memory
         ACCEPT_TRANSIENT = -3,    // the pending connection failed (e.g. aborted); try again
+        ACCEPT_REFUSED = -4,      // the socket options or their setup function refused it (closed)
     };
 
     CTcpListener();
@@ -37,9 +41,19 @@ class QUOLNET_EXPORT CTcpListener {
     // connections over them). Returns 0, -1 for a malformed URL, -2 when the socket cannot
     // be made, bound or put to listen, -3 when SO_REUSEPORT is refused (errno kept in
     // GetLastErrno()).
+    // The buffer sizes of the options set with SetSocketOptions are set on the listening
+    // socket here (a failure is -2).
     int Open(const char* url, int backlog, LogCategory* log_cat, bool reuse_port = false);
+    // What every accepted socket is set to (see net/socket_options.h); the defaults set
+    // TCP_NODELAY only. Before Open; `source_address` is not used.
+    void SetSocketOptions(const SocketOptions& options) { m_options = options; }
+    const SocketOptions& GetSocketOptions() const { return m_options; }
     // Accepts one pending connection. Returns the new descriptor, or one of the ACCEPT_*
-    // codes. `peer_url` (may be null) receives the peer's address as a tcp:// URL.
+    // codes. `peer_url` (may be null) receives the peer's address as a tcp:// URL. A
+    // connection whose options fail (or whose setup function refuses it) is closed and
+    // reported as ACCEPT_REFUSED, with the errno in GetLastErrno(); the first such refusal
+    // of the listener is logged (WARN for a failed option, INFO for the setup function's
+    // choice), and every one is counted (GetRefusedCount).
     int Accept(std::string* peer_url);
     // Closes the listening descriptor (idempotent).
     void Close();
@@ -49,6 +63,8 @@ class QUOLNET_EXPORT CTcpListener {
     // The bound address as a URL, with the actual port.
     const std::string& GetURL() const { return m_url; }
     int GetLastErrno() const { return m_last_errno; }
+    // Connections refused by their socket options (ACCEPT_REFUSED) since Open.
+    uint64_t GetRefusedCount() const { return m_refused_cnt; }
 
     // Parses "tcp://a.b.c.d:port" or "tcp://[v6]:port" (numeric addresses, port 0..65535)
     // into `addr`/`len`. Returns 0, or -1 with a reason in `why` (may be null).
@@ -62,6 +78,8 @@ class QUOLNET_EXPORT CTcpListener {
     int m_last_errno;
     std::string m_url;
     LogCategory* m_log_cat;
+    SocketOptions m_options;
+    uint64_t m_refused_cnt;
 };
 
 }  // namespace QUOLNET

@@ -6,7 +6,8 @@
 # is full at once and connections are paused and resumed all the time. readme_client must
 # verify its 1000 echoes; hostile_peer's halfclose-burst clients (16 requests, then
 # shutdown(SHUT_WR), then read to the end) must get every reply whole before the end of
-# stream; and the server must report packets refused for a full queue (the pause was used).
+# stream; and the server must report packets refused for a full queue (the pause was used)
+# and, stopped with SIGTERM, its drain.
 set -u
 server=$1
 client=$2
@@ -64,10 +65,14 @@ case "$json" in
     *'"answered":0,'*) fail "no request was answered" ;;
 esac
 
-kill "$pid"
+# SIGTERM drains: with no client left, nothing is aborted.
+kill -TERM "$pid"
 wait "$pid"
 pid=
 wait "$reader"  # the server's exit report is all in
+grep -q '^echo_server: drained [0-9]* connections, aborted 0 at the deadline$' "$dir/server.txt" ||
+    fail "echo_server did not report its drain"
+echo "server: $(grep '^echo_server: drained' "$dir/server.txt")"
 refused=$(sed -n 's/^echo_server: workers: .*, \([0-9]*\) packets refused for a full queue$/\1/p' "$dir/server.txt")
 echo "server: $(grep '^echo_server: workers:' "$dir/server.txt")"
 [ -n "$refused" ] || fail "echo_server printed no worker counts"

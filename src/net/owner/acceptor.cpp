@@ -14,8 +14,9 @@
 
 namespace QUOLNET {
 
-int CAcceptor::Listen(const char* url, int backlog, bool reuse_port) {
+int CAcceptor::Listen(const char* url, int backlog, bool reuse_port, const SocketOptions& socket) {
     std::unique_ptr<CTcpListener> l(new CTcpListener());
+    l->SetSocketOptions(socket);
     int ret = l->Open(url, backlog, m_log_cat, reuse_port);
     if (ret != 0) {
         return ret;
@@ -84,6 +85,13 @@ void CAcceptor::AcceptReady(size_t idx) {
         if (fd == CTcpListener::ACCEPT_FD_LIMIT) {
             PauseForDescriptors(idx);
             return;
+        }
+        if (fd == CTcpListener::ACCEPT_REFUSED) {
+            ++m_accept_cnt;  // accepted, then closed: the listener logged the first one
+            if (m_refused) {
+                m_refused();
+            }
+            continue;
         }
         if (fd < 0) {
             continue;

@@ -50,21 +50,25 @@ class CAcceptor {
         virtual void OnFull(const std::string& url) = 0;
     };
 
-    // `adopt` takes each accepted descriptor (non-blocking, close-on-exec, TCP_NODELAY) and
-    // the peer's URL, and owns the descriptor from then on.
+    // `adopt` takes each accepted descriptor (non-blocking, close-on-exec, the listener's
+    // SocketOptions applied) and the peer's URL, and owns the descriptor from then on.
     typedef std::function<void(int fd, const std::string& peer)> AdoptFn;
+    // Told of each connection a listener's SocketOptions refused (already closed).
+    typedef std::function<void()> RefusedFn;
 
     explicit CAcceptor(CEventLoop& loop)
         : m_loop(loop), m_log_cat(nullptr), m_gate(nullptr), m_retry_timer(0), m_fd_episode(false) {}
     void SetLogCat(LogCategory* cat) { m_log_cat = cat; }
     void SetAdopt(AdoptFn adopt) { m_adopt = std::move(adopt); }
+    void SetOnRefused(RefusedFn refused) { m_refused = std::move(refused); }
     // The admission gate (not owned); null admits everything.
     void SetGate(IGate* gate) { m_gate = gate; }
 
     // Listens on `url` (SO_REUSEPORT when `reuse_port`) and adds the listener to the loop's
-    // epoll. Returns the bound port, -1 for a malformed URL, -2 when the socket cannot
-    // listen, -3 when SO_REUSEPORT was asked for and refused.
-    int Listen(const char* url, int backlog, bool reuse_port);
+    // epoll; every accepted socket is set to `socket` (CTcpListener::SetSocketOptions).
+    // Returns the bound port, -1 for a malformed URL, -2 when the socket cannot listen, -3
+    // when SO_REUSEPORT was asked for and refused.
+    int Listen(const char* url, int backlog, bool reuse_port, const SocketOptions& socket = SocketOptions());
     std::string GetListenURL(size_t i) const;
     size_t GetListenerCount() const { return m_listeners.size(); }
     // The index of the listener whose epoll data is `ptr`, or -1.
@@ -93,6 +97,7 @@ class CAcceptor {
     CEventLoop& m_loop;
     LogCategory* m_log_cat;
     AdoptFn m_adopt;
+    RefusedFn m_refused;
     IGate* m_gate;
     std::vector<std::unique_ptr<CTcpListener>> m_listeners;
     std::vector<bool> m_paused;

@@ -11,6 +11,8 @@
 //             WAIT_RETRY <--reconnect-- CLOSING <---------- peer's end ---- LINGER
 //                                        (socket gone; offers what is left)
 //
+//   Shutdown takes ESTABLISHED to DRAINING as the peer's end does (reading stops, what
+//   came is still offered, holds are honoured); its LINGER then reads and drops as Close's.
 //   DRAINING ends ("idle sender") only when the ring is done, no reply is corked, no hold
 //   is left (HoldOpen, after the peer's end) and the connector finds nothing being sent:
 //   no thread holds its sending role, no push is under way, the queue is empty. That is
@@ -25,7 +27,8 @@
 //   accepted connections start in ESTABLISHED; CLOSING ends in OnClosed (and a redial for
 //   a dialled connection with reconnect), the record then goes to the graveyard.
 //   A connection that moves to another loop of a group leaves ESTABLISHED on one manager
-//   and enters ESTABLISHED on the other with the same id and all of its state.
+//   and enters ESTABLISHED on the other with the same id and all of its state (the
+//   application's context included); OnMoved tells the handler, on the new loop's thread.
 //
 // Threads: the record belongs to its manager's loop thread, except `id` and `connector`,
 // which other threads reach through the id map under CConnTable's lock, and the Relaxed
@@ -39,6 +42,7 @@
 
 #include "common/relaxed.h"
 #include "net/connector_handler.h"
+#include "net/socket_options.h"
 #include "net/tcp_connector.h"
 
 namespace QUOLNET {
@@ -52,6 +56,13 @@ struct DialOptions {
     int backoff_initial_ms = 50;  // first redial delay; doubled after every failure
     int backoff_max_ms = 2000;    // cap of the delay
     int max_attempts = 0;         // > 0: give up after this many failed attempts in a row
+    // What the socket is set to for every attempt (net/socket_options.h). By default
+    // TCP_NODELAY only: the kernel's buffer auto-tuning is left on (CTcpConnector's
+    // process-wide m_socket_send_buff_size / m_socket_recv_buff_size do not apply here).
+    SocketOptions socket;
+    // The connection's context from the start (CConnectorMgr::SetContext), for a dial made
+    // where SetContext cannot be called (CConnectorGroup::Dial from another thread).
+    void* context = nullptr;
 };
 
 enum ConnState {
@@ -87,12 +98,15 @@ struct OwnedConn {
     int fd = -1;  // the descriptor the manager owns; -1 when none
     bool accepted = false;
     std::string url;
-    DialOptions dial;
+    // A dialled connection's options (null for an accepted one); shared, never changed, by
+    // the records a move makes.
+    std::shared_ptr<const DialOptions> dial;
     ConnState state = CONN_CONNECTING;  // changed only by CConnService::SetState
     Relaxed<int> gate;                  // a ConnGate, set with `state`; read by any thread
     bool was_established = false;       // OnConnected was reported for the current socket
     bool close_requested = false;       // Abort(id) or a failed Send: close at once
     bool graceful = false;              // Close(id): drain, shut down, linger, close
+    bool shutdown_drain = false;        // Shutdown: stop reading, reply to what came, then as Close
     bool refused = false;               // the handler refused a packet in this offer
     bool app_paused = false;            // PauseReading or a refused packet: no reading, no offers
     bool paused_for_room = false;       // paused by a packet refused after a kSendNoRoom: room resumes it
@@ -119,6 +133,12 @@ struct OwnedConn {
     ConnProgress progress;         // what the limit sweep has seen (loop thread)
     int64_t linger_until_ms = 0;   // LINGER ends by then
     CConnectorMgr* mgr = nullptr;  // the manager whose loop serves it
+    // The application's context (CConnectorMgr::SetContext); the manager only carries it,
+    // through reconnects and moves. Loop thread.
+    void* context = nullptr;
+    // Set by a move until the target loop has adopted the record (CConnMover): the loop
+    // the connection came from, for OnMoved.
+    CConnectorMgr* moved_from = nullptr;
 };
 
 }  // namespace QUOLNET

@@ -227,6 +227,7 @@ void CConnLimits::NotifyRoom() {
             m_mgr.SetPausedNow(id, false);  // it refused a packet for want of room: offer it again
         }
         if (m_mgr.m_handler != nullptr) {
+            CConnectorMgr::HandlerScope scope(m_mgr, c);
             m_mgr.m_handler->OnWritable(&m_mgr, id);
         }
     }

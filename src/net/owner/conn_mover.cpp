@@ -31,7 +31,9 @@ OwnedConn* CConnMover::MakeCopy(CConnectorMgr& from, OwnedConn* c, CConnectorMgr
     n->id = c->id;
     n->fd = c->fd;
     n->accepted = c->accepted;
-    n->dial = c->dial;
+    n->dial = c->dial;  // shared and never changed: the old record may go on its own thread
+    n->context = c->context;
+    n->moved_from = &from;
     n->was_established = c->was_established;
     n->refused = c->refused;
     n->app_paused = c->app_paused;
@@ -103,6 +105,13 @@ void CConnMover::Adopt(CConnectorMgr& to, OwnedConn* n) {
         n->connector->PauseReading(true);  // the application's pause travels with it
     }
     to.Queue(n);
+    // Before the first offer on this loop: the handler may move what it keeps per loop.
+    CConnectorMgr* from = n->moved_from;
+    n->moved_from = nullptr;
+    if (to.m_handler != nullptr) {
+        CConnectorMgr::HandlerScope scope(to, n);
+        to.m_handler->OnMoved(from, &to, n->id);
+    }
 }
 
 }  // namespace QUOLNET

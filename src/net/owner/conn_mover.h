@@ -16,8 +16,9 @@
 //      route lock, so that a Close routed to the target arrives after it); the old record
 //      goes to the source's graveyard and its connector returns its blocks.
 // Adopt runs on the target loop's thread: the connection joins the target's table, the
-// route points at the target, and it is serviced in the same tick (packets already in
-// its ring are offered; the descriptor's readiness arrives from the new epoll set).
+// route points at the target, the handler hears of it (OnMoved), and it is serviced in the
+// same tick (packets already in its ring are offered; the descriptor's readiness arrives
+// from the new epoll set). The application's context travels in the record (MakeCopy).
 #pragma once
 
 #include "net/owner/conn.h"

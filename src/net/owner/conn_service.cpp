@@ -100,7 +100,7 @@ void CConnService::ServiceEstablished(OwnedConn* c) {
         BeginClose(c);
         return;
     }
-    if (c->graceful || k->IsPeerClosed()) {
+    if (c->graceful || k->IsPeerClosed() || c->shutdown_drain) {
         EnterDraining(c);
         return;
     }
@@ -131,6 +131,8 @@ void CConnService::EnterDraining(OwnedConn* c) {
     if (c->graceful) {
         SetCloseInfo(c, CloseReason::kClosedLocally, 0);
         c->refused = false;
+    } else if (c->shutdown_drain && !c->connector->IsPeerClosed()) {
+        SetCloseInfo(c, CloseReason::kClosedLocally, 0);
     } else {
         SetCloseInfo(c, CloseReason::kPeerClosed, 0);
     }
@@ -138,7 +140,9 @@ void CConnService::EnterDraining(OwnedConn* c) {
         c->progress.tx_progress_ms = CEventLoop::NowMs();  // the flush's stall deadline counts from here
     }
     SetState(c, CONN_DRAINING);
-    c->connector->PauseReading(false);  // a graceful close reads (and drops) to the end
+    // A graceful close reads (and drops) to the end; a shutdown reads no new requests until
+    // its LINGER, so that its drain cannot be fed for ever.
+    c->connector->PauseReading(c->shutdown_drain && !c->graceful);
     ServiceDraining(c);
 }
 
@@ -164,8 +168,8 @@ void CConnService::ServiceDraining(OwnedConn* c) {
         BeginClose(c);
         return;
     }
-    if (c->graceful) {
-        DropRing(c);
+    if (c->graceful || c->state == CONN_LINGER) {
+        DropRing(c);  // after Close, or read in LINGER after a shutdown's drain
     } else {
         Deliver(c);  // a refusal pauses it: ResumeReading brings it back
     }
@@ -201,6 +205,9 @@ void CConnService::EndDrain(OwnedConn* c) {
     }
     SetState(c, CONN_LINGER);
     c->linger_until_ms = CEventLoop::NowMs() + kLingerMs;
+    if (c->shutdown_drain) {
+        c->connector->PauseReading(false);  // LINGER reads (and drops) to the peer's end
+    }
 }
 
 void CConnService::BeginClose(OwnedConn* c) {
@@ -237,14 +244,19 @@ void CConnService::ServiceClosing(OwnedConn* c) {
 
 // CLOSING -> gone (OnClosed), or -> WAIT_RETRY for a dialled connection that reconnects.
 void CConnService::FinishClose(OwnedConn* c) {
-    bool reconnect =
-        !c->accepted && c->dial.reconnect && !c->close_requested && !c->graceful && !m_mgr.m_stop.load();
+    bool reconnect = !c->accepted && c->dial->reconnect && !c->close_requested && !c->graceful &&
+                     !m_mgr.m_stop.load() && !m_mgr.m_shutting_down;
     ConnId id = c->id;
     bool report = c->was_established || !reconnect;
     SetCloseInfoFromConnector(c);
     CloseInfo info = c->close_info;
     info.reconnecting = reconnect;
     m_mgr.m_stats.CountClose(info);
+    // The session's traffic joins the running totals (a reconnect resets the counters).
+    m_mgr.m_stats.AddEnded(CMgrStats::TrafficOf(c->connector.get()));
+    if (c->shutdown_drain && !c->close_requested) {
+        ++m_mgr.m_shutdown_drained;  // ended by the shutdown's drain, not at its deadline
+    }
     LogEnd(c, info);
     c->was_established = false;
     c->refused = false;
@@ -256,6 +268,7 @@ void CConnService::FinishClose(OwnedConn* c) {
         m_mgr.DestroyConn(c);
     }
     if (report && m_mgr.m_handler != nullptr) {
+        CConnectorMgr::HandlerScope scope(m_mgr, c);  // in the graveyard until the tick ends
         m_mgr.m_handler->OnClosed(&m_mgr, id, info);
     }
 }

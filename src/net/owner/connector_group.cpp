@@ -2,9 +2,12 @@
 // hands out), routing by id, and moving connections between loops.
 #include "net/connector_group.h"
 
+#include <netinet/in.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <future>
 #include <new>
 
 #include "net/owner/conn_mover.h"
@@ -64,25 +67,30 @@ int CConnectorGroup::Init() {
 }
 
 int CConnectorGroup::Listen(const char* url, int backlog) {
+    return Listen(url, SocketOptions(), backlog);
+}
+
+int CConnectorGroup::Listen(const char* url, const SocketOptions& socket, int backlog) {
     if (m_loops.empty()) {
         return -2;
     }
     CConnectorMgr& first = *m_loops[0];
     size_t idx = first.m_acceptor.GetListenerCount();
-    int port = m_options.reuse_port && m_loops.size() > 1 ? first.m_acceptor.Listen(url, backlog, true) : -3;
+    int port =
+        m_options.reuse_port && m_loops.size() > 1 ? first.m_acceptor.Listen(url, backlog, true, socket) : -3;
     if (port == -3) {
         // One acceptor hands the connections out round-robin.
         first.m_acceptor.SetAdopt([this](int fd, const std::string& peer) { Dispatch(fd, peer); });
         first.m_acceptor.SetGate(nullptr);  // each receiving loop makes room for itself
         m_reuse_port_active = false;
-        return first.m_acceptor.Listen(url, backlog, false);
+        return first.m_acceptor.Listen(url, backlog, false, socket);
     }
     if (port < 0) {
         return port;
     }
     std::string bound = first.m_acceptor.GetListenURL(idx);  // the port chosen for ":0"
     for (size_t i = 1; i < m_loops.size(); ++i) {
-        int ret = m_loops[i]->m_acceptor.Listen(bound.c_str(), backlog, true);
+        int ret = m_loops[i]->m_acceptor.Listen(bound.c_str(), backlog, true, socket);
         if (ret < 0) {
             return ret;
         }
@@ -113,12 +121,55 @@ int CConnectorGroup::Start() {
     if (!m_threads.empty() || m_loops.empty()) {
         return -1;
     }
+    std::lock_guard<std::recursive_mutex> lock(m_run_mutex);  // metrics are taken by the loops from now on
     for (auto& loop : m_loops) {
         CConnectorMgr* mgr = loop.get();
         mgr->m_stop.store(false);
         m_threads.emplace_back([mgr]() { mgr->Run(); });
+        m_loop_threads.push_back(m_threads.back().get_id());
     }
+    m_running = true;
     return 0;
+}
+
+void CConnectorGroup::Shutdown(int timeout_ms) {
+    for (auto& loop : m_loops) {
+        loop->Shutdown(timeout_ms);
+    }
+    // Each loop's Run returns by itself once its drain is over.
+    for (auto& t : m_threads) {
+        if (t.joinable()) {
+            t.join();
+        }
+    }
+    m_threads.clear();
+    Stop();
+}
+
+std::vector<ConnId> CConnectorGroup::ListConnections() {
+    std::vector<ConnId> ids;
+    for (auto& loop : m_loops) {
+        std::vector<ConnId> part = loop->ListConnections();
+        ids.insert(ids.end(), part.begin(), part.end());
+    }
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+uint64_t CConnectorGroup::GetShutdownDrainedCount() const {
+    uint64_t n = 0;
+    for (const auto& loop : m_loops) {
+        n += loop->GetShutdownDrainedCount();
+    }
+    return n;
+}
+
+uint64_t CConnectorGroup::GetShutdownAbortedCount() const {
+    uint64_t n = 0;
+    for (const auto& loop : m_loops) {
+        n += loop->GetShutdownAbortedCount();
+    }
+    return n;
 }
 
 void CConnectorGroup::Stop() {
@@ -131,6 +182,10 @@ void CConnectorGroup::Stop() {
         }
     }
     m_threads.clear();
+    // Metrics asked for from now on are taken in place; those already posted run below.
+    std::lock_guard<std::recursive_mutex> lock(m_run_mutex);
+    m_running = false;
+    m_loop_threads.clear();
     // Work posted to a loop after it stopped (a connection handed out or moving in) is run
     // here, so that every descriptor ends up in exactly one loop's table and is closed once.
     for (bool again = true; again;) {
@@ -325,10 +380,19 @@ int CConnectorGroup::Move(ConnId id, int loop) {
 void CConnectorGroup::SetTransit(OwnedConn* conn, CConnectorMgr* to) {
     std::unique_lock<std::shared_mutex> lock(m_route_lock);
     to->Post([to, conn]() { CConnMover::Adopt(*to, conn); });
+    // The source loop's traffic counters keep what the connection carried there (its new
+    // connector has the old one's counters); the target counts only what follows.
+    auto old = m_routes.find(conn->id);
+    int from = old != m_routes.end() ? old->second.loop : HomeLoop(conn->id);
+    TrafficCounts carried = CMgrStats::TrafficOf(conn->connector.get());
+    if (from >= 0) {
+        m_loops[static_cast<size_t>(from)]->m_stats.AddEnded(carried);
+    }
     Route& r = m_routes[conn->id];
     r.loop = to->GetLoopIndex();
     r.transit = conn->connector.get();
     r.want_room = false;
+    r.carried = carried;
     m_route_cnt.store(m_routes.size());
     m_route_epoch.fetch_add(1);  // last: whoever sees it sees the route too
 }
@@ -340,6 +404,7 @@ bool CConnectorGroup::Arrived(ConnId id, int loop) {
         return false;
     }
     bool want_room = it->second.want_room;
+    m_loops[static_cast<size_t>(loop)]->m_stats.AddArrived(it->second.carried);
     if (loop == HomeLoop(id)) {
         m_routes.erase(it);  // back home: the id names its loop again
         m_route_cnt.store(m_routes.size());
@@ -390,6 +455,16 @@ ConnId CConnectorGroup::Dial(const char* url, const DialOptions& options, int lo
     if (CTcpListener::ParseURL(url, &addr, &len, &why) != 0) {
         QN_OWNER_LOG(mgr->LogCat(), LOG_PRIORITY_ERROR, "invalid dial url(%s), %s",
                      url != nullptr ? url : "(null)", why.c_str());
+        return 0;
+    }
+    // The listener's parser accepts port 0 (pick a free one); a dial cannot: refused here,
+    // as the loop's own Dial does, rather than after an id was handed out.
+    const struct sockaddr* sa = reinterpret_cast<const struct sockaddr*>(&addr);
+    in_port_t port = sa->sa_family == AF_INET6 ? reinterpret_cast<const struct sockaddr_in6*>(sa)->sin6_port
+                                               : reinterpret_cast<const struct sockaddr_in*>(sa)->sin_port;
+    if (port == 0) {
+        QN_OWNER_LOG(mgr->LogCat(), LOG_PRIORITY_ERROR, "invalid dial url(%s), port 0 cannot be dialled",
+                     url);
         return 0;
     }
     ConnId id = mgr->m_table.NextId();
@@ -454,6 +529,71 @@ std::string CConnectorGroup::FormatStats() {
              static_cast<unsigned long long>(GetMoveFailedCount()));
     out += line;
     return out;
+}
+
+std::string CConnectorGroup::FormatMetricsInPlace(MetricsFormat format) {
+    std::vector<MgrMetrics> loops(m_loops.size());
+    for (size_t i = 0; i < m_loops.size(); ++i) {
+        m_loops[i]->SnapshotMetrics(&loops[i]);
+    }
+    return FormatGroupMetrics(loops, GetMoveCount(), GetMoveFailedCount(), format);
+}
+
+void CConnectorGroup::RequestMetrics(MetricsFormat format, std::function<void(const std::string&)> done) {
+    std::unique_lock<std::recursive_mutex> lock(m_run_mutex);
+    if (!m_running || m_loops.empty()) {
+        std::string text = FormatMetricsInPlace(format);
+        lock.unlock();
+        done(text);
+        return;
+    }
+    // Each loop fills its slot on its own thread; the last to finish formats and reports.
+    struct Gather {
+        std::mutex mutex;
+        std::vector<MgrMetrics> loops;
+        size_t left = 0;
+        MetricsFormat format = MetricsFormat::kJson;
+        std::function<void(const std::string&)> done;
+    };
+    auto gather = std::make_shared<Gather>();
+    gather->loops.resize(m_loops.size());
+    gather->left = m_loops.size();
+    gather->format = format;
+    gather->done = std::move(done);
+    for (size_t i = 0; i < m_loops.size(); ++i) {
+        CConnectorMgr* mgr = m_loops[i].get();
+        mgr->Post([this, gather, mgr, i]() {
+            MgrMetrics m;
+            mgr->SnapshotMetrics(&m);
+            bool last = false;
+            {
+                std::lock_guard<std::mutex> slot(gather->mutex);
+                gather->loops[i] = m;
+                last = --gather->left == 0;
+            }
+            if (last) {
+                gather->done(
+                    FormatGroupMetrics(gather->loops, GetMoveCount(), GetMoveFailedCount(), gather->format));
+            }
+        });
+    }
+}
+
+std::string CConnectorGroup::FormatMetrics(MetricsFormat format) {
+    std::promise<std::string> promise;
+    std::future<std::string> text = promise.get_future();
+    {
+        std::unique_lock<std::recursive_mutex> lock(m_run_mutex);
+        if (!m_running) {
+            return FormatMetricsInPlace(format);
+        }
+        if (std::find(m_loop_threads.begin(), m_loop_threads.end(), std::this_thread::get_id()) !=
+            m_loop_threads.end()) {
+            return std::string();  // a loop thread: see RequestMetrics
+        }
+        RequestMetrics(format, [&promise](const std::string& t) { promise.set_value(t); });
+    }
+    return text.get();
 }
 
 }  // namespace QUOLNET

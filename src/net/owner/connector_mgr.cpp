@@ -105,6 +105,7 @@ CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptio
     memset(m_last_err, 0, sizeof(m_last_err));
     m_acceptor.SetAdopt([this](int fd, const std::string& peer) { AdoptAccepted(fd, peer); });
     m_acceptor.SetGate(&m_admission);
+    m_acceptor.SetOnRefused([this]() { m_stats.CountRefused(AcceptRefusal::kSocketSetup); });
 }
 
 CConnectorMgr::~CConnectorMgr() {
@@ -117,6 +118,7 @@ CConnectorMgr::~CConnectorMgr() {
         DestroyConn(c);
         m_stats.CountClose(CloseInfo());
         if (m_handler != nullptr) {
+            HandlerScope scope(*this, c);  // in the graveyard: alive until the loop below
             m_handler->OnClosed(this, id, CloseInfo());
         }
     }
@@ -224,6 +226,10 @@ int CConnectorMgr::Listen(const char* url, int backlog) {
     return m_acceptor.Listen(url, backlog, m_reuse_port);
 }
 
+int CConnectorMgr::Listen(const char* url, const SocketOptions& socket, int backlog) {
+    return m_acceptor.Listen(url, backlog, m_reuse_port, socket);
+}
+
 std::string CConnectorMgr::GetListenURL(size_t i) const {
     return m_acceptor.GetListenURL(i);
 }
@@ -271,6 +277,7 @@ void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer) {
     c->progress.Start(CEventLoop::NowMs());
     m_table.Add(c);
     if (m_handler != nullptr) {
+        HandlerScope scope(*this, c);
         m_handler->OnConnected(this, c->id, c->url.c_str(), true);
     }
 }
@@ -485,6 +492,27 @@ void CConnectorMgr::Stop() {
     m_loop.Wake();
 }
 
+void CConnectorMgr::StopListening() {
+    m_acceptor.CloseAll();
+}
+
+std::vector<ConnId> CConnectorMgr::ListConnections() {
+    std::vector<ConnId> ids;
+    auto lock = m_table.LockShared(!OnLoopThread());
+    ids.reserve(m_table.Size());
+    for (auto& kv : m_table.ById()) {
+        ids.push_back(kv.first);
+    }
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+void CConnectorMgr::Shutdown(int timeout_ms) {
+    int expected = -1;
+    m_shutdown_requested_ms.compare_exchange_strong(expected, timeout_ms < 0 ? 0 : timeout_ms);
+    m_loop.Wake();
+}
+
 void CConnectorMgr::RequestStats() {
     m_stats_requested.store(true);
     m_loop.Wake();
@@ -509,6 +537,33 @@ void CConnectorMgr::PrintStats(FILE* out, bool full) {
     fflush(out);
 }
 
+void CConnectorMgr::SnapshotMetrics(MgrMetrics* out) {
+    *out = MgrMetrics();
+    m_stats.Snapshot(m_table, out);
+    out->connections = m_table.Size();
+    out->max_connections = GetMaxConnections();
+    out->accepts = GetAcceptCount();
+    out->accept_pauses_fd = static_cast<uint64_t>(std::max(0, GetAcceptPauseCount()));
+    out->accept_pauses_limit = GetLimitPauseCount();
+    if (m_pool != nullptr) {
+        out->pool_id = m_pool;
+        out->pool_in_use = m_pool->GetUsedCount();
+        out->pool_max = m_pool->GetMaxBlockNum();
+        out->pool_free = out->pool_in_use < out->pool_max ? out->pool_max - out->pool_in_use : 0;
+        out->pool_peak = m_pool->GetPeakUsedCount();
+    }
+}
+
+std::string CConnectorMgr::FormatMetrics(MetricsFormat format) {
+    MgrMetrics m;
+    SnapshotMetrics(&m);
+    return QUOLNET::FormatMetrics(m, format);
+}
+
+void CConnectorMgr::RequestMetrics(MetricsFormat format, std::function<void(const std::string&)> done) {
+    Post([this, format, done]() { done(FormatMetrics(format)); });
+}
+
 bool CConnectorMgr::IsConnected(ConnId id) {
     auto lock = m_table.LockShared();
     OwnedConn* c = m_table.Find(id);
@@ -523,6 +578,27 @@ size_t CConnectorMgr::GetConnectionCount() {
 CTcpConnector* CConnectorMgr::GetConnector(ConnId id) {
     OwnedConn* c = m_table.Find(id);
     return c == nullptr ? nullptr : c->connector.get();
+}
+
+// The connection of the handler call in progress needs no lookup (the common case: a
+// context attached in OnConnected or with the first packet).
+bool CConnectorMgr::SetContext(ConnId id, void* ctx) {
+    OwnedConn* c = m_cb_conn != nullptr && m_cb_conn->id == id         ? m_cb_conn
+                   : m_delivering != nullptr && m_delivering->id == id ? m_delivering
+                                                                       : m_table.Find(id);
+    if (c == nullptr || c->dead) {
+        return false;
+    }
+    c->context = ctx;
+    return true;
+}
+
+void* CConnectorMgr::GetContext(ConnId id) {
+    if (m_cb_conn != nullptr && m_cb_conn->id == id) {
+        return m_cb_conn->context;  // OnClosed's connection is out of the table already
+    }
+    OwnedConn* c = m_table.Find(id);
+    return c != nullptr && !c->dead ? c->context : nullptr;
 }
 
 }  // namespace QUOLNET

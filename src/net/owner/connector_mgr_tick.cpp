@@ -42,6 +42,11 @@ int CConnectorMgr::ComputeWait(int timeout_ms) {
     if (m_stop.load() || m_stats_requested.load() || !m_corked.empty()) {
         bound(0);
     }
+    if (m_shutting_down) {
+        bound(m_shutdown_deadline_ms - now);
+    } else if (m_shutdown_requested_ms.load() >= 0) {
+        bound(0);
+    }
     return wait;
 }
 
@@ -110,6 +115,7 @@ void CConnectorMgr::ResumeStarved() {
 
 void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
     m_loop.RunPosted();
+    RunShutdown(CEventLoop::NowMs());
     DrainWork();
     for (size_t idx : readable) {
         m_acceptor.AcceptReady(idx);
@@ -172,6 +178,46 @@ void CConnectorMgr::EndTick() {
     // A connection may be listed twice when several paths carried it over.
     std::sort(m_pending.begin(), m_pending.end());
     m_pending.erase(std::unique(m_pending.begin(), m_pending.end()), m_pending.end());
+}
+
+void CConnectorMgr::RunShutdown(int64_t now) {
+    int timeout_ms = m_shutdown_requested_ms.load();
+    if (timeout_ms < 0) {
+        return;
+    }
+    if (!m_shutting_down) {
+        m_shutting_down = true;
+        m_shutdown_deadline_ms = now + timeout_ms;
+        StopListening();
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_INFO, "shutting down: draining %zu connections within %d ms",
+                     m_table.Size(), timeout_ms);
+        for (OwnedConn* c : m_table.SortedById()) {
+            if (c->state == CONN_ESTABLISHED) {
+                c->shutdown_drain = true;  // ServiceEstablished takes it into DRAINING
+                Queue(c);
+            } else if (c->state == CONN_CONNECTING || c->state == CONN_WAIT_RETRY) {
+                CloseNow(c->id, false);  // a dial has nothing to drain
+            }
+        }
+    } else if (now >= m_shutdown_deadline_ms && m_table.Size() != 0) {
+        std::vector<OwnedConn*> left = m_table.SortedById();
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_WARN,
+                     "shutdown deadline (%d ms) reached: aborting %zu connections still open", timeout_ms,
+                     left.size());
+        for (OwnedConn* c : left) {
+            if (!c->dead && !c->close_requested) {
+                ++m_shutdown_aborted;
+                CloseNow(c->id, false);
+            }
+        }
+        m_shutdown_deadline_ms = INT64_MAX;  // aborted once
+    }
+    if (m_table.Size() == 0 && m_graveyard.empty() && !m_stop.load()) {
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_INFO, "shut down: %llu connections drained, %llu aborted",
+                     static_cast<unsigned long long>(m_shutdown_drained.load()),
+                     static_cast<unsigned long long>(m_shutdown_aborted.load()));
+        m_stop.store(true);
+    }
 }
 
 int CConnectorMgr::RunOnce(int timeout_ms) {

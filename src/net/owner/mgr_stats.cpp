@@ -1,8 +1,13 @@
-// CMgrStats: close counters by reason and the statistics table.
+// CMgrStats: close counters by reason, the traffic of connections that are gone, the
+// statistics table and the metrics snapshot.
 #include "net/owner/mgr_stats.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "net/owner/metrics.h"
 
 namespace QUOLNET {
 
@@ -54,6 +59,8 @@ const char* AcceptRefusalName(AcceptRefusal reason) {
     switch (reason) {
         case AcceptRefusal::kPerSource:
             return "per_source";
+        case AcceptRefusal::kSocketSetup:
+            return "socket_setup";
     }
     return "unknown";
 }
@@ -73,6 +80,61 @@ uint64_t CMgrStats::GetCloseCount(CloseReason reason) const {
 uint64_t CMgrStats::GetLimitCloseCount(CloseLimit limit) const {
     int i = static_cast<int>(limit);
     return i >= 0 && i < kCloseLimitCount ? static_cast<uint64_t>(m_limit_cnt[i]) : 0;
+}
+
+TrafficCounts CMgrStats::TrafficOf(CTcpConnector* k) {
+    TrafficCounts t;
+    t.bytes_sent = static_cast<uint64_t>(std::max<int64_t>(0, k->GetSentBytes()));
+    t.bytes_received = static_cast<uint64_t>(std::max<int64_t>(0, k->GetRecvBytes()));
+    t.packets_received = static_cast<uint64_t>(std::max<long>(0, k->GetRecvPacketCount()));
+    t.packets_sent = static_cast<uint64_t>(std::max<int64_t>(0, k->GetSentPacketCount()));
+    return t;
+}
+
+void CMgrStats::AddEnded(const TrafficCounts& t) {
+    m_ended.bytes_sent += t.bytes_sent;
+    m_ended.bytes_received += t.bytes_received;
+    m_ended.packets_sent += t.packets_sent;
+    m_ended.packets_received += t.packets_received;
+}
+
+void CMgrStats::AddArrived(const TrafficCounts& t) {
+    m_arrived.bytes_sent += t.bytes_sent;
+    m_arrived.bytes_received += t.bytes_received;
+    m_arrived.packets_sent += t.packets_sent;
+    m_arrived.packets_received += t.packets_received;
+}
+
+void CMgrStats::Snapshot(const CConnTable& table, MgrMetrics* out) const {
+    for (int i = 0; i < kCloseReasonCount; ++i) {
+        out->closes[i] = m_close_cnt[i];
+    }
+    for (int i = 0; i < kCloseLimitCount; ++i) {
+        out->limit_closes[i] = m_limit_cnt[i];
+    }
+    for (int i = 0; i < kAcceptRefusalCount; ++i) {
+        out->accept_refused[i] = m_refused_cnt[i];
+    }
+    out->send_too_large = m_too_large_cnt.load();
+    out->pool_exhausted = m_pool_exhausted_cnt;
+    TrafficCounts sum = m_ended;
+    for (const auto& kv : table.ById()) {
+        const OwnedConn* c = kv.second;
+        // A dial in progress or waiting to redial is between sessions: the last one is in
+        // m_ended already, and Connect clears the connector's counters for the next.
+        if (c->dead || c->state == CONN_CONNECTING || c->state == CONN_WAIT_RETRY) {
+            continue;
+        }
+        TrafficCounts t = TrafficOf(c->connector.get());
+        sum.bytes_sent += t.bytes_sent;
+        sum.bytes_received += t.bytes_received;
+        sum.packets_sent += t.packets_sent;
+        sum.packets_received += t.packets_received;
+    }
+    out->bytes_sent = sum.bytes_sent - m_arrived.bytes_sent;
+    out->bytes_received = sum.bytes_received - m_arrived.bytes_received;
+    out->packets_sent = sum.packets_sent - m_arrived.packets_sent;
+    out->packets_received = sum.packets_received - m_arrived.packets_received;
 }
 
 std::string CMgrStats::FormatHeader(size_t conns, CNetBufferMgr* pool, unsigned int pool_free,
