@@ -83,7 +83,8 @@ class QUOLNET_EXPORT CConnectorGroup {
     // Makes the loops (and the pools). Returns 0 or -1 (logged). Never throws.
     int Init();
     // Listens on `url` (see above). Returns the bound port, or the CConnectorMgr::Listen
-    // codes. Before Start.
+    // codes. Before Start. A unix:// URL is listened on by loop 0, which hands the
+    // connections out (one socket per path); the result is then 0.
     int Listen(const char* url, int backlog = CConnectorMgr::kDefaultBacklog);
     // The same, with what every accepted socket is set to, on every loop (see
     // CConnectorMgr::Listen).

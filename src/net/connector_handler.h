@@ -31,8 +31,11 @@ enum class CloseReason : int {
     kLimit = 5,          // a limit of ConnectorMgrOptions; `limit` names it
     kDialRefused = 6,    // a dial was given up after failing; `error` holds errno (0 if unknown)
     kDialTimeout = 7,    // a dial was given up after its connect timeout
+    // A dial by host name was given up because the name did not resolve; `error` holds
+    // getaddrinfo's EAI_... code (negative; 0 when no address of a usable family came back)
+    kDialResolveFailed = 8,
 };
-constexpr int kCloseReasonCount = 8;
+constexpr int kCloseReasonCount = 9;
 
 // Which limit closed a connection (CloseInfo::limit when the reason is kLimit).
 enum class CloseLimit : int {
@@ -99,7 +102,8 @@ class QUOLNET_EXPORT IConnectorHandler {
     // (not after Abort or Close, which stop delivery). `info` says why. With
     // info.reconnecting (a dialled connection with reconnect enabled) the id stays valid and
     // OnConnected follows when a new connection is made. A dial that never connected and is
-    // given up is reported here too (kDialRefused or kDialTimeout, not reconnecting).
+    // given up is reported here too (kDialRefused, kDialTimeout or kDialResolveFailed, not
+    // reconnecting).
     virtual void OnClosed(CConnectorMgr* mgr, ConnId id, const CloseInfo& info) {
         (void)mgr;
         (void)id;

@@ -3,11 +3,12 @@
 // The manager is a facade over the classes of src/net/owner/, one per concern: CEventLoop
 // (epoll, wake-up, timers, posted work), CAcceptor (listeners, the descriptor-limit pause),
 // CConnAdmission (the connection limit: idle connections closed for newcomers, the cap per
-// source address), CDialler (connect timeout, reconnect with backoff), CConnService (the
-// connection's state machine: delivery, pausing, half-close draining, linger, closing),
-// CConnLimits (deadlines, pool-pressure shedding, room notification), CConnTable (the id map) and
-// CMgrStats (counters by reason, the statistics table). Several managers, one per thread,
-// form a CConnectorGroup (net/connector_group.h).
+// source address), CDialler (connect timeout, reconnect with backoff, host names looked up
+// by a CResolver thread), CConnService (the connection's state machine: delivery, pausing,
+// half-close draining, linger, closing), CConnLimits (deadlines, pool-pressure shedding,
+// room notification), CConnTable (the id map) and CMgrStats (counters by reason, the
+// statistics table). Several managers, one per thread, form a CConnectorGroup
+// (net/connector_group.h).
 //
 // One manager owns one epoll instance, one eventfd to wake its loop, its listeners and its
 // connectors, and a block pool (its own, or one lent by the caller). Its loop thread (the
@@ -216,6 +217,13 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Listens on `url` ("tcp://127.0.0.1:0", "tcp://[::1]:9000", ...). Returns the bound port
     // (the one chosen when the URL asks for port 0), -1 for a malformed URL, -2 when the
     // socket cannot listen. Loop thread (or before Run).
+    // A Unix-domain socket: "unix:///run/app.sock" (a file) or "unix://@name" (the abstract
+    // namespace); the result is then 0. A socket file left by a dead server is replaced (a
+    // connect to it is refused); one with a live server behind it, or a path that is not a
+    // socket, is -2 (logged). The file is removed when the listener closes. Its connections
+    // have the framing, limits and statistics of TCP ones, without the TCP options
+    // (TCP_NODELAY, keepalive); OnConnected names them by the listener's URL, and
+    // max_connections_per_source does not count them (their peers are unnamed).
     int Listen(const char* url, int backlog = kDefaultBacklog);
     // The same, with what every accepted socket is set to (net/socket_options.h; the buffer
     // sizes on the listening socket, which the accepted ones inherit). A connection whose
@@ -225,9 +233,19 @@ class QUOLNET_EXPORT CConnectorMgr {
     // The bound URL of the i-th listener ("" when there is none).
     std::string GetListenURL(size_t i) const;
 
-    // Dials `url`. Returns the connection's id, or 0 for a malformed URL or a failed set-up.
-    // The connection is reported by OnConnected once established. Loop thread (or before
-    // Run); other threads use Post (or CConnectorGroup::Dial).
+    // Dials `url`. Returns the connection's id, or 0 for a malformed URL (a port of 0 or
+    // above 65535 included) or a failed set-up. The connection is reported by OnConnected
+    // once established. Loop thread (or before Run); other threads use Post (or
+    // CConnectorGroup::Dial).
+    // `url` may name a Unix-domain socket ("unix:///run/app.sock", "unix://@name"); a dial
+    // to it completes or fails at once (no TCP option is set; a source address is refused).
+    // The host may be a name ("tcp://localhost:5432", "tcp://db.internal:5432"): it is
+    // looked up before every attempt, redials included, on a worker thread of the manager's
+    // (started by the first such dial), never on the loop, and the addresses are tried in
+    // getaddrinfo's order (IPv6 and IPv4 as it sorts them) within the connect timeout, which
+    // counts from the start of the lookup. A name that does not resolve ends the attempt
+    // with kDialResolveFailed (the resolver's message logged once). OnConnected and OnClosed
+    // are given `url` as it was dialled. A numeric URL takes none of these steps.
     ConnId Dial(const char* url, const DialOptions& options = DialOptions());
 
     // Sends one whole packet. Any thread. On the loop thread, a packet for a connection
@@ -388,6 +406,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Connections ended for `reason`, and for limit `limit`, since Init. Any thread.
     uint64_t GetCloseCount(CloseReason reason) const { return m_stats.GetCloseCount(reason); }
     uint64_t GetLimitCloseCount(CloseLimit limit) const { return m_stats.GetLimitCloseCount(limit); }
+    // Host-name lookups the dials started (one per attempt of a dial by name). Any thread.
+    uint64_t GetResolveCount() const { return m_dialler.GetResolveCount(); }
     // Sends refused with kSendTooLarge. Any thread.
     uint64_t GetTooLargeCount() const { return m_stats.GetTooLargeCount(); }
     // Times the pool ran out of blocks (each logged once at WARN). Any thread.

@@ -12,7 +12,10 @@
 //   accepted socket  everything but `source_address`, right after accept4 on the loop
 //                    thread; the buffer sizes are set on the listening socket instead
 //                    (before listen(2)), so that the window scale offered in the handshake
-//                    fits them, and the accepted sockets inherit them.
+//                    fits them, and the accepted sockets inherit them;
+//   unix:// socket   the buffer sizes and `setup` only: the TCP options (`nodelay`,
+//                    keepalive, `user_timeout_ms`) do not apply, and a dial with a
+//                    `source_address` is refused.
 // A failure of any step refuses the connection: a dial attempt fails (kDialRefused, with the
 // errno; redialled when its options say so), an accepted descriptor is closed at once and
 // counted (AcceptRefusal::kSocketSetup). The step and its errno are logged.
@@ -43,7 +46,8 @@ struct SocketOptions {
     int recv_buffer = 0;
     // Dials only: the local address to connect from, "tcp://127.0.0.2:0" (a port, or 0 for
     // one picked at connect time) or a bare address ("127.0.0.2", "::1", "[::1]"). Its family
-    // must be the peer's. Empty: the kernel picks. Ignored by listeners.
+    // must be the peer's (for a host name, only the addresses of its family are dialled).
+    // Empty: the kernel picks. Ignored by listeners.
     std::string source_address;
     // Called last with the descriptor (a dial: before connect(2); an accept: before the
     // connection is adopted and OnConnected), on the loop thread, to set anything else.

@@ -1,5 +1,6 @@
 // CTcpConnector: construction, initialisation, dialling, closing and the per-tick driver.
 #include "net/tcp_connector.h"
+#include "net/tcp_listener.h"
 
 #include <errno.h>
 #include <netinet/tcp.h>
@@ -35,6 +36,7 @@ CTcpConnector::CTcpConnector(char* combine_buf, int combine_buf_len, char* cb_co
     m_log_cat = nullptr;
     m_bIPv6 = false;
     memset(&m_addr6, 0, sizeof(m_addr6));
+    memset(&m_addr_un, 0, sizeof(m_addr_un));
     memset(&m_ipv6, 0, sizeof(m_ipv6));
     m_ip = 0;
     Reset();
@@ -92,6 +94,17 @@ void CTcpConnector::Reset() {
     m_rx_last_full = false;
 }
 
+int CTcpConnector::Retarget(const char* url, IPackParser* parser, int epoll) {
+    if (m_is_accepted || GetStatus() != CONNECTOR_STATUS_DISCONNECTED || m_socket != -1) {
+        QN_LOG(m_log_cat, QN_ERROR, "cannot retarget a connector in use, url=%s, m_status=%d", GetURL(),
+               GetStatus());
+        return -1;
+    }
+    m_bIPv6 = false;
+    m_unix = false;
+    return Init(url, parser, epoll, -1);
+}
+
 int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int socket) {
     if (parser == nullptr || epoll == -1 || url == nullptr) {
         QN_LOG(m_log_cat, QN_ERROR, "invalid argument, url=%p, parser=%p, epoll=%d, socket=%d",
@@ -117,7 +130,35 @@ int CTcpConnector::Init(const char* url, IPackParser* parser, int epoll, int soc
         QN_LOG(m_log_cat, QN_ERROR, "m_bIPv6:%d, ParseURL() failed, ret=%d", m_bIPv6 ? 1 : 0, ret);
         return ret;
     }
+    m_unix = false;
+    return InitBound(parser, epoll, socket);
+}
 
+int CTcpConnector::InitUnix(const char* url, IPackParser* parser, int epoll, int socket) {
+    if (parser == nullptr || epoll == -1 || url == nullptr) {
+        QN_LOG(m_log_cat, QN_ERROR, "invalid argument, url=%p, parser=%p, epoll=%d, socket=%d",
+               static_cast<const void*>(url), static_cast<void*>(parser), epoll, socket);
+        return -1;
+    }
+    QN_LOG(m_log_cat, QN_INFO, "enter CTcpConnector::InitUnix(), url=%s, parser=%p, epoll=%d, socket=%d", url,
+           static_cast<void*>(parser), epoll, socket);
+    int ret = CConnector::Init(url, parser, epoll, socket);
+    if (ret != 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "CConnector::Init() failed, ret=%d", ret);
+        return ret;
+    }
+    std::string why;
+    if (CTcpListener::ParseUnixURL(url, &m_addr_un, &m_addr_un_len, &why) != 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "parse url failed -- %s, url=%s", why.c_str(), url);
+        return -2;
+    }
+    m_unix = true;
+    m_bIPv6 = false;
+    return InitBound(parser, epoll, socket);
+}
+
+int CTcpConnector::InitBound(IPackParser* parser, int epoll, int socket) {
+    int ret = 0;
     if (m_net_buf_mgr == nullptr || m_combine_buf == nullptr || m_combine_buf_len == 0) {
         QN_LOG(m_log_cat, QN_ERROR,
                "invalid status, m_net_buf_mgr=%p, m_combine_buf=%p, m_combine_buf_len=%d",
@@ -198,7 +239,19 @@ void CTcpConnector::Fini() {
 
 int CTcpConnector::LocalSocketName(int socket) {
     char url[256];  // GetLocalSocketName's contract; the text itself fits m_peer_url
-    int ret = GetLocalSocketName(m_bIPv6, socket, url, m_log_cat);
+    int ret = 0;
+    if (m_unix) {
+        struct sockaddr_un local;
+        socklen_t local_len = sizeof(local);
+        memset(&local, 0, sizeof(local));
+        if (getsockname(socket, reinterpret_cast<struct sockaddr*>(&local), &local_len) == -1) {
+            QN_LOG(m_log_cat, QN_ERROR, "getsockname() failed, socket=%d, errno=%d", socket, errno);
+            return -1;
+        }
+        snprintf(url, sizeof(url), "%s", CTcpListener::FormatUnixURL(&local, local_len).c_str());
+    } else {
+        ret = GetLocalSocketName(m_bIPv6, socket, url, m_log_cat);
+    }
     if (ret == 0) {
         size_t n = strnlen(url, sizeof(m_peer_url) - 1);
         memcpy(m_peer_url, url, n);
@@ -261,7 +314,8 @@ int CTcpConnector::ConnectWith(ConnectSetupFn setup, void* setup_arg) {
         }
         Reset();
 
-        m_socket = m_bIPv6 ? sock_open(AF_INET6, SOCK_STREAM, 0) : sock_open_tcp();
+        m_socket = m_unix ? sock_open(AF_UNIX, SOCK_STREAM, 0)
+                          : (m_bIPv6 ? sock_open(AF_INET6, SOCK_STREAM, 0) : sock_open_tcp());
         if (m_socket == -1) {
             int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "create tcp socket failed! url=%s, errno=%d", GetURL(), err);
@@ -277,7 +331,8 @@ int CTcpConnector::ConnectWith(ConnectSetupFn setup, void* setup_arg) {
         } else if (setup != nullptr && setup(setup_arg, m_socket) != 0) {
             QN_LOG(m_log_cat, QN_ERROR, "the owner's socket set-up refused the dial, url=%s", GetURL());
             fail_code = kConnectSetupFailed;
-        } else if (setup == nullptr && setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, 4) != 0) {
+        } else if (setup == nullptr && !m_unix &&
+                   setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, 4) != 0) {
             int err = errno;
             QN_LOG(m_log_cat, QN_ERROR, "set socket option -- no delay failed! url=%s, errno=%d", GetURL(),
                    err);
@@ -311,12 +366,16 @@ int CTcpConnector::ConnectWith(ConnectSetupFn setup, void* setup_arg) {
         }
 
         if (fail_code == 0) {
-            int ret = m_bIPv6 ? connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr6), 28)
-                              : connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr), 16);
+            int ret = m_unix
+                          ? connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr_un), m_addr_un_len)
+                      : m_bIPv6 ? connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr6), 28)
+                                : connect(m_socket, reinterpret_cast<struct sockaddr*>(&m_addr), 16);
             if (ret == -1) {
                 int err = errno;
                 m_status = CONNECTOR_STATUS_CONNECTING;
-                if (err != EAGAIN && err != EINPROGRESS) {
+                // A Unix-domain connect completes at once or not at all (EAGAIN: the
+                // listener's queue is full).
+                if (m_unix || (err != EAGAIN && err != EINPROGRESS)) {
                     QN_LOG(m_log_cat, QN_ERROR, "do connect failed! url=%s, errno=%d", GetURL(), err);
                     fail_code = -9;
                 }
@@ -324,6 +383,8 @@ int CTcpConnector::ConnectWith(ConnectSetupFn setup, void* setup_arg) {
                 m_status = CONNECTOR_STATUS_CONNECTED;
                 if (ret != 0) {
                     fail_code = ret;  // not a documented result of connect; handled as a failure
+                } else if (m_unix) {
+                    LocalSocketName(m_socket);  // the dial completed here, not in Update
                 }
             }
         }

@@ -2,10 +2,12 @@
 //
 // A connector is either dialled out to a "tcp://host:port" or "tcp://[v6-host]:port" URL
 // (Init with socket -1, then Connect) or wraps a socket that a listener accepted (Init with
-// the socket). The owner's thread waits on epoll, hands each event's bits to SetEvent and
-// calls Update once per tick; Update completes dials, disconnects on errors, flushes the send
-// queue and reads. Complete packets, cut by the application's IPackParser, wait in a ring of
-// 1000 descriptors for Peek/Drop, or are pushed to the receive callback.
+// the socket); InitUnix does the same for a Unix-domain stream socket ("unix:///path",
+// "unix://@name"), with the same framing and queues. The owner's thread waits on epoll,
+// hands each event's bits to SetEvent and calls Update once per tick; Update completes
+// dials, disconnects on errors, flushes the send queue and reads. Complete packets, cut by
+// the application's IPackParser, wait in a ring of 1000 descriptors for Peek/Drop, or are
+// pushed to the receive callback.
 //
 // Memory: receive and send bytes live in 64 KiB blocks borrowed from a shared CNetBufferMgr;
 // the two combine buffers, the error-text buffer, the pool, the parser and the log category
@@ -68,6 +70,7 @@
 
 #include <netinet/in.h>
 #include <sys/time.h>
+#include <sys/un.h>
 
 #include <atomic>
 #include <cstdint>
@@ -156,6 +159,22 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // arguments / set-up / a failed registration (the socket is then neither stored nor
     // closed), or the failing step's code.
     int Init(const char* url, IPackParser* parser, int epoll, int socket) override;
+    // Init for a Unix-domain stream socket: "unix:///path" or "unix://@name" (parsed by
+    // CTcpListener::ParseUnixURL; a malformed URL is -2). socket < 0: a connector to be
+    // dialled with ConnectWith (a refused or busy listener fails the dial at once, -9);
+    // socket >= 0: an accepted (or moved) connection, as Init. The framing, queues, limits
+    // and statistics are those of TCP; no TCP option is set (Connect skips TCP_NODELAY and
+    // the process-wide buffer sizes apply as for TCP). Owner's thread.
+    int InitUnix(const char* url, IPackParser* parser, int epoll, int socket);
+    // Whether the connector was bound by InitUnix.
+    bool IsUnix() const { return m_unix; }
+    // Binds a dialling connector that is not connected (status 0, never accepted) to
+    // another numeric URL for its next Connect: Init with `socket` -1, except that the
+    // address family is chosen again from `url` ("tcp://[...]" IPv6, otherwise IPv4)
+    // where Init keeps an IPv6 connector's family. Returns Init's result, or -1 for a
+    // connector that is connected, dialling or accepted. Owner's thread, with no other
+    // thread using the connector.
+    int Retarget(const char* url, IPackParser* parser, int epoll);
     // Closes the socket (if any) and returns every block of both queues to the pool. The
     // connector cannot carry traffic afterwards.
     void Fini() override;
@@ -564,6 +583,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // blocks would take the queue over m_max_tx_buf_num, logs the DEBUG line to `cat`, marks
     // the send side full (counted once per episode) and returns true.
     bool RefuseOverQueueLimit(int len, LogCategory* cat);
+    // Init's steps after the URL: the buffers' check, the parser and epoll, and for an
+    // accepted socket its registration. Returns as Init.
+    int InitBound(IPackParser* parser, int epoll, int socket);
     // GetLocalSocketName into m_peer_url (unchanged on failure). 0, or -1.
     int LocalSocketName(int socket);
     // Records `events` as the socket's registration after Init/Connect registered it (or 0
@@ -698,8 +720,13 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
         int m_ip;
         struct in6_addr m_ipv6;
     };
-    // Local address text: "tcp://[" + at most 45 characters of an IPv6 address + "]:" + port.
+    // Local address text: "tcp://[" + at most 45 characters of an IPv6 address + "]:" + port
+    // (a unix:// address is cut to fit).
     char m_peer_url[64];
+    // A Unix-domain connector (InitUnix) and its peer's address.
+    bool m_unix = false;
+    socklen_t m_addr_un_len = 0;
+    struct sockaddr_un m_addr_un;
 };
 
 }  // namespace QUOLNET

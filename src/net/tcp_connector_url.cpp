@@ -31,7 +31,10 @@ int CTcpConnector::ParseURL() {
         return -2;
     }
     *colon = ':';
-    int port = static_cast<int>(strtol(colon + 1, nullptr, 10));
+    // Read as a long and range-checked, so that 65536 and above are refused rather than
+    // cut to their low 16 bits.
+    long wide = strtol(colon + 1, nullptr, 10);
+    int port = wide > 65535 ? -1 : static_cast<int>(wide);
     if (port <= 0) {
         QN_LOG(m_log_cat, QN_ERROR, "parse url failed -- atoi(port), url=%s, ret=%d", GetURL(), port);
         return -3;
@@ -66,7 +69,8 @@ int CTcpConnector::ParseURLV6() {
         QN_LOG(m_log_cat, QN_ERROR, "parse url failed -- no port in url, url=%s", GetURL());
         return -1;
     }
-    int port = static_cast<int>(strtol(bracket + 2, nullptr, 10));
+    long wide = strtol(bracket + 2, nullptr, 10);
+    int port = wide > 65535 ? -1 : static_cast<int>(wide);
     if (port <= 0) {
         QN_LOG(m_log_cat, QN_ERROR, "parse url failed -- atoi(port), url=%s, ret=%d", GetURL(), port);
         return -3;

@@ -5,8 +5,11 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -92,6 +95,56 @@ int CTcpListener::ParseURL(const char* url, struct sockaddr_storage* addr, sockl
     return 0;
 }
 
+bool CTcpListener::IsUnixURL(const char* url) {
+    return url != nullptr && strncmp(url, "unix://", 7) == 0;
+}
+
+int CTcpListener::ParseUnixURL(const char* url, struct sockaddr_un* addr, socklen_t* len, std::string* why) {
+    auto fail = [why](const char* reason) {
+        if (why != nullptr) {
+            *why = reason;
+        }
+        return -1;
+    };
+    if (!IsUnixURL(url)) {
+        return fail("the URL must start with unix://");
+    }
+    const char* path = url + 7;
+    const bool abstract = *path == '@';
+    const char* name = abstract ? path + 1 : path;
+    size_t n = strlen(name);
+    if (n == 0) {
+        return fail(abstract ? "empty abstract socket name after unix://@"
+                             : "empty socket path after unix://");
+    }
+    // A path needs its terminator in sun_path; an abstract name its leading NUL.
+    if (n + 1 > sizeof(addr->sun_path)) {
+        return fail("the socket path is too long (at most 107 bytes)");
+    }
+    memset(addr, 0, sizeof(*addr));
+    addr->sun_family = AF_UNIX;
+    if (abstract) {
+        memcpy(addr->sun_path + 1, name, n);
+        *len = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + n);
+    } else {
+        memcpy(addr->sun_path, name, n);
+        *len = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + n + 1);
+    }
+    return 0;
+}
+
+std::string CTcpListener::FormatUnixURL(const struct sockaddr_un* addr, socklen_t len) {
+    const size_t base = offsetof(struct sockaddr_un, sun_path);
+    if (addr->sun_family != AF_UNIX || len <= base) {
+        return "unix://";
+    }
+    size_t n = std::min(static_cast<size_t>(len) - base, sizeof(addr->sun_path));
+    if (addr->sun_path[0] == '\0') {
+        return "unix://@" + std::string(addr->sun_path + 1, n - 1);
+    }
+    return "unix://" + std::string(addr->sun_path, strnlen(addr->sun_path, n));
+}
+
 std::string CTcpListener::FormatURL(const struct sockaddr* addr) {
     char text[INET6_ADDRSTRLEN] = {0};
     char url[128];
@@ -110,10 +163,109 @@ std::string CTcpListener::FormatURL(const struct sockaddr* addr) {
     return "";
 }
 
+int CTcpListener::OpenUnix(const char* url, int backlog, bool reuse_port) {
+    struct sockaddr_un addr;
+    socklen_t len = 0;
+    std::string why;
+    if (ParseUnixURL(url, &addr, &len, &why) != 0) {
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "invalid listen url(%s), %s", url, why.c_str());
+        return -1;
+    }
+    if (reuse_port) {
+        m_last_errno = EOPNOTSUPP;  // one listening socket per path or name
+        return -3;
+    }
+    const bool abstract = addr.sun_path[0] == '\0';
+    if (!abstract) {
+        struct stat st;
+        if (lstat(addr.sun_path, &st) == 0) {
+            if (!S_ISSOCK(st.st_mode)) {
+                m_last_errno = EEXIST;
+                QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR,
+                                "cannot listen on %s: the path exists and is not a socket", url);
+                return -2;
+            }
+            // A socket file: stale when nothing answers behind it (a server that died).
+            int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            int err = 0;
+            if (probe < 0 || connect(probe, reinterpret_cast<struct sockaddr*>(&addr), len) == 0) {
+                err = probe < 0 ? errno : 0;
+            } else {
+                err = errno;
+            }
+            if (probe >= 0) {
+                ::close(probe);
+            }
+            if (err != ECONNREFUSED) {
+                m_last_errno = err == 0 || err == EAGAIN ? EADDRINUSE : err;
+                if (err == 0 || err == EAGAIN) {
+                    QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR,
+                                    "cannot listen on %s: a live server is listening there", url);
+                } else {
+                    QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR,
+                                    "cannot listen on %s: the socket file is in the way and a connect to it "
+                                    "failed with errno=%d (not removed)",
+                                    url, err);
+                }
+                return -2;
+            }
+            if (unlink(addr.sun_path) != 0 && errno != ENOENT) {
+                m_last_errno = errno;
+                QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "cannot remove the stale socket %s, errno=%d",
+                                url, m_last_errno);
+                return -2;
+            }
+            QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_INFO,
+                            "replaced the stale socket file of %s (no server behind it)", url);
+        }
+    }
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        m_last_errno = errno;
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "socket() failed, url=%s, errno=%d", url,
+                        m_last_errno);
+        return -2;
+    }
+    SocketSetupError err;
+    if (ApplyBufferSizes(fd, m_options, &err) != 0) {
+        m_last_errno = err.error;
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "%s, url=%s, errno=%d", err.step.c_str(), url,
+                        m_last_errno);
+        ::close(fd);
+        return -2;
+    }
+    if (bind(fd, reinterpret_cast<struct sockaddr*>(&addr), len) != 0) {
+        m_last_errno = errno;
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "bind() failed, url=%s, errno=%d", url, m_last_errno);
+        ::close(fd);
+        return -2;
+    }
+    if (listen(fd, backlog) != 0) {
+        m_last_errno = errno;
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "listen() failed, url=%s, errno=%d", url,
+                        m_last_errno);
+        ::close(fd);
+        if (!abstract) {
+            unlink(addr.sun_path);
+        }
+        return -2;
+    }
+    m_fd = fd;
+    m_unix = true;
+    m_unix_path = abstract ? std::string() : std::string(addr.sun_path);
+    m_url = FormatUnixURL(&addr, len);
+    m_port = 0;
+    QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_INFO, "listening on %s, fd=%d", m_url.c_str(), m_fd);
+    return 0;
+}
+
 int CTcpListener::Open(const char* url, int backlog, LogCategory* log_cat, bool reuse_port) {
     Close();
     m_log_cat = log_cat;
     m_refused_cnt = 0;
+    if (IsUnixURL(url)) {
+        return OpenUnix(url, backlog, reuse_port);
+    }
     struct sockaddr_storage addr;
     socklen_t len = 0;
     std::string why;
@@ -189,7 +341,7 @@ int CTcpListener::Accept(std::string* peer_url) {
         }
     }
     SocketSetupError err;
-    int ret = ApplyTcpOptions(fd, m_options, &err);
+    int ret = m_unix ? 0 : ApplyTcpOptions(fd, m_options, &err);
     bool chosen = false;  // refused by the application's setup function, not by a failure
     if (ret == 0) {
         ret = RunSocketSetup(fd, m_options, &err);
@@ -208,7 +360,7 @@ int CTcpListener::Accept(std::string* peer_url) {
         return ACCEPT_REFUSED;
     }
     if (peer_url != nullptr) {
-        *peer_url = FormatURL(reinterpret_cast<struct sockaddr*>(&peer));
+        *peer_url = m_unix ? m_url : FormatURL(reinterpret_cast<struct sockaddr*>(&peer));
     }
     return fd;
 }
@@ -217,7 +369,12 @@ void CTcpListener::Close() {
     if (m_fd >= 0) {
         ::close(m_fd);
         m_fd = -1;
+        if (!m_unix_path.empty()) {
+            unlink(m_unix_path.c_str());  // the file this listener bound
+        }
     }
+    m_unix = false;
+    m_unix_path.clear();
 }
 
 }  // namespace QUOLNET

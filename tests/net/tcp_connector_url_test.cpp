@@ -95,10 +95,16 @@ TEST_F(UrlTest, IPv4TrailingCharactersIgnored) {
     EXPECT_EQ(htons(80), Peer::m_addr(conn).sin_port);
 }
 
-TEST_F(UrlTest, IPv4PortAbove65535KeptWhole) {
-    EXPECT_EQ(0, Parse("tcp://1.2.3.4:70000"));
-    EXPECT_EQ(70000, Peer::m_port(conn));
-    EXPECT_EQ(4464, ntohs(Peer::m_addr(conn).sin_port));
+TEST_F(UrlTest, IPv4PortAbove65535IsRefused) {
+    // Not cut to its low 16 bits (70000 would dial 4464): refused, the earlier address kept.
+    ASSERT_EQ(0, Parse("tcp://1.2.3.4:80"));
+    EXPECT_EQ(-3, Parse("tcp://1.2.3.4:70000"));
+    EXPECT_EQ(-3, Parse("tcp://1.2.3.4:65536"));
+    EXPECT_EQ(-3, Parse("tcp://1.2.3.4:4294967376"));
+    EXPECT_EQ(80, Peer::m_port(conn));
+    EXPECT_EQ(htons(80), Peer::m_addr(conn).sin_port);
+    EXPECT_EQ(0, Parse("tcp://1.2.3.4:65535"));
+    EXPECT_EQ(65535, Peer::m_port(conn));
 }
 
 TEST_F(UrlTest, SchemeIsSkippedNotCompared) {
@@ -177,10 +183,14 @@ TEST_F(UrlTest, IPv6BadPort) {
     EXPECT_TRUE(HasError("parse url failed -- atoi(port), url=tcp://[::1]:-7, ret=-7")) << cap.Dump();
 }
 
-TEST_F(UrlTest, IPv6PortAbove65535KeptWhole) {
-    EXPECT_EQ(0, ParseV6("tcp://[fe80::2]:70000x"));
-    EXPECT_EQ(70000, Peer::m_port(conn));
-    EXPECT_EQ(4464, ntohs(Peer::m_addr6(conn).sin6_port));
+TEST_F(UrlTest, IPv6PortAbove65535IsRefused) {
+    ASSERT_EQ(0, ParseV6("tcp://[::1]:8080"));
+    EXPECT_EQ(-3, ParseV6("tcp://[fe80::2]:70000x"));
+    EXPECT_EQ(-3, ParseV6("tcp://[fe80::2]:65536"));
+    EXPECT_EQ(8080, Peer::m_port(conn));
+    EXPECT_EQ(htons(8080), Peer::m_addr6(conn).sin6_port);
+    EXPECT_EQ(0, ParseV6("tcp://[fe80::2]:65535"));
+    EXPECT_EQ(65535, Peer::m_port(conn));
 }
 
 TEST_F(UrlTest, IPv6FailedParseKeepsEarlierAddress) {

@@ -39,9 +39,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/relaxed.h"
 #include "net/connector_handler.h"
+#include "net/owner/resolver.h"
 #include "net/socket_options.h"
 #include "net/tcp_connector.h"
 
@@ -118,7 +120,21 @@ struct OwnedConn {
     Relaxed<bool> want_room;            // a Send returned kSendNoRoom; OnWritable is due
     int attempt = 0;                    // connect attempts since the last success
     int backoff_ms = 0;
-    uint64_t timer_id = 0;      // retry or connect-timeout timer
+    uint64_t timer_id = 0;  // retry or connect-timeout timer (or, for a name, the lookup's)
+    // A dial by host name (CDialler): the name and port, looked up again before every
+    // attempt (empty for a numeric URL, which has no such state); the addresses of the last
+    // lookup and the index of the next one to try; when the attempt's connect timeout ends
+    // (0: none); a counter that names the current step (the lookup or one address) for its
+    // timer and its result; whether a lookup is under way (the connection is in WAIT_RETRY
+    // meanwhile); and whether a failed lookup was logged since the last one that succeeded.
+    std::string dial_host;
+    uint16_t dial_port = 0;
+    std::vector<ResolvedAddr> dial_addrs;
+    size_t dial_next = 0;
+    int64_t dial_deadline_ms = 0;
+    uint64_t dial_step = 0;
+    bool resolving = false;
+    bool resolve_fail_logged = false;
     bool dead = false;          // finalised or moved away; freed at the end of the tick
     Relaxed<bool> send_failed;  // set by any thread when Send failed
     // Replies the application still owes after the peer's end of stream (HoldOpen minus

@@ -202,8 +202,8 @@ void CConnAdmission::MakeRoomForHandOut() {
 
 bool CConnAdmission::AdmitSource(const std::string& peer) {
     const unsigned int cap = m_mgr.m_options.max_connections_per_source;
-    if (cap == 0) {
-        return true;
+    if (cap == 0 || CTcpListener::IsUnixURL(peer.c_str())) {
+        return true;  // a unix socket's peers are unnamed: no source to count
     }
     std::string source = CSourceCounts::SourceOf(peer);
     if (m_sources->Add(source, cap)) {
@@ -223,7 +223,7 @@ bool CConnAdmission::AdmitSource(const std::string& peer) {
 }
 
 void CConnAdmission::SourceReleased(const std::string& peer) {
-    if (m_mgr.m_options.max_connections_per_source != 0) {
+    if (m_mgr.m_options.max_connections_per_source != 0 && !CTcpListener::IsUnixURL(peer.c_str())) {
         m_sources->Remove(CSourceCounts::SourceOf(peer));
     }
 }

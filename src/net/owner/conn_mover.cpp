@@ -20,7 +20,10 @@ bool CConnMover::Movable(const OwnedConn* c) {
 // is still empty. Null when the connector cannot be initialised.
 OwnedConn* CConnMover::MakeCopy(CConnectorMgr& from, OwnedConn* c, CConnectorMgr& to) {
     OwnedConn* n = to.NewConn(c->url.c_str());
-    if (n->connector->Init(c->url.c_str(), to.m_parser, to.GetEpollFd(), c->fd) != 0) {
+    int init = CTcpListener::IsUnixURL(c->url.c_str())
+                   ? n->connector->InitUnix(c->url.c_str(), to.m_parser, to.GetEpollFd(), c->fd)
+                   : n->connector->Init(c->url.c_str(), to.m_parser, to.GetEpollFd(), c->fd);
+    if (init != 0) {
         QN_OWNER_LOG(from.LogCat(), LOG_PRIORITY_ERROR, "move of %llu: CTcpConnector::Init() failed, fd=%d",
                      static_cast<unsigned long long>(c->id), c->fd);
         n->connector->SetCloseSocket(false);
@@ -31,7 +34,9 @@ OwnedConn* CConnMover::MakeCopy(CConnectorMgr& from, OwnedConn* c, CConnectorMgr
     n->id = c->id;
     n->fd = c->fd;
     n->accepted = c->accepted;
-    n->dial = c->dial;  // shared and never changed: the old record may go on its own thread
+    n->dial = c->dial;            // shared and never changed: the old record may go on its own thread
+    n->dial_host = c->dial_host;  // a reconnect on the new loop looks the name up again
+    n->dial_port = c->dial_port;
     n->context = c->context;
     n->moved_from = &from;
     n->was_established = c->was_established;

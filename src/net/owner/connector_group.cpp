@@ -449,22 +449,12 @@ ConnId CConnectorGroup::Dial(const char* url, const DialOptions& options, int lo
     if (m_threads.empty() || mgr->OnLoopThread()) {
         return mgr->Dial(url, options);
     }
-    struct sockaddr_storage addr;
-    socklen_t len = 0;
+    // Checked here, as the loop's own Dial does, rather than after an id was handed out.
+    DialTarget target;
     std::string why;
-    if (CTcpListener::ParseURL(url, &addr, &len, &why) != 0) {
+    if (CDialler::ParseDialURL(url, &target, &why) != 0) {
         QN_OWNER_LOG(mgr->LogCat(), LOG_PRIORITY_ERROR, "invalid dial url(%s), %s",
                      url != nullptr ? url : "(null)", why.c_str());
-        return 0;
-    }
-    // The listener's parser accepts port 0 (pick a free one); a dial cannot: refused here,
-    // as the loop's own Dial does, rather than after an id was handed out.
-    const struct sockaddr* sa = reinterpret_cast<const struct sockaddr*>(&addr);
-    in_port_t port = sa->sa_family == AF_INET6 ? reinterpret_cast<const struct sockaddr_in6*>(sa)->sin6_port
-                                               : reinterpret_cast<const struct sockaddr_in*>(sa)->sin_port;
-    if (port == 0) {
-        QN_OWNER_LOG(mgr->LogCat(), LOG_PRIORITY_ERROR, "invalid dial url(%s), port 0 cannot be dialled",
-                     url);
         return 0;
     }
     ConnId id = mgr->m_table.NextId();

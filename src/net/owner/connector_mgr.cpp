@@ -109,6 +109,7 @@ CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptio
 }
 
 CConnectorMgr::~CConnectorMgr() {
+    m_dialler.StopResolver();  // no lookup result is posted from here on
     for (OwnedConn* c : m_table.SortedById()) {
         ConnId id = c->id;
         if (c->connector->GetStatus() != CONNECTOR_STATUS_DISCONNECTED) {
@@ -262,7 +263,10 @@ void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer) {
     }
     OwnedConn* c = NewConn(peer.c_str());
     c->accepted = true;
-    if (c->connector->Init(peer.c_str(), m_parser, GetEpollFd(), fd) != 0) {
+    int init = CTcpListener::IsUnixURL(peer.c_str())
+                   ? c->connector->InitUnix(peer.c_str(), m_parser, GetEpollFd(), fd)
+                   : c->connector->Init(peer.c_str(), m_parser, GetEpollFd(), fd);
+    if (init != 0) {
         QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR,
                      "CTcpConnector::Init() failed for an accepted socket, url=%s, fd=%d", peer.c_str(), fd);
         ::close(fd);

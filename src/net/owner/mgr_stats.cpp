@@ -29,6 +29,8 @@ const char* CloseReasonName(CloseReason reason) {
             return "dial_refused";
         case CloseReason::kDialTimeout:
             return "dial_timeout";
+        case CloseReason::kDialResolveFailed:
+            return "dial_resolve_failed";
     }
     return "unknown";
 }
