@@ -1,4 +1,6 @@
 // readme_example: the smallest echo server on CConnectorMgr (the code shown in README.md).
+#include <signal.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -6,17 +8,36 @@
 
 using namespace QUOLNET;
 
+struct Session {  // what the application keeps per connection: its context
+    unsigned long long packets = 0;
+};
+
 class Echo : public IConnectorHandler {
   public:
+    void OnConnected(CConnectorMgr* mgr, ConnId id, const char*, bool) override {
+        mgr->SetContext(id, new Session);  // handed back in every call for this connection
+    }
     bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool more) override {
         // Several packets in one tick: cork the replies, they leave with one flush.
         int ret = more ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
-        return ret != CConnectorMgr::kSendNoRoom;  // no room: paused until there is room
+        if (ret == CConnectorMgr::kSendNoRoom) {
+            return false;  // no room: paused until there is room
+        }
+        ++static_cast<Session*>(mgr->CurrentContext())->packets;
+        return true;
     }
-    void OnClosed(CConnectorMgr*, ConnId id, const CloseInfo& info) override {
-        printf("connection %llu closed: %s\n", (unsigned long long)id, CloseReasonName(info.reason));
+    void OnClosed(CConnectorMgr* mgr, ConnId id, const CloseInfo& info) override {
+        Session* s = static_cast<Session*>(mgr->GetContext(id));
+        printf("connection %llu closed: %s after %llu packets\n", (unsigned long long)id,
+               CloseReasonName(info.reason), s != nullptr ? s->packets : 0ULL);
+        delete s;  // the last call for this connection
     }
 };
+
+CConnectorMgr* g_mgr = nullptr;
+void OnSignal(int) {
+    g_mgr->Shutdown(5000);  // drain: stop listening, finish every connection, then Run returns
+}
 
 int main(int argc, char** argv) {
     const char* url = argc > 1 ? argv[1] : "tcp://127.0.0.1:0";
@@ -32,7 +53,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     int port = mgr.Listen(url);
-    if (port < 0) {  // -1: not a tcp:// URL; -2: cannot listen there
+    if (port < 0) {  // -1: a malformed URL; -2: cannot listen there
         fprintf(stderr, "readme_example: cannot listen on '%s'\n", url);
         return port == -1 ? 2 : 1;
     }
@@ -41,5 +62,8 @@ int main(int argc, char** argv) {
         mgr.RunOnce(0);
         return 0;
     }
-    return mgr.Run();  // until mgr.Stop() (any thread, signal-safe)
+    g_mgr = &mgr;
+    signal(SIGTERM, OnSignal);  // Shutdown is async-signal-safe
+    signal(SIGINT, OnSignal);
+    return mgr.Run();  // until the drain is over (or mgr.Stop(): any thread, signal-safe)
 }
