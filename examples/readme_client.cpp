@@ -25,7 +25,7 @@ struct CEchoClient : IConnectorHandler {
     }
     void OnClosed(CConnectorMgr* mgr, ConnId, const CloseInfo& info) override {
         printf("%d echoes verified, %d bad, %d waits for room, reason %s (%s)\n", m_echoed - m_bad, m_bad,
-               m_waits, CloseReasonName(info.reason), info.error != 0 ? strerror(info.error) : "-");
+               m_waits, CloseReasonName(info.reason), CloseErrorText(info));
         m_ok = m_echoed == kPackets && m_bad == 0 && info.reason == CloseReason::kClosedLocally;
         mgr->Stop();
     }

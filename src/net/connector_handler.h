@@ -62,6 +62,12 @@ struct CloseInfo {
     bool reconnecting = false;             // a dialled connection that redials (same id)
 };
 
+// `info.error` as text for a message: the resolver's message for kDialResolveFailed, the
+// errno's for the socket reasons, "parser code N" for kFramingError, "-" when there is none.
+// The text is static, or kept in a buffer of the calling thread until its next call. Any
+// thread.
+QUOLNET_EXPORT const char* CloseErrorText(const CloseInfo& info);
+
 class QUOLNET_EXPORT IConnectorHandler {
   public:
     virtual ~IConnectorHandler() {}

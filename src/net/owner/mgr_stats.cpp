@@ -2,6 +2,8 @@
 // statistics table and the metrics snapshot.
 #include "net/owner/mgr_stats.h"
 
+#include <netdb.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +35,21 @@ const char* CloseReasonName(CloseReason reason) {
             return "dial_resolve_failed";
     }
     return "unknown";
+}
+
+const char* CloseErrorText(const CloseInfo& info) {
+    if (info.error == 0) {
+        return "-";
+    }
+    if (info.reason == CloseReason::kDialResolveFailed) {
+        return gai_strerror(info.error);
+    }
+    thread_local char text[64];
+    if (info.reason == CloseReason::kFramingError) {
+        snprintf(text, sizeof(text), "parser code %d", info.error);
+        return text;
+    }
+    return strerror_r(info.error, text, sizeof(text));
 }
 
 const char* CloseLimitName(CloseLimit limit) {
