@@ -29,6 +29,7 @@
 
 #include "net/connector_mgr.h"
 #include "support/log_capture.h"
+#include "support/loop_thread.h"
 #include "support/mgr_helpers.h"
 #include "support/net_helpers.h"
 
@@ -78,32 +79,7 @@ class Recorder : public QUOLNET::IConnectorHandler {
     std::map<ConnId, int> close_calls;
     std::atomic<long> packets{0};
 };
-
-// A manager listening on loopback, its loop on a thread of its own.
-class LoopThread {
-  public:
-    LoopThread(QUOLNET::IConnectorHandler* h, const ConnectorMgrOptions& o) : m_mgr(h, o) {
-        m_ok = m_mgr.Init() == 0 && m_mgr.Listen("tcp://127.0.0.1:0") > 0;
-        if (m_ok) {
-            m_thread = std::thread([this]() { m_mgr.Run(); });
-        }
-    }
-    ~LoopThread() { Stop(); }
-    void Stop() {
-        m_mgr.Stop();
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-    bool ok() const { return m_ok; }
-    CConnectorMgr& mgr() { return m_mgr; }
-    int Dial() { return qntest::DialListener(m_mgr); }
-
-  private:
-    CConnectorMgr m_mgr;
-    std::thread m_thread;
-    bool m_ok = false;
-};
+using qntest::LoopThread;
 
 // Packet `seq` of `size` bytes: the length header, the sequence number, then bytes that
 // depend on both, so that a torn or misplaced packet cannot pass for a whole one.

@@ -23,6 +23,7 @@
 
 #include "net/connector_mgr.h"
 #include "support/log_capture.h"
+#include "support/loop_thread.h"
 #include "support/mgr_helpers.h"
 #include "support/net_helpers.h"
 
@@ -90,32 +91,7 @@ class RecordingEcho : public QUOLNET::IConnectorHandler {
   private:
     bool m_echo;
 };
-
-// A manager listening on loopback, its loop on its own thread.
-class LoopThread {
-  public:
-    LoopThread(QUOLNET::IConnectorHandler* h, const ConnectorMgrOptions& o) : m_mgr(h, o) {
-        m_ok = m_mgr.Init() == 0 && m_mgr.Listen("tcp://127.0.0.1:0") > 0;
-        if (m_ok) {
-            m_thread = std::thread([this]() { m_mgr.Run(); });
-        }
-    }
-    ~LoopThread() { Stop(); }
-    void Stop() {
-        m_mgr.Stop();
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-    bool ok() const { return m_ok; }
-    CConnectorMgr& mgr() { return m_mgr; }
-    int Dial() { return qntest::DialListener(m_mgr); }
-
-  private:
-    CConnectorMgr m_mgr;
-    std::thread m_thread;
-    bool m_ok = false;
-};
+using qntest::LoopThread;
 
 // `n` packets of `size` bytes each, packet i filled with a byte pattern of i.
 std::string PatternPackets(int n, unsigned int size) {

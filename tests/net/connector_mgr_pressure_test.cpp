@@ -22,6 +22,7 @@
 #include "net/connector_group.h"
 #include "net/connector_mgr.h"
 #include "support/log_capture.h"
+#include "support/loop_thread.h"
 #include "support/mgr_helpers.h"
 #include "support/net_helpers.h"
 
@@ -52,31 +53,7 @@ class CountingEcho : public QUOLNET::IConnectorHandler {
     std::atomic<long> ticks{0};
     std::atomic<int> evicted{0};
 };
-
-// A manager listening on loopback, its loop on its own thread.
-class LoopThread {
-  public:
-    LoopThread(QUOLNET::IConnectorHandler* h, const ConnectorMgrOptions& o) : m_mgr(h, o) {
-        m_ok = m_mgr.Init() == 0 && m_mgr.Listen("tcp://127.0.0.1:0") > 0;
-        if (m_ok) {
-            m_thread = std::thread([this]() { m_mgr.Run(); });
-        }
-    }
-    ~LoopThread() { Stop(); }
-    void Stop() {
-        m_mgr.Stop();
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-    bool ok() const { return m_ok; }
-    CConnectorMgr& mgr() { return m_mgr; }
-
-  private:
-    CConnectorMgr m_mgr;
-    std::thread m_thread;
-    bool m_ok = false;
-};
+using qntest::LoopThread;
 
 // A blocking connection to the manager's listener from source address `source` (the kernel
 // completes it whether or not the server accepts). The descriptor, or -1.
