@@ -60,7 +60,13 @@ class Recorder : public QUOLNET::IConnectorHandler {
             }
         }
         if (echo) {
-            EXPECT_EQ(static_cast<int>(len), mgr->Send(id, data, len));
+            int ret = mgr->Send(id, data, len);
+            if (ret == CConnectorMgr::kSendNoRoom) {
+                return false;  // a peer that does not read: paused until there is room
+            }
+            if (ret != CConnectorMgr::kSendClosing) {  // what is left after a limit closed it
+                EXPECT_EQ(static_cast<int>(len), ret);
+            }
         }
         return true;
     }
@@ -110,7 +116,7 @@ class UnixTest : public ::testing::Test {
     }
     CConnectorMgr& Mgr() {
         if (m_mgr == nullptr) {
-            ConnectorMgrOptions o;
+            ConnectorMgrOptions o = m_options;
             o.pool = &m_pool;
             o.log_cat = m_log.cat();
             o.max_packet_len = 64 * 1024;
@@ -141,6 +147,7 @@ class UnixTest : public ::testing::Test {
         return id;
     }
 
+    ConnectorMgrOptions m_options;  // what Mgr() starts from (pool, log and packet size are set)
     QUOLNET::CNetBufferMgr m_pool{256};
     qntest::LogCapture m_log{QUOLNET::LOG_PRIORITY_INFO};
     Recorder m_rec;
@@ -288,6 +295,67 @@ TEST_F(UnixTest, TheLimitsOfTcpApply) {
     EXPECT_EQ(CloseLimit::kPacketTooLong, m_rec.accepted_closes[0].limit);
     EXPECT_EQ(1u, Mgr().GetLimitCloseCount(CloseLimit::kPacketTooLong));
     close(fd);
+}
+
+// A unix peer (a blocking socket to `path`), or -1.
+int DialPath(const std::string& path) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un a;
+    memset(&a, 0, sizeof(a));
+    a.sun_family = AF_UNIX;
+    snprintf(a.sun_path, sizeof(a.sun_path), "%s", path.c_str());
+    if (connect(fd, reinterpret_cast<struct sockaddr*>(&a), sizeof(a)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// The hostile-peer defences hold over unix sockets as over TCP: a peer that withholds the
+// rest of a packet meets the packet deadline, one that never reads its replies meets the
+// send stall, and one that half-closes gets its replies, then a normal end.
+TEST_F(UnixTest, TheDeadlinesOfTcpApply) {
+    m_options.packet_deadline_ms = 200;
+    m_options.send_stall_ms = 300;
+    m_options.max_send_blocks = 4;
+    std::string path = Path("deadlines.sock");
+    ASSERT_EQ(0, Mgr().Listen(("unix://" + path).c_str()));
+
+    int trickler = DialPath(path);
+    ASSERT_GE(trickler, 0);
+    ASSERT_TRUE(qntest::WriteAll(trickler, "\0\0", 2));  // half a header, then nothing
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return m_rec.accepted_closes.size() == 1; })) << m_log.Dump();
+    EXPECT_EQ(CloseLimit::kPacketDeadline, m_rec.accepted_closes[0].limit);
+    close(trickler);
+
+    int reader = DialPath(path);  // never reads
+    ASSERT_GE(reader, 0);
+    std::string chunk = Packet(std::string(16 * 1024, 'r'));
+    size_t off = 0;
+    for (int i = 0; i < 4000 && m_rec.accepted_closes.size() < 2; ++i) {
+        ssize_t n = send(reader, chunk.data() + off, chunk.size() - off, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n > 0) {
+            off = (off + static_cast<size_t>(n)) % chunk.size();
+        }
+        Mgr().RunOnce(n > 0 ? 0 : 5);
+    }
+    ASSERT_EQ(2u, m_rec.accepted_closes.size()) << m_log.Dump();
+    EXPECT_EQ(CloseLimit::kSendStall, m_rec.accepted_closes[1].limit);
+    close(reader);
+
+    int polite = DialPath(path);
+    ASSERT_GE(polite, 0);
+    std::string requests = Packet("one") + Packet("two");
+    ASSERT_TRUE(qntest::WriteAll(polite, requests.data(), requests.size()));
+    ASSERT_EQ(0, shutdown(polite, SHUT_WR));
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return m_rec.accepted_closes.size() == 3; })) << m_log.Dump();
+    EXPECT_EQ(CloseReason::kPeerClosed, m_rec.accepted_closes[2].reason);
+    std::string back(requests.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(polite, &back[0], back.size()));
+    EXPECT_EQ(requests, back);
+    char c;
+    EXPECT_EQ(0, recv(polite, &c, 1, 0));  // a normal end of stream
+    close(polite);
 }
 
 TEST_F(UnixTest, GroupListensOnOneLoopAndHandsConnectionsOut) {
