@@ -166,6 +166,11 @@ class QUOLNET_EXPORT CConnectorGroup {
     int HomeLoop(ConnId id) const;
     // Finds the route of `id`; false when it has never moved.
     bool FindRoute(ConnId id, Route* route);
+    // Runs an operation on the loop serving `id`, following moves (see the .cpp).
+    template <typename OnLoop, typename InTransit, typename Result>
+    Result RouteWithRetry(ConnId id, Result missed, OnLoop on_loop, InTransit in_transit);
+    // The loop serving `id` unless that is `from_loop`, or null.
+    CConnectorMgr* ServingLoop(ConnId id, int from_loop);
     int SendRouted(ConnId id, const char* buf, unsigned int len, bool corked);
     int SendInTransit(ConnId id, const char* buf, unsigned int len, bool* in_transit);
     void CloseRouted(ConnId id, bool graceful, int from_loop);

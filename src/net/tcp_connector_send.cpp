@@ -521,7 +521,9 @@ int CTcpConnector::ShutdownSendIfIdle() {
     {
         AutoLocker locker(&m_tx_mutex);
         if (!m_tx_shut) {
-            if (m_is_sending.load() || m_tx_push_active || m_tx_tail_detached || !m_tx_queue.IsEmpty()) {
+            // A detached tail belongs to a push at the end of the queue, so m_tx_push_active
+            // covers it; a push ahead of the queue runs under the sending role.
+            if (m_is_sending.load() || m_tx_push_active || !m_tx_queue.IsEmpty()) {
                 return 0;  // a sender is still at work: its packet must reach the wire whole
             }
             m_tx_shut = true;

@@ -111,33 +111,6 @@ long CheckSeqStream(const std::string& got, unsigned int size, std::string* why)
     return n;
 }
 
-// Reads until end of stream, an error, or `timeout_ms` without a byte. `*end`: 0 for a
-// normal end of stream, else the errno (ETIMEDOUT when nothing came in time).
-std::string ReadToEnd(int fd, int* end, int timeout_ms = 15000) {
-    std::string got;
-    std::vector<char> buf(1 << 16);
-    for (;;) {
-        struct pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, timeout_ms) <= 0) {
-            *end = ETIMEDOUT;
-            return got;
-        }
-        ssize_t n = recv(fd, buf.data(), buf.size(), 0);
-        if (n == 0) {
-            *end = 0;
-            return got;
-        }
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            *end = errno;
-            return got;
-        }
-        got.append(buf.data(), static_cast<size_t>(n));
-    }
-}
-
 // Sends SeqPackets to `id` from this (foreign) thread until the manager refuses them for
 // good; a full queue is waited out. Returns how many were accepted.
 long StreamUntilRefused(CConnectorMgr& mgr, ConnId id, unsigned int size, long max_packets) {
@@ -193,7 +166,7 @@ class ConnectorMgrDrainTest : public ::testing::Test {
             ASSERT_EQ(0, shutdown(fd, SHUT_WR));
         }
         int end = -1;
-        got += ReadToEnd(fd, &end);
+        got += qntest::ReadToEnd(fd, &end);
         if (closer.joinable()) {
             closer.join();
         }
@@ -685,7 +658,7 @@ TEST_F(ConnectorMgrDrainTest, HeldRepliesReachAHalfClosedPeerBeforeItsEnd) {
                 ASSERT_TRUE(qntest::WriteAll(fd, requests.data(), requests.size()));
                 ASSERT_EQ(0, shutdown(fd, SHUT_WR));
                 int end = -1;
-                std::string got = ReadToEnd(fd, &end);
+                std::string got = qntest::ReadToEnd(fd, &end);
                 EXPECT_EQ(0, end);
                 if (hold != 0) {
                     EXPECT_EQ(requests, got) << "round " << round;  // every reply, in order, whole

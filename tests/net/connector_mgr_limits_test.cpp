@@ -107,29 +107,6 @@ std::string PatternPackets(int n, unsigned int size) {
     return out;
 }
 
-// Reads from a blocking socket until end of stream (or an error, or `timeout_ms` without a
-// byte); returns what arrived. `*eof` tells whether a normal end of stream was seen.
-std::string ReadToEnd(int fd, bool* eof, int timeout_ms = 15000) {
-    std::string got;
-    char buf[65536];
-    *eof = false;
-    for (;;) {
-        struct pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, timeout_ms) <= 0) {
-            return got;
-        }
-        ssize_t n = recv(fd, buf, sizeof(buf), 0);
-        if (n == 0) {
-            *eof = true;
-            return got;
-        }
-        if (n < 0) {
-            return got;
-        }
-        got.append(buf, static_cast<size_t>(n));
-    }
-}
-
 // Initialises `mgr`, listens on loopback and dials it `n` times with blocking sockets, then
 // runs the loop until `h` has seen every connection. The client descriptors (fewer than `n`
 // on failure).
@@ -186,10 +163,10 @@ void ExpectEveryReplyAfterHalfClose(ConnectorMgrLimitsTest* t, const ConnectorMg
         EXPECT_TRUE(qntest::WriteAll(fd, requests.data(), requests.size(), 20000));
         shutdown(fd, SHUT_WR);
     });
-    bool eof = false;
-    std::string replies = ReadToEnd(fd, &eof);
+    int end = -1;
+    std::string replies = qntest::ReadToEnd(fd, &end);
     writer.join();
-    EXPECT_TRUE(eof);
+    EXPECT_EQ(0, end);  // a normal end of stream
     EXPECT_EQ(requests.size(), replies.size());
     EXPECT_TRUE(requests == replies);
     ASSERT_TRUE(h.WaitFor([&]() { return h.closed.size() == 1; }));
@@ -236,11 +213,11 @@ TEST_F(ConnectorMgrLimitsTest, CloseFlushesWhatSendAcceptedThenEndsTheStream) {
         // Nothing is accepted after Close.
         EXPECT_EQ(CConnectorMgr::kSendClosing, server.mgr().Send(id, "x", 1));
     });
-    bool eof = false;
-    std::string got = ReadToEnd(fd, &eof);
+    int end = -1;
+    std::string got = qntest::ReadToEnd(fd, &end);
     shutdown(fd, SHUT_WR);  // answer the end of stream: the server stops lingering at once
     EXPECT_EQ(static_cast<int>(big.size()), sent.load());
-    EXPECT_TRUE(eof);
+    EXPECT_EQ(0, end);
     EXPECT_EQ(big.size(), got.size());
     EXPECT_TRUE(big == got);
     ASSERT_TRUE(h.WaitFor([&]() { return h.closed.size() == 1; }));
@@ -341,9 +318,9 @@ TEST_F(ConnectorMgrLimitsTest, IdleTimeoutClosesAConnectionWithNoTraffic) {
     ASSERT_GE(fd, 0);
     ASSERT_TRUE(h.WaitFor([&]() { return h.closed.size() == 1; }));
     EXPECT_EQ(CloseLimit::kIdleTimeout, h.closed.begin()->second.limit);
-    bool eof = false;
-    ReadToEnd(fd, &eof, 5000);
-    EXPECT_TRUE(eof);
+    int end = -1;
+    qntest::ReadToEnd(fd, &end, 5000);
+    EXPECT_EQ(0, end);
     close(fd);
 }
 

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 namespace qntest {
 
@@ -249,6 +250,31 @@ long RegisteredEvents(int epfd, int fd) {
         }
     }
     return -1;
+}
+
+std::string ReadToEnd(int fd, int* end, int timeout_ms) {
+    std::string got;
+    std::vector<char> buf(1 << 16);
+    for (;;) {
+        struct pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, timeout_ms) <= 0) {
+            *end = ETIMEDOUT;
+            return got;
+        }
+        ssize_t n = recv(fd, buf.data(), buf.size(), 0);
+        if (n == 0) {
+            *end = 0;
+            return got;
+        }
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            *end = errno;
+            return got;
+        }
+        got.append(buf.data(), static_cast<size_t>(n));
+    }
 }
 
 }  // namespace qntest

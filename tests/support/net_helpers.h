@@ -54,6 +54,9 @@ void SetSmallBuffers(int fd, int sndbuf, int rcvbuf);
 bool WriteAll(int fd, const void* buf, size_t len, int timeout_ms = 10000);
 // Reads exactly len bytes (polling); true on success.
 bool ReadExactly(int fd, void* buf, size_t len, int timeout_ms = 10000);
+// Reads until end of stream, an error, or `timeout_ms` without a byte; returns what came.
+// `*end`: 0 for a normal end of stream, else the errno (ETIMEDOUT when nothing came in time).
+std::string ReadToEnd(int fd, int* end, int timeout_ms = 15000);
 
 // Waits on epoll up to timeout_ms for one event; returns number of events (0 on timeout).
 int WaitEpoll(int epfd, unsigned int* events, void** data, int timeout_ms);

@@ -245,13 +245,16 @@ int CConnectorGroup::SendInTransit(ConnId id, const char* buf, unsigned int len,
     return ret > 0 ? ret : CConnectorMgr::kSendBadArgs;
 }
 
-int CConnectorGroup::SendRouted(ConnId id, const char* buf, unsigned int len, bool corked) {
-    // Each retry follows a move that happened meanwhile. A sender on a slow or preempted
-    // thread may see several moves in a row, so it retries (yielding) rather than report an
-    // id that only moved. An id that is really gone stops the loop at once: no route changed
-    // between the look-up and the miss. (Comparing the loop that missed with the id's loop
-    // after the miss is not enough: a connection may leave that loop and come back to it
-    // while a preempted sender is between the two.)
+// Each retry follows a move that happened meanwhile. A caller on a slow or preempted thread
+// may see several moves in a row, so it retries (yielding) rather than report an id that
+// only moved. An id that is really gone stops the loop at once: no route changed between the
+// look-up and the miss. (Comparing the loop that missed with the id's loop after the miss is
+// not enough: a connection may leave that loop and come back to it while a preempted caller
+// is between the two.) `on_loop(mgr)` runs the operation on a loop and returns its result,
+// `missed` when the id was not there; `in_transit(&result)` handles a connection between
+// loops and returns whether it did (false: retry).
+template <typename OnLoop, typename InTransit, typename Result>
+Result CConnectorGroup::RouteWithRetry(ConnId id, Result missed, OnLoop on_loop, InTransit in_transit) {
     for (int attempt = 0; attempt < 256; ++attempt) {
         if (attempt >= 8) {
             std::this_thread::yield();
@@ -260,23 +263,33 @@ int CConnectorGroup::SendRouted(ConnId id, const char* buf, unsigned int len, bo
         Route r;
         bool routed = FindRoute(id, &r);
         if (routed && r.transit != nullptr) {
-            bool in_transit = false;
-            int ret = SendInTransit(id, buf, len, &in_transit);
-            if (in_transit) {
+            Result ret = missed;
+            if (in_transit(&ret)) {
                 return ret;
             }
             continue;
         }
         int loop = routed ? r.loop : HomeLoop(id);
         if (loop < 0) {
-            return CConnectorMgr::kSendUnknownId;
+            return missed;
         }
-        int ret = m_loops[static_cast<size_t>(loop)]->SendImpl(id, buf, len, corked, true);
-        if (ret != CConnectorMgr::kSendUnknownId || m_route_epoch.load() == epoch) {
+        Result ret = on_loop(m_loops[static_cast<size_t>(loop)].get());
+        if (ret != missed || m_route_epoch.load() == epoch) {
             return ret;
         }
     }
-    return CConnectorMgr::kSendUnknownId;
+    return missed;
+}
+
+int CConnectorGroup::SendRouted(ConnId id, const char* buf, unsigned int len, bool corked) {
+    return RouteWithRetry(
+        id, CConnectorMgr::kSendUnknownId,
+        [&](CConnectorMgr* mgr) { return mgr->SendImpl(id, buf, len, corked, true); },
+        [&](int* ret) {
+            bool in_transit = false;
+            *ret = SendInTransit(id, buf, len, &in_transit);
+            return in_transit;
+        });
 }
 
 int CConnectorGroup::Send(ConnId id, const char* buf, unsigned int len) {
@@ -287,22 +300,24 @@ int CConnectorGroup::SendCorked(ConnId id, const char* buf, unsigned int len) {
     return SendRouted(id, buf, len, true);
 }
 
-void CConnectorGroup::CloseRouted(ConnId id, bool graceful, int from_loop) {
+CConnectorMgr* CConnectorGroup::ServingLoop(ConnId id, int from_loop) {
     int loop = LoopOf(id);
     if (loop < 0 || loop == from_loop) {
-        return;  // no such connection (any more)
+        return nullptr;  // no such connection (any more)
     }
-    CConnectorMgr* mgr = m_loops[static_cast<size_t>(loop)].get();
-    mgr->Post([mgr, id, graceful]() { mgr->CloseNow(id, graceful); });
+    return m_loops[static_cast<size_t>(loop)].get();
+}
+
+void CConnectorGroup::CloseRouted(ConnId id, bool graceful, int from_loop) {
+    if (CConnectorMgr* mgr = ServingLoop(id, from_loop)) {
+        mgr->Post([mgr, id, graceful]() { mgr->CloseNow(id, graceful); });
+    }
 }
 
 void CConnectorGroup::PauseRouted(ConnId id, bool paused, int from_loop) {
-    int loop = LoopOf(id);
-    if (loop < 0 || loop == from_loop) {
-        return;  // no such connection (any more)
+    if (CConnectorMgr* mgr = ServingLoop(id, from_loop)) {
+        mgr->Post([mgr, id, paused]() { mgr->SetPausedNow(id, paused); });
     }
-    CConnectorMgr* mgr = m_loops[static_cast<size_t>(loop)].get();
-    mgr->Post([mgr, id, paused]() { mgr->SetPausedNow(id, paused); });
 }
 
 void CConnectorGroup::PauseReading(ConnId id) {
@@ -313,29 +328,11 @@ void CConnectorGroup::ResumeReading(ConnId id) {
     PauseRouted(id, false, -1);
 }
 
-// As SendRouted: a miss that follows a move is retried on the connection's new loop; a
-// connection between loops is waited for (its count travels with it).
+// A connection between loops is waited for: its count travels with it.
 bool CConnectorGroup::HoldRouted(ConnId id, int delta) {
-    for (int attempt = 0; attempt < 256; ++attempt) {
-        if (attempt >= 8) {
-            std::this_thread::yield();
-        }
-        uint64_t epoch = m_route_epoch.load();
-        Route r;
-        bool routed = FindRoute(id, &r);
-        if (routed && r.transit != nullptr) {
-            continue;
-        }
-        int loop = routed ? r.loop : HomeLoop(id);
-        if (loop < 0) {
-            return false;
-        }
-        bool done = m_loops[static_cast<size_t>(loop)]->AdjustHold(id, delta, true);
-        if (done || m_route_epoch.load() == epoch) {
-            return done;
-        }
-    }
-    return false;
+    return RouteWithRetry(
+        id, false, [&](CConnectorMgr* mgr) { return mgr->AdjustHold(id, delta, true); },
+        [](bool*) { return false; });
 }
 
 bool CConnectorGroup::HoldOpen(ConnId id) {

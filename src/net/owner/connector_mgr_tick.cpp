@@ -212,7 +212,7 @@ void CConnectorMgr::RunShutdown(int64_t now) {
         }
         m_shutdown_deadline_ms = INT64_MAX;  // aborted once
     }
-    if (m_table.Size() == 0 && m_graveyard.empty() && !m_stop.load()) {
+    if (m_table.Size() == 0 && !m_stop.load()) {  // (the graveyard was emptied by the last tick)
         QN_OWNER_LOG(LogCat(), LOG_PRIORITY_INFO, "shut down: %llu connections drained, %llu aborted",
                      static_cast<unsigned long long>(m_shutdown_drained.load()),
                      static_cast<unsigned long long>(m_shutdown_aborted.load()));
