@@ -100,15 +100,14 @@ bool ParseSeconds(const char* text, double* out) {
     return true;
 }
 
-// Replaces `path` with the current statistics table: written to a sibling file first and
-// renamed over it, so a reader never sees half a table. Loop thread (FormatStats needs it).
-void WriteStatsFile(QUOLNET::CConnectorMgr* mgr, const std::string& path) {
+// Replaces `path` with `text`: written to PATH.tmp and renamed over it, so a reader never
+// sees half a file. A failure is reported once per `warned` flag (the files are rewritten
+// every interval). The caller serialises writes of one file.
+void ReplaceFile(const std::string& path, const std::string& text, const char* what, bool* warned) {
     std::string tmp = path + ".tmp";
-    static bool warned = false;
     FILE* f = fopen(tmp.c_str(), "w");
     bool ok = f != nullptr;
     if (ok) {
-        std::string text = mgr->FormatStats();
         ok = fwrite(text.data(), 1, text.size(), f) == text.size();
         ok = fclose(f) == 0 && ok;
         ok = ok && rename(tmp.c_str(), path.c_str()) == 0;
@@ -116,12 +115,18 @@ void WriteStatsFile(QUOLNET::CConnectorMgr* mgr, const std::string& path) {
     if (!ok) {
         int err = errno;
         remove(tmp.c_str());
-        if (!warned) {
-            warned = true;  // once: the table is rewritten every interval
-            fprintf(stderr, "echo_server: cannot write the statistics file %s: %s\n", path.c_str(),
+        if (!*warned) {
+            *warned = true;
+            fprintf(stderr, "echo_server: cannot write the %s file %s: %s\n", what, path.c_str(),
                     strerror(err));
         }
     }
+}
+
+// The current statistics table into `path`. Loop thread (FormatStats needs it).
+void WriteStatsFile(QUOLNET::CConnectorMgr* mgr, const std::string& path) {
+    static bool warned = false;
+    ReplaceFile(path, mgr->FormatStats(), "statistics", &warned);
 }
 
 // --metrics-file PATH: the metrics, written every --metrics-interval seconds and at exit.
@@ -139,24 +144,7 @@ void WriteMetricsFile(const std::string& text) {
     static std::mutex mutex;
     static bool warned = false;
     std::lock_guard<std::mutex> lock(mutex);
-    const std::string& path = g_metrics.path;
-    std::string tmp = path + ".tmp";
-    FILE* f = fopen(tmp.c_str(), "w");
-    bool ok = f != nullptr;
-    if (ok) {
-        ok = fwrite(text.data(), 1, text.size(), f) == text.size();
-        ok = fclose(f) == 0 && ok;
-        ok = ok && rename(tmp.c_str(), path.c_str()) == 0;
-    }
-    if (!ok) {
-        int err = errno;
-        remove(tmp.c_str());
-        if (!warned) {
-            warned = true;  // once: the file is rewritten every interval
-            fprintf(stderr, "echo_server: cannot write the metrics file %s: %s\n", path.c_str(),
-                    strerror(err));
-        }
-    }
+    ReplaceFile(g_metrics.path, text, "metrics", &warned);
 }
 
 int MetricsIntervalMs() {
