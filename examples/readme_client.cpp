@@ -3,8 +3,8 @@
 #include <cstring>
 #include <string>
 
-#include "net/connector_mgr.h"
-#include "net/length_parser.h"
+#include <quolnet/net/connector_mgr.h>
+#include <quolnet/net/length_parser.h>
 
 using namespace QUOLNET;
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "net/connector_mgr.h"
+#include <quolnet/net/connector_mgr.h>
 
 using namespace QUOLNET;
 

@@ -17,7 +17,7 @@
 
 #include <cstddef>
 
-#include "common/export.h"
+#include "../common/export.h"
 
 namespace QUOLNET {
 

@@ -10,8 +10,8 @@
 // alone may be read without that lock (it is a relaxed atomic); such a read may be stale.
 #pragma once
 
-#include "common/export.h"
-#include "common/relaxed.h"
+#include "../common/export.h"
+#include "../common/relaxed.h"
 
 namespace QUOLNET {
 

@@ -52,7 +52,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "net/connector_mgr.h"
+#include "connector_mgr.h"
 
 namespace QUOLNET {
 

@@ -13,7 +13,7 @@
 
 #include <cstdint>
 
-#include "common/export.h"
+#include "../common/export.h"
 
 namespace QUOLNET {
 

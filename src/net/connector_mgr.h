@@ -108,22 +108,22 @@
 #include <string>
 #include <vector>
 
-#include "log/log.h"
-#include "net/connector_handler.h"
-#include "net/length_parser.h"
-#include "net/net_buffer_mgr.h"
-#include "net/owner/acceptor.h"
-#include "net/owner/conn.h"
-#include "net/owner/conn_admission.h"
-#include "net/owner/conn_limits.h"
-#include "net/owner/conn_service.h"
-#include "net/owner/conn_table.h"
-#include "net/owner/dialler.h"
-#include "net/owner/event_loop.h"
-#include "net/owner/metrics.h"
-#include "net/owner/mgr_stats.h"
-#include "net/tcp_connector.h"
-#include "net/tcp_listener.h"
+#include "../log/log.h"
+#include "connector_handler.h"
+#include "length_parser.h"
+#include "net_buffer_mgr.h"
+#include "owner/acceptor.h"
+#include "owner/conn.h"
+#include "owner/conn_admission.h"
+#include "owner/conn_limits.h"
+#include "owner/conn_service.h"
+#include "owner/conn_table.h"
+#include "owner/dialler.h"
+#include "owner/event_loop.h"
+#include "owner/metrics.h"
+#include "owner/mgr_stats.h"
+#include "tcp_connector.h"
+#include "tcp_listener.h"
 
 namespace QUOLNET {
 

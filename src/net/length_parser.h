@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "net/net_parser.h"
+#include "net_parser.h"
 
 namespace QUOLNET {
 

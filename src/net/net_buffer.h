@@ -15,7 +15,7 @@
 
 #include <cstring>
 
-#include "net/bi_list.h"
+#include "bi_list.h"
 
 namespace QUOLNET {
 

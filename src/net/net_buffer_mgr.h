@@ -87,11 +87,11 @@
 #include <atomic>
 #include <vector>
 
-#include "common/export.h"
-#include "common/mutex.h"
-#include "log/log.h"
-#include "net/bi_list.h"
-#include "net/net_buffer.h"
+#include "../common/export.h"
+#include "../common/mutex.h"
+#include "../log/log.h"
+#include "bi_list.h"
+#include "net_buffer.h"
 
 namespace QUOLNET {
 

@@ -8,11 +8,11 @@
 
 #include <sys/time.h>
 
-#include "common/export.h"
-#include "common/relaxed.h"
-#include "log/log.h"
-#include "net/bi_list.h"
-#include "net/net_parser.h"
+#include "../common/export.h"
+#include "../common/relaxed.h"
+#include "../log/log.h"
+#include "bi_list.h"
+#include "net_parser.h"
 
 namespace QUOLNET {
 

@@ -1,7 +1,7 @@
 // IPackParser and RecvPkgCallback: what the application tells a connector about its packets.
 #pragma once
 
-#include "common/export.h"
+#include "../common/export.h"
 
 namespace QUOLNET {
 

@@ -26,7 +26,7 @@
 #include <functional>
 #include <string>
 
-#include "common/export.h"
+#include "../common/export.h"
 
 namespace QUOLNET {
 

@@ -76,15 +76,15 @@
 #include <cstdint>
 #include <ctime>
 
-#include "common/export.h"
-#include "common/mutex.h"
-#include "common/relaxed.h"
-#include "log/log.h"
-#include "net/bi_list.h"
-#include "net/net_buffer.h"
-#include "net/net_buffer_mgr.h"
-#include "net/net_connector.h"
-#include "net/net_parser.h"
+#include "../common/export.h"
+#include "../common/mutex.h"
+#include "../common/relaxed.h"
+#include "../log/log.h"
+#include "bi_list.h"
+#include "net_buffer.h"
+#include "net_buffer_mgr.h"
+#include "net_connector.h"
+#include "net_parser.h"
 
 namespace QUOLNET {
 

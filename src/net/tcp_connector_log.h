@@ -5,7 +5,7 @@
 // log_can_write agrees. The arguments are evaluated only after that test has passed.
 #pragma once
 
-#include "log/log.h"
+#include "../log/log.h"
 
 namespace QUOLNET {
 namespace tcp_log {

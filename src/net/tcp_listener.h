@@ -24,9 +24,9 @@
 #include <cstdint>
 #include <string>
 
-#include "common/export.h"
-#include "log/log.h"
-#include "net/socket_options.h"
+#include "../common/export.h"
+#include "../log/log.h"
+#include "socket_options.h"
 
 namespace QUOLNET {
 

@@ -2,7 +2,7 @@
 // A socket is an int descriptor; -1 means none. Every function sets errno on failure.
 #pragma once
 
-#include "common/export.h"
+#include "../common/export.h"
 
 namespace QUOLNET {
 

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <string>
 
-#include "common/version.h"
-#include "net/connector_mgr.h"
+#include <quolnet/common/version.h>
+#include <quolnet/net/connector_mgr.h>
 
 using namespace QUOLNET;
 

@@ -25,10 +25,10 @@
 #include <string>
 #include <vector>
 
-#include "common/relaxed.h"
-#include "log/log.h"
-#include "net/owner/event_loop.h"
-#include "net/tcp_listener.h"
+#include "../../common/relaxed.h"
+#include "../../log/log.h"
+#include "event_loop.h"
+#include "../tcp_listener.h"
 
 namespace QUOLNET {
 

@@ -41,11 +41,11 @@
 #include <string>
 #include <vector>
 
-#include "common/relaxed.h"
-#include "net/connector_handler.h"
-#include "net/owner/resolver.h"
-#include "net/socket_options.h"
-#include "net/tcp_connector.h"
+#include "../../common/relaxed.h"
+#include "../connector_handler.h"
+#include "resolver.h"
+#include "../socket_options.h"
+#include "../tcp_connector.h"
 
 namespace QUOLNET {
 

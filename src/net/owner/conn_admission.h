@@ -39,8 +39,8 @@
 #include <utility>
 #include <vector>
 
-#include "net/owner/acceptor.h"
-#include "net/owner/conn.h"
+#include "acceptor.h"
+#include "conn.h"
 
 namespace QUOLNET {
 

@@ -17,7 +17,7 @@
 #include <mutex>
 #include <vector>
 
-#include "net/owner/conn.h"
+#include "conn.h"
 
 namespace QUOLNET {
 

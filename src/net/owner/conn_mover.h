@@ -21,7 +21,7 @@
 // from the new epoll set). The application's context travels in the record (MakeCopy).
 #pragma once
 
-#include "net/owner/conn.h"
+#include "conn.h"
 
 namespace QUOLNET {
 

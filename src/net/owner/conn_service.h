@@ -17,7 +17,7 @@
 // table lock is taken exclusively (through the manager) around descriptor changes.
 #pragma once
 
-#include "net/owner/conn.h"
+#include "conn.h"
 
 namespace QUOLNET {
 

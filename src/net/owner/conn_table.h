@@ -19,7 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "net/owner/conn.h"
+#include "conn.h"
 
 namespace QUOLNET {
 

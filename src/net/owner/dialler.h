@@ -27,8 +27,8 @@
 #include <cstdint>
 #include <string>
 
-#include "net/owner/conn.h"
-#include "net/owner/resolver.h"
+#include "conn.h"
+#include "resolver.h"
 
 namespace QUOLNET {
 

@@ -60,9 +60,9 @@
 #include <string>
 #include <vector>
 
-#include "common/export.h"
-#include "net/connector_handler.h"
-#include "net/owner/mgr_stats.h"
+#include "../../common/export.h"
+#include "../connector_handler.h"
+#include "mgr_stats.h"
 
 namespace QUOLNET {
 

@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <string>
 
-#include "common/relaxed.h"
-#include "net/connector_handler.h"
-#include "net/net_buffer_mgr.h"
-#include "net/owner/conn_table.h"
+#include "../../common/relaxed.h"
+#include "../connector_handler.h"
+#include "../net_buffer_mgr.h"
+#include "conn_table.h"
 
 namespace QUOLNET {
 

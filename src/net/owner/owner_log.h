@@ -2,7 +2,7 @@
 // Private to the owner's sources (not installed).
 #pragma once
 
-#include "log/log.h"
+#include "../../log/log.h"
 
 namespace QUOLNET {
 namespace owner_log {
