@@ -182,7 +182,7 @@ class QUOLNET_EXPORT CConnectorGroup {
     // The move's two halves, on the loop threads (see CConnMover).
     void SetTransit(OwnedConn* conn, CConnectorMgr* to);
     bool Arrived(ConnId id, int loop);
-    void Dispatch(int fd, const std::string& peer);
+    void Dispatch(int fd, const std::string& peer, const std::shared_ptr<IStreamIoFactory>& stream);
     // Every loop's snapshot taken on the calling thread. The loops are not running.
     std::string FormatMetricsInPlace(MetricsFormat format);
 

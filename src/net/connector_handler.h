@@ -34,21 +34,28 @@ enum class CloseReason : int {
     // A dial by host name was given up because the name did not resolve; `error` holds
     // getaddrinfo's EAI_... code (negative; 0 when no address of a usable family came back)
     kDialResolveFailed = 8,
+    // The stream layer's handshake (TLS) failed or was refused, certificate verification
+    // included; `error` holds errno (0 for the layer's own failure), `text` its message
+    kHandshakeFailed = 9,
+    // The peer's stream ended without the layer's own end (a TLS peer closed its socket
+    // without a close_notify): what came may have been cut short; `text` says more
+    kTruncated = 10,
 };
-constexpr int kCloseReasonCount = 9;
+constexpr int kCloseReasonCount = 11;
 
 // Which limit closed a connection (CloseInfo::limit when the reason is kLimit).
 enum class CloseLimit : int {
     kNone = 0,
-    kSendStall = 1,       // the send queue did not shrink for send_stall_ms
-    kPacketDeadline = 2,  // a packet was started and not completed within packet_deadline_ms
-    kIdleTimeout = 3,     // nothing read or written for idle_timeout_ms
-    kPoolPressure = 4,    // shed while stalled, holding the most blocks, when the pool ran short
-    kPacketTooLong = 5,   // a packet announced longer than max_packet_len
-    kRecvBlocks = 6,      // a packet that could never fit under max_recv_blocks
-    kIdleEvicted = 7,     // idle the longest when max_connections was reached and others waited
+    kSendStall = 1,         // the send queue did not shrink for send_stall_ms
+    kPacketDeadline = 2,    // a packet was started and not completed within packet_deadline_ms
+    kIdleTimeout = 3,       // nothing read or written for idle_timeout_ms
+    kPoolPressure = 4,      // shed while stalled, holding the most blocks, when the pool ran short
+    kPacketTooLong = 5,     // a packet announced longer than max_packet_len
+    kRecvBlocks = 6,        // a packet that could never fit under max_recv_blocks
+    kIdleEvicted = 7,       // idle the longest when max_connections was reached and others waited
+    kHandshakeTimeout = 8,  // a stream layer's handshake (TLS) not done within handshake_timeout_ms
 };
-constexpr int kCloseLimitCount = 8;
+constexpr int kCloseLimitCount = 9;
 
 // Short stable names for logs and statistics ("peer_closed", "send_stall", ...).
 QUOLNET_EXPORT const char* CloseReasonName(CloseReason reason);
@@ -60,10 +67,15 @@ struct CloseInfo {
     int error = 0;                         // errno, or the parser's code for kFramingError
     CloseLimit limit = CloseLimit::kNone;  // for kLimit
     bool reconnecting = false;             // a dialled connection that redials (same id)
+    // The stream layer's message (TLS: OpenSSL's, with the verification result) for a
+    // failed handshake, a truncated stream or the layer's I/O error, else null. Valid during
+    // the OnClosed call only.
+    const char* text = nullptr;
 };
 
-// `info.error` as text for a message: the resolver's message for kDialResolveFailed, the
-// errno's for the socket reasons, "parser code N" for kFramingError, "-" when there is none.
+// `info.error` as text for a message: `info.text` when the stream layer gave one, the
+// resolver's message for kDialResolveFailed, the errno's for the socket reasons, "parser
+// code N" for kFramingError, "-" when there is none.
 // The text is static, or kept in a buffer of the calling thread until its next call. Any
 // thread.
 QUOLNET_EXPORT const char* CloseErrorText(const CloseInfo& info);

@@ -173,6 +173,12 @@ struct ConnectorMgrOptions {
     unsigned int fd_reserve = 64;                 // descriptors kept for the application (derived limit)
     int evict_idle_ms = 5000;                     // > 0: at the limit, close connections idle this long
     unsigned int max_connections_per_source = 0;  // > 0: refuse more from one address at accept
+    // Accepted connections with a stream layer (SocketOptions::stream, TLS): a handshake not
+    // done within this many ms is closed (limit handshake_timeout); 0: no deadline.
+    int handshake_timeout_ms = 10000;
+    // Handshake steps one loop tick makes at most; the rest wait for the next tick, so a
+    // flood of new handshakes cannot starve the established connections. 0: no bound.
+    unsigned int handshakes_per_tick = 64;
 };
 
 class QUOLNET_EXPORT CConnectorMgr {
@@ -317,7 +323,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Loop thread (or before Run); from another thread use Shutdown or Post.
     void StopListening();
     // The ids of the connections the manager holds now (dials in progress and waiting
-    // ones included), in ascending order. Any thread.
+    // ones included; accepted connections whose stream layer's handshake is under way are
+    // not the application's yet and are left out), in ascending order. Any thread.
     std::vector<ConnId> ListConnections();
     // Drains the server and then makes Run return: stops listening, ends every connection
     // gracefully and aborts what is left `timeout_ms` after the call is taken up.
@@ -442,7 +449,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     };
     int InitResources();
     OwnedConn* NewConn(const char* url);
-    void AdoptAccepted(int fd, const std::string& peer);
+    void AdoptAccepted(int fd, const std::string& peer, const std::shared_ptr<IStreamIoFactory>& stream);
     void Queue(OwnedConn* conn);
     void Retry(OwnedConn* conn) { m_pending.push_back(conn); }
     // Parks a connection whose reading waits for a pool block: it is retried only when the
@@ -522,6 +529,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     std::vector<OwnedConn*> m_work;       // connections to service this tick (loop thread)
     std::vector<OwnedConn*> m_starved;    // reading waits for a block, oldest first (loop thread)
     std::vector<OwnedConn*> m_pending;    // work carried over to the next tick (loop thread)
+    unsigned int m_handshake_steps = 0;   // handshake steps made this tick (loop thread)
     std::vector<OwnedConn*> m_corked;     // connections with corked sends this tick (loop thread)
     std::vector<OwnedConn*> m_flushing;   // the ones FlushCorked is sending (loop thread)
     std::vector<OwnedConn*> m_graveyard;  // finalised or moved away, freed at the end of the tick

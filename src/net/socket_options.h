@@ -27,6 +27,7 @@
 #include <string>
 
 #include "../common/export.h"
+#include "stream_io.h"
 
 namespace QUOLNET {
 
@@ -57,6 +58,12 @@ struct SocketOptions {
     // manager holds its connection table's lock). Copied with the options; called from
     // every loop of a group, so it must be safe to call from several threads.
     std::function<int(int fd)> setup;
+    // A layer for the connection's bytes (a TLS context: quolnet/tls/tls_context.h), made
+    // for each accepted socket or dial attempt once the options above are applied; null:
+    // plain bytes. The connection counts as connected (OnConnected) once the layer's
+    // handshake is done: a listener's connections meet ConnectorMgrOptions's
+    // handshake_timeout_ms, a dial's its connect timeout. Shared by every copy.
+    std::shared_ptr<IStreamIoFactory> stream;
 };
 
 // Why applying SocketOptions failed: what went wrong, in words ("setsockopt(TCP_KEEPIDLE=30)

@@ -92,6 +92,16 @@ void CTcpConnector::Reset() {
     m_write_errno = 0;
     m_rx_inq = kRxInqUntried;
     m_rx_last_full = false;
+    // The stream layer is the next connection's (SetStreamIo) and stays; its progress flags
+    // are this connection's.
+    m_handshaking = false;
+    m_handshake_wait = 0;
+    m_rx_wants_write = false;
+    m_tx_wants_read = false;
+}
+
+void CTcpConnector::SetStreamIo(std::unique_ptr<IStreamIo> io) {
+    m_io = std::move(io);
 }
 
 int CTcpConnector::Retarget(const char* url, IPackParser* parser, int epoll) {
@@ -183,18 +193,29 @@ int CTcpConnector::InitBound(IPackParser* parser, int epoll, int socket) {
     QN_LOG(m_log_cat, QN_INFO, "socket(%d) > 0, accept a connect, url=%s, local_url=%s", socket, GetURL(),
            m_peer_url);
 
+    if (m_io != nullptr) {
+        // The layer's handshake comes first: the server waits for the peer's first flight.
+        if (m_io->Attach(socket) != 0) {
+            QN_LOG(m_log_cat, QN_ERROR, "the stream layer refused the socket, socket=%d, error=%s", socket,
+                   m_io->LastError());
+            return -1;
+        }
+        m_handshaking = true;
+        m_handshake_wait = EPOLLIN;
+    }
     struct epoll_event event;
     memset(&event, 0, sizeof(event));
-    event.events = EPOLLIN | EPOLLOUT | EPOLLERR;
+    event.events = EffectiveEventsLocked(EPOLLIN | EPOLLOUT | EPOLLERR);  // not shared yet
     event.data.ptr = this;
     if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, socket, &event) != 0) {
         QN_LOG(m_log_cat, QN_ERROR, "epoll_ctl() failed, errno=%d", errno);
+        m_handshaking = false;
         return -1;
     }
     SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
 
     m_is_accepted = true;
-    m_status = CONNECTOR_STATUS_CONNECTED;
+    m_status = m_handshaking ? CONNECTOR_STATUS_CONNECTING : CONNECTOR_STATUS_CONNECTED;
     m_socket = socket;
     m_rx_inq = kRxInqUntried;
     m_rx_last_full = false;
@@ -211,6 +232,7 @@ void CTcpConnector::Fini() {
         Close(nullptr);
         m_socket = -1;
     }
+    m_io.reset();  // the session of a socket that is gone (or was given away with CopyFrom)
     PacketInfo* ring = nullptr;
     if (m_net_buf_mgr != nullptr) {
         {
@@ -439,7 +461,8 @@ void CTcpConnector::Close(LogCategory* log_cat) {
 
 void CTcpConnector::Update() {
     unsigned int events = m_events.load();
-    if (m_status == CONNECTOR_STATUS_CONNECTING && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == EPOLLOUT) {
+    if (m_status == CONNECTOR_STATUS_CONNECTING && !m_handshaking &&
+        (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == EPOLLOUT) {
         if (LocalSocketName(m_socket) == -1) {
             QN_LOG(m_log_cat, QN_ERROR,
                    "GetLocalSocketName() failed, m_bIPv6:%d, url=%s, m_socket=%d, ret=%d", m_bIPv6 ? 1 : 0,
@@ -447,7 +470,21 @@ void CTcpConnector::Update() {
         }
         QN_LOG(m_log_cat, QN_INFO, "connect to %s successfully, local_url=%s, m_socket=%d", GetURL(),
                GetLocalURL(), static_cast<int>(m_socket));
-        m_status = CONNECTOR_STATUS_CONNECTED;
+        if (m_io == nullptr) {
+            m_status = CONNECTOR_STATUS_CONNECTED;
+        } else if (m_io->Attach(m_socket) != 0) {
+            m_events.fetch_or(EPOLLERR);  // ends below as a failed dial
+        } else {
+            m_handshaking = true;  // the client speaks first
+            m_handshake_wait = EPOLLOUT;
+        }
+    }
+    events = m_events.load();
+    if (m_handshaking && (events & (EPOLLERR | EPOLLHUP)) == 0 && (events & (EPOLLIN | EPOLLOUT)) != 0) {
+        StepHandshake();
+        if (m_status == CONNECTOR_STATUS_DISCONNECTED) {
+            return;
+        }
     }
 
     events = m_events.load();
@@ -479,6 +516,15 @@ void CTcpConnector::Update() {
 
     if (m_status != CONNECTOR_STATUS_CONNECTED) {
         return;
+    }
+    // A side of the stream layer that waited for the other readiness goes on with it.
+    if (m_rx_wants_write && (m_events.load() & EPOLLOUT)) {
+        m_rx_wants_write = false;
+        m_events.fetch_or(EPOLLIN);
+    }
+    if (m_tx_wants_read && (m_events.load() & EPOLLIN)) {
+        m_tx_wants_read = false;
+        m_events.fetch_or(EPOLLOUT);
     }
     if (m_events.load() & EPOLLOUT) {
         int ret = Send();
@@ -514,6 +560,32 @@ void CTcpConnector::Update() {
         m_last_errno = m_read_errno;
         Disconnect(nullptr);
     }
+}
+
+void CTcpConnector::StepHandshake() {
+    int ret = m_io->Handshake();
+    if (ret == 0) {
+        m_handshaking = false;
+        m_handshake_wait = 0;
+        m_status = CONNECTOR_STATUS_CONNECTED;
+        QN_LOG(m_log_cat, QN_INFO, "handshake with %s done: %s, local_url=%s", GetURL(),
+               m_io->Describe().c_str(), GetLocalURL());
+        SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
+        // Bytes may have come with the handshake's last flight, and a queue may wait.
+        m_events.fetch_or(EPOLLIN | EPOLLOUT);
+        return;
+    }
+    if (ret == IStreamIo::kWantRead || ret == IStreamIo::kWantWrite) {
+        m_handshake_wait = ret == IStreamIo::kWantRead ? EPOLLIN : EPOLLOUT;
+        m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN | EPOLLOUT));
+        SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);  // narrowed to what it waits for
+        return;
+    }
+    m_last_io_result = kHandshakeFailed;
+    m_last_errno = m_io->LastErrno();
+    QN_LOG(m_log_cat, QN_INFO, "handshake with %s failed: %s, local_url=%s", GetURL(), m_io->LastError(),
+           GetLocalURL());
+    Disconnect(nullptr);
 }
 
 namespace {
@@ -633,6 +705,12 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
     m_rx_inq = that.m_rx_inq;  // the option lives on the shared descriptor
     m_rx_last_full = that.m_rx_last_full;
     m_tx_shut = that.m_tx_shut.load();
+    // The stream layer's session belongs to the socket and goes with it.
+    m_io = std::move(that.m_io);
+    m_handshaking = that.m_handshaking.load();
+    m_handshake_wait = that.m_handshake_wait.load();
+    m_rx_wants_write = that.m_rx_wants_write.load();
+    m_tx_wants_read = that.m_tx_wants_read.load();
     SetEvent(that.GetEvent());
     if (that.m_peer_closed) {
         m_peer_closed = true;

@@ -75,6 +75,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <memory>
 
 #include "../common/export.h"
 #include "../common/mutex.h"
@@ -85,6 +86,7 @@
 #include "net_buffer_mgr.h"
 #include "net_connector.h"
 #include "net_parser.h"
+#include "stream_io.h"
 
 namespace QUOLNET {
 
@@ -128,6 +130,13 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // Send, SendToQ: the owner has shut the sending side down (ShutdownSendIfIdle); nothing
     // of the packet was written or queued.
     static constexpr int kSendShutDown = -2;
+    // Update (GetLastIoResult): the stream layer's handshake failed; the layer's errno and
+    // message are kept (GetLastErrno, GetStreamIo()->LastError()).
+    static constexpr int kHandshakeFailed = -10001;
+    // Recv, ReadSocket: the stream ended without the layer's own end of stream (a TLS peer
+    // that closed its socket without a close_notify): what came may be cut short. Ends the
+    // connection in either end-of-stream mode.
+    static constexpr int kStreamTruncated = -10002;
     // ParseNetBuffer (hence Recv): the parser reported a malformed header, or the ring
     // overflowed.
     static constexpr int kParseMalformed = -1;
@@ -204,6 +213,21 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // is likely to be delivered in the same call; an owner can cork its replies on it.
     // Takes m_rx_mutex (the block may be given back by a consumer thread's Drop).
     int GetUnframedLen();
+
+    // ---- a stream layer (a TLS session) ----
+
+    // Puts `io` between this connection's bytes and its socket (see net/stream_io.h), for
+    // the next connection only: before Init with an accepted socket, or before Connect /
+    // ConnectWith of a dial (a redial needs a new layer; a failed or ended connection keeps
+    // the old one until then). The connection is CONNECTING until the layer's handshake
+    // completes: a dial once connect(2) and the handshake are done, an accepted socket from
+    // Init on. Null removes the layer. Owner's thread, while the connector carries no
+    // traffic; a move (CopyFrom) takes the layer along with the socket.
+    void SetStreamIo(std::unique_ptr<IStreamIo> io);
+    // The layer, or null. Owner's thread (the layer's accessors: see net/stream_io.h).
+    IStreamIo* GetStreamIo() const { return m_io.get(); }
+    // Whether the layer's handshake is under way (the connector is CONNECTING meanwhile).
+    bool IsHandshaking() const { return m_handshaking; }
 
     // ---- the peer's end of stream ----
 
@@ -468,6 +492,14 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // not null the read also asks the kernel how many bytes stay queued after it and stores
     // that in *inq (left as it was when the kernel does not say).
     int ReadSocket(void* buf, int len, int* inq);
+    // ReadSocket through the stream layer: fills `buf` from it while the layer holds more,
+    // so that a short result still means the socket is drained for now.
+    int ReadStream(void* buf, int len);
+    // WriteSocket through the stream layer.
+    int WriteStream(const char* buf, int len, LogCategory* log_cat);
+    // One step of the layer's handshake (Update): CONNECTED once done, the registration
+    // narrowed to what it waits for otherwise; a failure disconnects (kHandshakeFailed).
+    void StepHandshake();
     // Asks the kernel to report, with each read that wants it, the bytes still queued after
     // it (TCP_INQ); remembers whether the socket can. Update thread.
     void EnableReadInq();
@@ -710,6 +742,20 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // for the queued-bytes count (a read that comes back short needs none). Update thread.
     bool m_rx_last_full = false;
     Relaxed<int> m_write_errno;
+
+    // The stream layer (SetStreamIo), or null for plain socket calls. Set by the owner's
+    // thread while no traffic flows; its calls are made as IStreamIo says.
+    std::unique_ptr<IStreamIo> m_io;
+    // The layer's handshake is under way, and the readiness it waits for (EPOLLIN or
+    // EPOLLOUT). Update thread; registrations read them under m_tx_mutex.
+    Relaxed<bool> m_handshaking{false};
+    Relaxed<unsigned int> m_handshake_wait{0};
+    // The layer cannot go on reading until the socket is writable (a read that must send,
+    // as a TLS key update's answer), or writing until it is readable: the registration keeps
+    // the other readiness, and Update retries the stalled side when it comes. Set by the
+    // side that stalled; read by registrations under m_tx_mutex.
+    Relaxed<bool> m_rx_wants_write{false};
+    Relaxed<bool> m_tx_wants_read{false};
 
     // Rarely touched members come last.
     union {

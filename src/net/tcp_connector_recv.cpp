@@ -259,6 +259,9 @@ void CTcpConnector::EnableReadInq() {
 int CTcpConnector::ReadSocket(void* buf, int len, int* inq) {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::ReadSocket(), url=%s, local_url=%s, len=%d", GetURL(),
            GetLocalURL(), len);
+    if (m_io != nullptr) {
+        return ReadStream(buf, len);
+    }
     ssize_t cnt = 0;
     if (inq == nullptr) {
         cnt = recv(m_socket, buf, static_cast<size_t>(len), 0);
@@ -301,6 +304,55 @@ int CTcpConnector::ReadSocket(void* buf, int len, int* inq) {
         return kPeerClosed;
     }
     return static_cast<int>(cnt);
+}
+
+int CTcpConnector::ReadStream(void* buf, int len) {
+    char* out = static_cast<char*>(buf);
+    int total = 0;
+    for (;;) {
+        int n = m_io->Read(out + total, len - total);
+        if (n > 0) {
+            total += n;
+            if (total == len || !m_io->HasBufferedInput()) {
+                return total;  // short: nothing waits in the layer, the socket is read for now
+            }
+            continue;
+        }
+        if (n == IStreamIo::kWantRead || n == IStreamIo::kWantWrite) {
+            if (n == IStreamIo::kWantWrite) {
+                // The layer must send before it reads on (a TLS key update's answer): keep
+                // write readiness registered; Update reads again when it comes.
+                m_rx_wants_write = true;
+                AutoLocker locker(&m_tx_mutex);
+                if (SetRegisteredEventsLocked(m_registered_events | EPOLLOUT) != 0) {
+                    m_read_errno = errno;
+                    return kIoFailed;
+                }
+            }
+            if (total == 0) {
+                m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN));
+            }
+            return total;
+        }
+        if (total > 0) {
+            return total;  // the bytes first; the layer repeats its end on the next read
+        }
+        if (n == IStreamIo::kEnd) {
+            QN_LOG(m_log_cat, QN_INFO, "socket is closed by peer! url=%s, local_url=%s", GetURL(),
+                   GetLocalURL());
+            return kPeerClosed;
+        }
+        if (n == IStreamIo::kTruncated) {
+            QN_LOG(m_log_cat, QN_INFO, "stream truncated by peer: %s, url=%s, local_url=%s",
+                   m_io->LastError(), GetURL(), GetLocalURL());
+            return kStreamTruncated;
+        }
+        // A layer's own failure (a bad record) has no errno: EPROTO names it.
+        m_read_errno = m_io->LastErrno() != 0 ? m_io->LastErrno() : EPROTO;
+        QN_LOG(m_log_cat, QN_ERROR, "read from the stream layer failed: %s, url=%s, local_url=%s, errno=%d",
+               m_io->LastError(), GetURL(), GetLocalURL(), m_read_errno);
+        return kIoFailed;
+    }
 }
 
 // ---------------------------------------------------------------------------------------

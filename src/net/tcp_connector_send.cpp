@@ -225,6 +225,15 @@ bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat, boo
 }
 
 unsigned int CTcpConnector::EffectiveEventsLocked(unsigned int events) const {
+    if (m_handshaking) {
+        return EPOLLERR | m_handshake_wait;  // only what the stream layer's handshake waits for
+    }
+    if (m_rx_wants_write) {
+        events |= EPOLLOUT;  // the layer's read goes on once the socket is writable
+    }
+    if (m_tx_wants_read) {
+        events |= EPOLLIN;  // the layer's write goes on once the socket is readable
+    }
     if (m_read_paused || m_read_stopped) {
         events &= ~static_cast<unsigned int>(EPOLLIN);  // the owner paused reading, or it is over
     }
@@ -531,7 +540,12 @@ int CTcpConnector::ShutdownSendIfIdle() {
         }
     }
     // No sender can start any more, so the descriptor's sending side may go outside the lock.
-    if (fd >= 0 && ::shutdown(fd, SHUT_WR) != 0) {
+    if (fd >= 0 && m_io != nullptr) {
+        if (m_io->ShutdownWrite() != 0) {  // the layer's end of stream, then SHUT_WR
+            m_write_errno = m_io->LastErrno();
+            return -1;
+        }
+    } else if (fd >= 0 && ::shutdown(fd, SHUT_WR) != 0) {
         m_write_errno = errno;
         return -1;
     }
@@ -657,6 +671,9 @@ int CTcpConnector::WriteSocket(const char* buf, int len, LogCategory* log_cat) {
     QN_LOG(cat, QN_DEBUG, "enter CTcpConnector::WriteSocket(), url=%s, local_url=%s, len=%d", GetURL(),
            GetLocalURL(), len);
 
+    if (m_io != nullptr) {
+        return WriteStream(buf, len, cat);
+    }
     // MSG_NOSIGNAL: a reset peer makes this call fail with EPIPE instead of raising SIGPIPE.
     int cnt = static_cast<int>(send(m_socket, buf, static_cast<size_t>(len), MSG_NOSIGNAL));
     if (cnt != -1) {
@@ -675,6 +692,35 @@ int CTcpConnector::WriteSocket(const char* buf, int len, LogCategory* log_cat) {
     QN_LOG(cat, QN_ERROR, "send data to server failed, url=%s, local_url=%s, send_len=%d, err=%d", GetURL(),
            GetLocalURL(), len, err);
     return kIoFailed;
+}
+
+int CTcpConnector::WriteStream(const char* buf, int len, LogCategory* cat) {
+    int total = 0;
+    while (total < len) {
+        int n = m_io->Write(buf + total, len - total);
+        if (n > 0) {
+            total += n;
+            continue;
+        }
+        if (n == IStreamIo::kWantWrite) {
+            m_events.fetch_and(~static_cast<unsigned int>(EPOLLOUT));
+            break;
+        }
+        if (n == IStreamIo::kWantRead) {
+            // The layer must read before it writes on: the flush that queues the rest arms
+            // the registration, which then keeps read readiness too (see Update).
+            m_tx_wants_read = true;
+            break;
+        }
+        m_write_errno = m_io->LastErrno() != 0 ? m_io->LastErrno() : EPROTO;
+        QN_LOG(cat, QN_ERROR, "write to the stream layer failed: %s, url=%s, local_url=%s, send_len=%d",
+               m_io->LastError(), GetURL(), GetLocalURL(), len);
+        return kIoFailed;
+    }
+    if (total > 0) {
+        m_tx_bytes += total;  // only the holder of the sending role gets here
+    }
+    return total;
 }
 
 int CTcpConnector::GetConstantSendBufFullMS() {

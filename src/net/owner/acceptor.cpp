@@ -98,7 +98,7 @@ void CAcceptor::AcceptReady(size_t idx) {
         }
         ++m_accept_cnt;
         --allowed;
-        m_adopt(fd, peer);
+        m_adopt(fd, peer, l->GetSocketOptions().stream);
     }
 }
 

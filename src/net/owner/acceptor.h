@@ -52,7 +52,10 @@ class CAcceptor {
 
     // `adopt` takes each accepted descriptor (non-blocking, close-on-exec, the listener's
     // SocketOptions applied) and the peer's URL, and owns the descriptor from then on.
-    typedef std::function<void(int fd, const std::string& peer)> AdoptFn;
+    // `stream` is the listener's SocketOptions::stream (null: plain bytes).
+    typedef std::function<void(int fd, const std::string& peer,
+                               const std::shared_ptr<IStreamIoFactory>& stream)>
+        AdoptFn;
     // Told of each connection a listener's SocketOptions refused (already closed).
     typedef std::function<void()> RefusedFn;
 

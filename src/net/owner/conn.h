@@ -24,11 +24,19 @@
 //   ESTABLISHED, DRAINING or CLOSING connection with `app_paused` neither reads nor offers
 //   packets until ResumeReading.
 //
-//   accepted connections start in ESTABLISHED; CLOSING ends in OnClosed (and a redial for
-//   a dialled connection with reconnect), the record then goes to the graveyard.
-//   A connection that moves to another loop of a group leaves ESTABLISHED on one manager
-//   and enters ESTABLISHED on the other with the same id and all of its state (the
-//   application's context included); OnMoved tells the handler, on the new loop's thread.
+//   Accept --(stream layer)--> HANDSHAKE --done--> ESTABLISHED
+//                                  |
+//                                  | failed, garbage, handshake_timeout_ms, Abort, Shutdown
+//                                  v
+//                                gone (counted by reason; the handler was never told of it)
+//   A dial with a stream layer stays CONNECTING through its handshake (its connect timeout
+//   covers both), and a failed handshake ends the attempt as handshake_failed.
+//
+//   accepted connections without a stream layer start in ESTABLISHED; CLOSING ends in OnClosed (and a redial
+//   for a dialled connection with reconnect), the record then goes to the graveyard. A connection that moves
+//   to another loop of a group leaves ESTABLISHED on one manager and enters ESTABLISHED on the other with the
+//   same id and all of its state (the application's context included); OnMoved tells the handler, on the new
+//   loop's thread.
 //
 // Threads: the record belongs to its manager's loop thread, except `id` and `connector`,
 // which other threads reach through the id map under CConnTable's lock, and the Relaxed
@@ -74,6 +82,7 @@ enum ConnState {
     CONN_CLOSING = 4,     // socket gone; offering what is left in the ring
     CONN_DRAINING = 5,    // no more reading: flushing replies and queued bytes
     CONN_LINGER = 6,      // sending side shut down; reading to the peer's end of stream
+    CONN_HANDSHAKE = 7,   // accepted with a stream layer (TLS): its handshake is under way
 };
 
 // What other threads' Sends may do with a connection (OwnedConn::gate).
@@ -135,8 +144,10 @@ struct OwnedConn {
     uint64_t dial_step = 0;
     bool resolving = false;
     bool resolve_fail_logged = false;
-    bool dead = false;          // finalised or moved away; freed at the end of the tick
-    Relaxed<bool> send_failed;  // set by any thread when Send failed
+    int64_t handshake_deadline_ms = 0;  // HANDSHAKE: closed at this time (0: never)
+    std::string close_text;             // the stream layer's message for CloseInfo::text
+    bool dead = false;                  // finalised or moved away; freed at the end of the tick
+    Relaxed<bool> send_failed;          // set by any thread when Send failed
     // Replies the application still owes after the peer's end of stream (HoldOpen minus
     // ReleaseHold); any thread, under CConnTable's lock shared (or on the loop thread).
     std::atomic<int> holds{0};

@@ -25,7 +25,7 @@ unsigned int CConnLimits::PoolFree() const {
 int CConnLimits::SweepPeriodMs() const {
     int period = kSweepMs;
     for (int d : {m_mgr.m_options.send_stall_ms, m_mgr.m_options.packet_deadline_ms,
-                  m_mgr.m_options.idle_timeout_ms}) {
+                  m_mgr.m_options.idle_timeout_ms, m_mgr.m_options.handshake_timeout_ms}) {
         if (d > 0) {
             period = std::min(period, std::max(5, d / 4));
         }
@@ -98,6 +98,12 @@ void CConnLimits::Sweep(int64_t now) {
     std::vector<Due> due;
     for (auto& kv : m_mgr.m_table.ById()) {
         OwnedConn* c = kv.second;
+        if (c->state == CONN_HANDSHAKE && !c->dead) {
+            if (c->handshake_deadline_ms != 0 && now >= c->handshake_deadline_ms) {
+                due.push_back(Due{c, CloseLimit::kHandshakeTimeout, "handshake not done"});
+            }
+            continue;  // no other limit applies before the handshake is done
+        }
         if (!HasSocket(c)) {
             continue;
         }

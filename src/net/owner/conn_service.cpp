@@ -57,6 +57,9 @@ void CConnService::Service(OwnedConn* c) {
                 ServiceEstablished(c);
             }
             return;
+        case CONN_HANDSHAKE:
+            ServiceHandshake(c);
+            return;
         case CONN_ESTABLISHED:
             if (k->GetStatus() == CONNECTOR_STATUS_CONNECTED && k->IsWaitAllocBigBuffer()) {
                 RetryBigWait(c);
@@ -64,6 +67,41 @@ void CConnService::Service(OwnedConn* c) {
             k->Update();
             ServiceEstablished(c);
             return;
+    }
+}
+
+void CConnService::ServiceHandshake(OwnedConn* c) {
+    CTcpConnector* k = c->connector.get();
+    if (c->close_requested || c->graceful || c->shutdown_drain) {
+        SetCloseInfo(c, CloseReason::kClosedLocally, 0);
+        BeginClose(c);
+        return;
+    }
+    unsigned int budget = m_mgr.m_options.handshakes_per_tick;
+    if (budget > 0 && m_mgr.m_handshake_steps >= budget) {
+        m_mgr.Retry(c);  // this tick's handshake work is done; established traffic goes first
+        return;
+    }
+    ++m_mgr.m_handshake_steps;
+    k->Update();
+    int status = k->GetStatus();
+    if (status == CONNECTOR_STATUS_CONNECTING) {
+        return;  // waits for the readiness the handshake asked for
+    }
+    if (status == CONNECTOR_STATUS_DISCONNECTED) {
+        BeginClose(c);
+        return;
+    }
+    SetState(c, CONN_ESTABLISHED);
+    c->was_established = true;
+    c->handshake_deadline_ms = 0;
+    c->progress.Start(CEventLoop::NowMs());
+    if (m_mgr.m_handler != nullptr) {
+        CConnectorMgr::HandlerScope scope(m_mgr, c);
+        m_mgr.m_handler->OnConnected(&m_mgr, c->id, c->url.c_str(), true);
+    }
+    if (!c->dead && c->state == CONN_ESTABLISHED) {
+        ServiceEstablished(c);  // bytes that came with the handshake's last flight
     }
 }
 
@@ -247,10 +285,13 @@ void CConnService::FinishClose(OwnedConn* c) {
     bool reconnect = !c->accepted && c->dial->reconnect && !c->close_requested && !c->graceful &&
                      !m_mgr.m_stop.load() && !m_mgr.m_shutting_down;
     ConnId id = c->id;
-    bool report = c->was_established || !reconnect;
+    // An accepted connection the handler never heard of (its handshake did not complete)
+    // ends without OnClosed; it is counted and logged like any other.
+    bool report = c->was_established || (!reconnect && !c->accepted);
     SetCloseInfoFromConnector(c);
     CloseInfo info = c->close_info;
     info.reconnecting = reconnect;
+    info.text = c->close_text.empty() ? nullptr : c->close_text.c_str();
     m_mgr.m_stats.CountClose(info);
     // The session's traffic joins the running totals (a reconnect resets the counters).
     m_mgr.m_stats.AddEnded(CMgrStats::TrafficOf(c->connector.get()));
@@ -285,6 +326,9 @@ void CConnService::LogEnd(const OwnedConn* c, const CloseInfo& info) {
     } else if (info.reason == CloseReason::kIoError || info.reason == CloseReason::kReset) {
         QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_INFO, "connection %llu ended, url=%s: %s (errno %d)", id,
                      c->url.c_str(), CloseReasonName(info.reason), info.error);
+    } else if (info.reason == CloseReason::kHandshakeFailed || info.reason == CloseReason::kTruncated) {
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_INFO, "connection %llu ended, url=%s: %s (%s)", id,
+                     c->url.c_str(), CloseReasonName(info.reason), CloseErrorText(info));
     }
 }
 
@@ -294,6 +338,7 @@ void CConnService::SetCloseInfo(OwnedConn* c, CloseReason reason, int error, Clo
     }
     c->close_info_set = true;
     c->close_info = CloseInfo();
+    c->close_text.clear();
     c->close_info.reason = reason;
     c->close_info.error = error;
     c->close_info.limit = limit;
@@ -310,7 +355,12 @@ void CConnService::SetCloseInfoFromConnector(OwnedConn* c) {
     if (err == 0 && ret == 0 && c->send_failed) {
         err = k->GetLastWriteErrno();  // a Send of the application failed, not Update
     }
-    if (err == ECONNRESET || err == EPIPE) {
+    IStreamIo* io = k->GetStreamIo();
+    if (ret == CTcpConnector::kHandshakeFailed) {
+        SetCloseInfo(c, CloseReason::kHandshakeFailed, err);
+    } else if (ret == CTcpConnector::kStreamTruncated) {
+        SetCloseInfo(c, CloseReason::kTruncated, 0);
+    } else if (err == ECONNRESET || err == EPIPE) {
         SetCloseInfo(c, CloseReason::kReset, err);
     } else if (err != 0) {
         SetCloseInfo(c, CloseReason::kIoError, err);
@@ -330,6 +380,12 @@ void CConnService::SetCloseInfoFromConnector(OwnedConn* c) {
                      CloseLimitName(CloseLimit::kRecvBlocks), m_mgr.m_options.max_recv_blocks);
     } else {
         SetCloseInfo(c, CloseReason::kFramingError, ret);
+    }
+    CloseReason reason = c->close_info.reason;
+    if (io != nullptr && io->LastError()[0] != '\0' &&
+        (reason == CloseReason::kHandshakeFailed || reason == CloseReason::kTruncated ||
+         reason == CloseReason::kIoError || reason == CloseReason::kReset)) {
+        c->close_text = io->LastError();
     }
 }
 

@@ -42,6 +42,9 @@ class CConnService {
 
   private:
     void ServiceEstablished(OwnedConn* c);
+    // HANDSHAKE: one step of the stream layer's handshake (within the tick's budget), then
+    // ESTABLISHED and OnConnected, or the end of a connection the handler never saw.
+    void ServiceHandshake(OwnedConn* c);
     bool DeliverAndRead(OwnedConn* c);
     void EnterDraining(OwnedConn* c);
     void ServiceDraining(OwnedConn* c);

@@ -80,7 +80,10 @@ int CConnectorGroup::Listen(const char* url, const SocketOptions& socket, int ba
         m_options.reuse_port && m_loops.size() > 1 ? first.m_acceptor.Listen(url, backlog, true, socket) : -3;
     if (port == -3) {
         // One acceptor hands the connections out round-robin.
-        first.m_acceptor.SetAdopt([this](int fd, const std::string& peer) { Dispatch(fd, peer); });
+        first.m_acceptor.SetAdopt(
+            [this](int fd, const std::string& peer, const std::shared_ptr<IStreamIoFactory>& stream) {
+                Dispatch(fd, peer, stream);
+            });
         first.m_acceptor.SetGate(nullptr);  // each receiving loop makes room for itself
         m_reuse_port_active = false;
         return first.m_acceptor.Listen(url, backlog, false, socket);
@@ -103,17 +106,18 @@ std::string CConnectorGroup::GetListenURL() const {
     return m_loops.empty() ? std::string() : m_loops[0]->GetListenURL(0);
 }
 
-void CConnectorGroup::Dispatch(int fd, const std::string& peer) {
+void CConnectorGroup::Dispatch(int fd, const std::string& peer,
+                               const std::shared_ptr<IStreamIoFactory>& stream) {
     unsigned int turn = m_next_accept_loop.fetch_add(1) % static_cast<unsigned int>(m_loops.size());
     if (turn == 0) {
         m_loops[0]->m_admission.MakeRoomForHandOut();
-        m_loops[0]->AdoptAccepted(fd, peer);
+        m_loops[0]->AdoptAccepted(fd, peer, stream);
         return;
     }
     CConnectorMgr* to = m_loops[turn].get();
-    to->Post([to, fd, peer]() {
+    to->Post([to, fd, peer, stream]() {
         to->m_admission.MakeRoomForHandOut();
-        to->AdoptAccepted(fd, peer);
+        to->AdoptAccepted(fd, peer, stream);
     });
 }
 

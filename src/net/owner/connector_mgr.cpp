@@ -103,7 +103,10 @@ CConnectorMgr::CConnectorMgr(IConnectorHandler* handler, const ConnectorMgrOptio
       m_loop_index(0),
       m_reuse_port(false) {
     memset(m_last_err, 0, sizeof(m_last_err));
-    m_acceptor.SetAdopt([this](int fd, const std::string& peer) { AdoptAccepted(fd, peer); });
+    m_acceptor.SetAdopt(
+        [this](int fd, const std::string& peer, const std::shared_ptr<IStreamIoFactory>& stream) {
+            AdoptAccepted(fd, peer, stream);
+        });
     m_acceptor.SetGate(&m_admission);
     m_acceptor.SetOnRefused([this]() { m_stats.CountRefused(AcceptRefusal::kSocketSetup); });
 }
@@ -256,13 +259,27 @@ OwnedConn* CConnectorMgr::NewConn(const char* url) {
     return c;
 }
 
-void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer) {
+void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer,
+                                  const std::shared_ptr<IStreamIoFactory>& stream) {
     if (!m_admission.AdmitSource(peer)) {
         ::close(fd);  // over max_connections_per_source: counted and logged by the admission
         return;
     }
     OwnedConn* c = NewConn(peer.c_str());
     c->accepted = true;
+    if (stream != nullptr) {
+        std::unique_ptr<IStreamIo> io = stream->Create(true, std::string());
+        if (io == nullptr) {
+            QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR, "the stream layer refused an accepted socket, url=%s",
+                         peer.c_str());
+            ::close(fd);
+            m_admission.SourceReleased(peer);
+            delete c;
+            m_stats.CountRefused(AcceptRefusal::kSocketSetup);
+            return;
+        }
+        c->connector->SetStreamIo(std::move(io));
+    }
     int init = CTcpListener::IsUnixURL(peer.c_str())
                    ? c->connector->InitUnix(peer.c_str(), m_parser, GetEpollFd(), fd)
                    : c->connector->Init(peer.c_str(), m_parser, GetEpollFd(), fd);
@@ -276,9 +293,18 @@ void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer) {
     }
     c->connector->SetCloseSocket(false);
     c->fd = fd;
+    c->progress.Start(CEventLoop::NowMs());
+    if (c->connector->IsHandshaking()) {
+        // Not the application's yet: it hears of the connection once the handshake is done.
+        m_service.SetState(c, CONN_HANDSHAKE);
+        if (m_options.handshake_timeout_ms > 0) {
+            c->handshake_deadline_ms = CEventLoop::NowMs() + m_options.handshake_timeout_ms;
+        }
+        m_table.Add(c);
+        return;
+    }
     m_service.SetState(c, CONN_ESTABLISHED);
     c->was_established = true;
-    c->progress.Start(CEventLoop::NowMs());
     m_table.Add(c);
     if (m_handler != nullptr) {
         HandlerScope scope(*this, c);
@@ -505,6 +531,9 @@ std::vector<ConnId> CConnectorMgr::ListConnections() {
     auto lock = m_table.LockShared(!OnLoopThread());
     ids.reserve(m_table.Size());
     for (auto& kv : m_table.ById()) {
+        if (kv.second->accepted && kv.second->gate == kGateClosed) {
+            continue;  // a handshake under way: not the application's yet
+        }
         ids.push_back(kv.first);
     }
     std::sort(ids.begin(), ids.end());

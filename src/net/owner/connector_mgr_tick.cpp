@@ -114,6 +114,7 @@ void CConnectorMgr::ResumeStarved() {
 }
 
 void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
+    m_handshake_steps = 0;
     m_loop.RunPosted();
     RunShutdown(CEventLoop::NowMs());
     DrainWork();
@@ -197,6 +198,9 @@ void CConnectorMgr::RunShutdown(int64_t now) {
                 Queue(c);
             } else if (c->state == CONN_CONNECTING || c->state == CONN_WAIT_RETRY) {
                 CloseNow(c->id, false);  // a dial has nothing to drain
+            } else if (c->state == CONN_HANDSHAKE) {
+                c->shutdown_drain = true;  // nothing to drain either: ServiceHandshake ends it
+                Queue(c);
             }
         }
     } else if (now >= m_shutdown_deadline_ms && m_table.Size() != 0) {

@@ -189,8 +189,40 @@ void CDialler::StartConnect(OwnedConn* c) {
     }
 }
 
+namespace {
+
+// The host part of a numeric "tcp://a.b.c.d:port" or "tcp://[v6]:port" URL, for the stream
+// layer's checks when no name was dialled.
+std::string HostOfUrl(const std::string& url) {
+    size_t start = url.find("://");
+    start = start == std::string::npos ? 0 : start + 3;
+    size_t colon = url.rfind(':');
+    std::string host =
+        url.substr(start, colon == std::string::npos || colon < start ? std::string::npos : colon - start);
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    return host;
+}
+
+}  // namespace
+
 bool CDialler::ConnectOnce(OwnedConn* c) {
     CTcpConnector* k = c->connector.get();
+    if (c->dial->socket.stream != nullptr) {
+        // A new session for every attempt, checked against the name dialled.
+        const std::string host = !c->dial_host.empty() ? c->dial_host : HostOfUrl(c->url);
+        std::unique_ptr<IStreamIo> io = c->dial->socket.stream->Create(false, host);
+        if (io == nullptr) {
+            QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_WARN,
+                         "connect attempt %d to %s failed: the stream layer refused it", c->attempt,
+                         c->url.c_str());
+            m_mgr.m_service.SetCloseInfo(c, CloseReason::kHandshakeFailed, 0);
+            m_mgr.m_service.SetState(c, CONN_WAIT_RETRY);
+            return false;
+        }
+        k->SetStreamIo(std::move(io));
+    }
     int ret = 0;
     int err = 0;
     DialSetup setup = {&c->dial->socket, SocketSetupError(), k->IsUnix()};
@@ -400,6 +432,20 @@ bool CDialler::CheckConnect(OwnedConn* c) {
         m_mgr.m_loop.CancelTimer(c->timer_id);
         c->timer_id = 0;
     }
+    if (status == CONNECTOR_STATUS_DISCONNECTED && k->GetLastIoResult() == CTcpConnector::kHandshakeFailed) {
+        // Connected, but the stream layer's handshake failed (a certificate that does not
+        // verify, say): no other address would do better.
+        m_mgr.ReleaseFd(c);
+        m_mgr.m_service.SetCloseInfo(c, CloseReason::kHandshakeFailed, k->GetLastErrno());
+        if (k->GetStreamIo() != nullptr) {
+            c->close_text = k->GetStreamIo()->LastError();
+        }
+        m_mgr.m_service.SetState(c, CONN_WAIT_RETRY);
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_WARN, "dial %s: handshake failed: %s", c->url.c_str(),
+                     c->close_text.c_str());
+        OnDialFailed(c);
+        return false;
+    }
     if (status == CONNECTOR_STATUS_DISCONNECTED) {
         m_mgr.ReleaseFd(c);
         m_mgr.m_service.SetCloseInfo(c, CloseReason::kDialRefused, k->GetLastErrno());
@@ -450,6 +496,7 @@ void CDialler::OnDialFailed(OwnedConn* c) {
     m_mgr.m_service.SetCloseInfo(c, CloseReason::kDialRefused, 0);  // when nothing more precise was recorded
     ConnId id = c->id;
     CloseInfo info = c->close_info;
+    info.text = c->close_text.empty() ? nullptr : c->close_text.c_str();
     m_mgr.DestroyConn(c);
     m_mgr.m_stats.CountClose(info);
     if (m_mgr.m_handler != nullptr) {

@@ -33,11 +33,18 @@ const char* CloseReasonName(CloseReason reason) {
             return "dial_timeout";
         case CloseReason::kDialResolveFailed:
             return "dial_resolve_failed";
+        case CloseReason::kHandshakeFailed:
+            return "handshake_failed";
+        case CloseReason::kTruncated:
+            return "truncated";
     }
     return "unknown";
 }
 
 const char* CloseErrorText(const CloseInfo& info) {
+    if (info.text != nullptr && info.text[0] != '\0') {
+        return info.text;
+    }
     if (info.error == 0) {
         return "-";
     }
@@ -70,6 +77,8 @@ const char* CloseLimitName(CloseLimit limit) {
             return "recv_blocks";
         case CloseLimit::kIdleEvicted:
             return "idle_evicted";
+        case CloseLimit::kHandshakeTimeout:
+            return "handshake_timeout";
     }
     return "unknown";
 }

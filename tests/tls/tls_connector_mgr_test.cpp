@@ -1,0 +1,329 @@
+// TLS connections of a CConnectorMgr (quolnet::tls): echo in both delivery modes with packets
+// up to 1 MiB, pipelined records, the negotiated details, certificate failures each with its
+// reason and OpenSSL's message, mutual TLS, truncation, close_notify on Close, garbage and
+// silence instead of a ClientHello, and the handshake budget. Certificates are made at test
+// time (test_certs.h).
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "net/connector_mgr.h"
+#include "support/log_capture.h"
+#include "support/mgr_helpers.h"
+#include "support/net_helpers.h"
+#include "test_certs.h"
+#include "tls/tls_context.h"
+
+namespace {
+
+using QUOLNET::CConnectorMgr;
+using QUOLNET::CloseInfo;
+using QUOLNET::CloseLimit;
+using QUOLNET::CloseReason;
+using QUOLNET::ConnectorMgrOptions;
+using QUOLNET::ConnId;
+using QUOLNET::CTlsContext;
+using QUOLNET::DialOptions;
+using QUOLNET::SocketOptions;
+using QUOLNET::TlsOptions;
+
+using qntest::Packet;
+using qntest::Pump;
+
+// Echoes on accepted connections; records what comes back on dialled ones.
+class Recorder : public QUOLNET::IConnectorHandler {
+  public:
+    void OnConnected(CConnectorMgr* mgr, ConnId id, const char*, bool accepted) override {
+        QUOLNET::IStreamIo* io = mgr->GetConnector(id)->GetStreamIo();
+        if (accepted) {
+            accepted_ids.insert(id);
+            server_alpn = io != nullptr ? io->Alpn() : "";
+            server_peer = io != nullptr ? io->PeerSubject() : "";
+            server_describe = io != nullptr ? io->Describe() : "";
+            return;
+        }
+        ++connects;
+        client_describe = io != nullptr ? io->Describe() : "";
+        client_peer = io != nullptr ? io->PeerSubject() : "";
+    }
+    bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool) override {
+        if (accepted_ids.count(id) == 0) {
+            received.emplace_back(data, len);
+            return true;
+        }
+        int ret = mgr->Send(id, data, len);
+        if (ret == CConnectorMgr::kSendNoRoom) {
+            return false;
+        }
+        EXPECT_EQ(static_cast<int>(len), ret);
+        return true;
+    }
+    void OnClosed(CConnectorMgr*, ConnId id, const CloseInfo& info) override {
+        std::string text = QUOLNET::CloseErrorText(info);
+        if (accepted_ids.erase(id) != 0) {
+            accepted_closes.push_back(info);
+            accepted_texts.push_back(text);
+            return;
+        }
+        closes.push_back(info);
+        texts.push_back(text);
+    }
+
+    std::set<ConnId> accepted_ids;
+    int connects = 0;
+    std::string server_alpn, server_peer, server_describe, client_describe, client_peer;
+    std::vector<std::string> received;
+    std::vector<CloseInfo> closes, accepted_closes;
+    std::vector<std::string> texts, accepted_texts;
+};
+
+class TlsTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        s_ca = new qntest::Pem(qntest::MakeCa("quolnet test CA"));
+        s_server = new qntest::Pem(qntest::MakeLeaf(*s_ca, "localhost", {"localhost", "127.0.0.1"}));
+    }
+    static void TearDownTestSuite() {
+        delete s_ca;
+        delete s_server;
+    }
+    void SetUp() override { m_fds_before = qntest::CountOpenFds(); }
+    void TearDown() override {
+        m_mgr.reset();
+        EXPECT_EQ(0u, m_pool.GetUsedCount());
+        EXPECT_EQ(m_fds_before, qntest::CountOpenFds());
+    }
+    CConnectorMgr& Mgr() {
+        if (m_mgr == nullptr) {
+            ConnectorMgrOptions o = m_options;
+            o.pool = &m_pool;
+            o.log_cat = m_log.cat();
+            m_mgr.reset(new CConnectorMgr(&m_rec, o));
+            EXPECT_EQ(0, m_mgr->Init());
+        }
+        return *m_mgr;
+    }
+    TlsOptions ServerOptions() {
+        TlsOptions t;
+        t.cert_pem = s_server->cert;
+        t.key_pem = s_server->key;
+        return t;
+    }
+    TlsOptions ClientOptions() {
+        TlsOptions t;
+        t.ca_pem = s_ca->cert;
+        return t;
+    }
+    // Listens with TLS on 127.0.0.1; the URL.
+    std::string ListenTls(const TlsOptions& t) {
+        std::string error;
+        SocketOptions s;
+        s.stream = CTlsContext::CreateServer(t, &error);
+        EXPECT_NE(nullptr, s.stream) << error;
+        EXPECT_GT(Mgr().Listen("tcp://127.0.0.1:0", s), 0);
+        return Mgr().GetListenURL(0);
+    }
+    ConnId DialTls(const std::string& url, const TlsOptions& t) {
+        std::string error;
+        DialOptions d;
+        d.connect_timeout_ms = 5000;
+        d.socket.stream = CTlsContext::CreateClient(t, &error);
+        EXPECT_NE(nullptr, d.socket.stream) << error;
+        return Mgr().Dial(url.c_str(), d);
+    }
+    // Dials and waits for the handshake; the id (0 when it did not connect).
+    ConnId Connect(const std::string& url, const TlsOptions& t) {
+        int before = m_rec.connects;
+        ConnId id = DialTls(url, t);
+        bool ok = Pump(Mgr(), [&]() { return m_rec.connects > before || !m_rec.closes.empty(); });
+        return ok && m_rec.connects > before ? id : 0;
+    }
+    // Dials and waits for the dial's end: its close.
+    CloseInfo Refused(const std::string& url, const TlsOptions& t) {
+        size_t before = m_rec.closes.size();
+        DialTls(url, t);
+        EXPECT_TRUE(Pump(Mgr(), [&]() { return m_rec.closes.size() > before; })) << m_log.Dump();
+        return m_rec.closes.empty() ? CloseInfo() : m_rec.closes.back();
+    }
+
+    static qntest::Pem* s_ca;
+    static qntest::Pem* s_server;
+    qntest::LogCapture m_log;
+    QUOLNET::CNetBufferMgr m_pool{256};
+    ConnectorMgrOptions m_options;
+    Recorder m_rec;
+    std::unique_ptr<CConnectorMgr> m_mgr;
+    int m_fds_before = 0;
+};
+
+qntest::Pem* TlsTest::s_ca = nullptr;
+qntest::Pem* TlsTest::s_server = nullptr;
+
+class TlsEchoTest : public TlsTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(TlsEchoTest, EchoesPacketsUpToOneMebibyteAndPipelinedOnes) {
+    m_options.use_recv_callback = GetParam();
+    m_options.max_packet_len = 2u << 20;
+    m_options.max_recv_blocks = 40;
+    m_options.max_send_blocks = 40;
+    std::string url = ListenTls(ServerOptions());
+    ConnId id = Connect(url, ClientOptions());
+    ASSERT_NE(0u, id) << m_log.Dump();
+    EXPECT_EQ(0u, m_rec.client_describe.find("TLSv1.3")) << m_rec.client_describe;
+    EXPECT_NE(std::string::npos, m_rec.client_peer.find("CN=localhost")) << m_rec.client_peer;
+
+    std::vector<std::string> sent;
+    for (size_t size : {1u, 100u, 16380u, 16400u, 70000u, (1u << 20) - 4}) {
+        sent.push_back(Packet(std::string(size, static_cast<char>('a' + sent.size()))));
+    }
+    for (int i = 0; i < 100; ++i) {  // small ones back to back: many records per read
+        sent.push_back(Packet("pipelined " + std::to_string(i)));
+    }
+    for (const std::string& p : sent) {
+        int ret = CConnectorMgr::kSendNoRoom;
+        for (int tick = 0; tick < 400 && ret == CConnectorMgr::kSendNoRoom; ++tick) {
+            ret = Mgr().Send(id, p.data(), static_cast<unsigned int>(p.size()));
+            if (ret == CConnectorMgr::kSendNoRoom) {
+                Mgr().RunOnce(25);  // the queue drains as the peer reads
+            }
+        }
+        ASSERT_EQ(static_cast<int>(p.size()), ret) << m_log.Dump();
+    }
+    ASSERT_TRUE(Pump(
+        Mgr(), [&]() { return m_rec.received.size() == sent.size(); }, 2000))
+        << m_rec.received.size() << " of " << sent.size() << " came back\n"
+        << m_log.Dump();
+    EXPECT_EQ(sent, m_rec.received);
+}
+
+INSTANTIATE_TEST_SUITE_P(DeliveryModes, TlsEchoTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& p) {
+                             return p.param ? "Callback" : "Peek";
+                         });
+
+TEST_F(TlsTest, NegotiatesAlpnAndTellsTheHandler) {
+    TlsOptions s = ServerOptions();
+    s.alpn = {"h2", "echo/1"};
+    TlsOptions c = ClientOptions();
+    c.alpn = {"echo/1"};
+    ConnId id = Connect(ListenTls(s), c);
+    ASSERT_NE(0u, id) << m_log.Dump();
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return !m_rec.accepted_ids.empty(); }));  // the server finishes last
+    EXPECT_EQ("echo/1", m_rec.server_alpn);
+    EXPECT_EQ("echo/1", Mgr().GetConnector(id)->GetStreamIo()->Alpn());
+}
+
+TEST_F(TlsTest, UnknownCaFailsTheDialWithItsReasonAndMessage) {
+    std::string url = ListenTls(ServerOptions());
+    TlsOptions c;
+    c.ca_pem = qntest::MakeCa("another CA").cert;
+    CloseInfo info = Refused(url, c);
+    EXPECT_EQ(CloseReason::kHandshakeFailed, info.reason);
+    EXPECT_NE(std::string::npos, m_rec.texts.back().find("certificate verify failed")) << m_rec.texts.back();
+    EXPECT_TRUE(Pump(Mgr(), [&]() { return Mgr().GetCloseCount(CloseReason::kHandshakeFailed) == 2; }))
+        << "the server's side counts its failed handshake too";
+    EXPECT_EQ(0, m_rec.connects);
+    EXPECT_TRUE(m_rec.accepted_closes.empty()) << "the handler never heard of the accepted one";
+}
+
+TEST_F(TlsTest, WrongHostNameFailsTheDial) {
+    TlsOptions s;
+    qntest::Pem other = qntest::MakeLeaf(*s_ca, "other.example", {"other.example"});
+    s.cert_pem = other.cert;
+    s.key_pem = other.key;
+    CloseInfo info = Refused(ListenTls(s), ClientOptions());
+    EXPECT_EQ(CloseReason::kHandshakeFailed, info.reason);
+    EXPECT_NE(std::string::npos, m_rec.texts.back().find("IP address mismatch")) << m_rec.texts.back();
+}
+
+TEST_F(TlsTest, ExpiredCertificateFailsTheDial) {
+    TlsOptions s;
+    qntest::Pem old = qntest::MakeLeaf(*s_ca, "localhost", {"127.0.0.1"}, true);
+    s.cert_pem = old.cert;
+    s.key_pem = old.key;
+    CloseInfo info = Refused(ListenTls(s), ClientOptions());
+    EXPECT_EQ(CloseReason::kHandshakeFailed, info.reason);
+    EXPECT_NE(std::string::npos, m_rec.texts.back().find("expired")) << m_rec.texts.back();
+}
+
+TEST_F(TlsTest, MutualTlsChecksTheClientCertificate) {
+    TlsOptions s = ServerOptions();
+    s.client_cert = TlsOptions::ClientCert::kRequire;
+    s.ca_pem = s_ca->cert;
+    std::string url = ListenTls(s);
+
+    TlsOptions c = ClientOptions();
+    qntest::Pem client = qntest::MakeLeaf(*s_ca, "client one", {}, false, true);
+    c.cert_pem = client.cert;
+    c.key_pem = client.key;
+    ConnId id = Connect(url, c);
+    ASSERT_NE(0u, id) << m_log.Dump();
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return !m_rec.accepted_ids.empty(); }));
+    EXPECT_NE(std::string::npos, m_rec.server_peer.find("CN=client one")) << m_rec.server_peer;
+
+    // Without a certificate the server refuses the handshake and counts it.
+    DialTls(url, ClientOptions());
+    EXPECT_TRUE(Pump(Mgr(), [&]() { return Mgr().GetCloseCount(CloseReason::kHandshakeFailed) >= 1; }))
+        << m_log.Dump();
+}
+
+TEST_F(TlsTest, PeerClosingWithoutCloseNotifyIsTruncation) {
+    ConnId id = Connect(ListenTls(ServerOptions()), ClientOptions());
+    ASSERT_NE(0u, id) << m_log.Dump();
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return !m_rec.accepted_ids.empty(); }));
+    // The client's socket ends its stream under the session: a FIN without a close_notify.
+    ASSERT_EQ(0, shutdown(Mgr().GetConnector(id)->GetSocket(), SHUT_WR));
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return !m_rec.accepted_closes.empty(); })) << m_log.Dump();
+    EXPECT_EQ(CloseReason::kTruncated, m_rec.accepted_closes[0].reason);
+    EXPECT_NE(std::string::npos, m_rec.accepted_texts[0].find("close_notify")) << m_rec.accepted_texts[0];
+    EXPECT_EQ(1u, Mgr().GetCloseCount(CloseReason::kTruncated));
+}
+
+TEST_F(TlsTest, CloseSendsCloseNotifyAfterEveryByte) {
+    ConnId id = Connect(ListenTls(ServerOptions()), ClientOptions());
+    ASSERT_NE(0u, id) << m_log.Dump();
+    std::string p = Packet(std::string(200000, 'z'));
+    ASSERT_EQ(static_cast<int>(p.size()), Mgr().Send(id, p.data(), static_cast<unsigned int>(p.size())));
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return m_rec.received.size() == 1; })) << m_log.Dump();
+    Mgr().Close(id);
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return !m_rec.accepted_closes.empty() && !m_rec.closes.empty(); }))
+        << m_log.Dump();
+    EXPECT_EQ(CloseReason::kPeerClosed, m_rec.accepted_closes[0].reason) << "a clean end, not truncation";
+    EXPECT_EQ(CloseReason::kClosedLocally, m_rec.closes[0].reason);
+    EXPECT_EQ(0u, Mgr().GetCloseCount(CloseReason::kTruncated));
+}
+
+TEST_F(TlsTest, GarbageInsteadOfAClientHelloClosesAtOnce) {
+    ListenTls(ServerOptions());
+    int fd = qntest::DialListener(Mgr());
+    ASSERT_GE(fd, 0);
+    const char kHttp[] = "GET / HTTP/1.1\r\nHost: x\r\n\r\n";
+    ASSERT_TRUE(qntest::WriteAll(fd, kHttp, sizeof(kHttp) - 1));
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return Mgr().GetCloseCount(CloseReason::kHandshakeFailed) == 1; }))
+        << m_log.Dump();
+    close(fd);
+    EXPECT_EQ(0u, m_rec.accepted_ids.size());
+    EXPECT_TRUE(Mgr().ListConnections().empty());
+}
+
+TEST_F(TlsTest, SilentHandshakeEndsAtItsDeadline) {
+    m_options.handshake_timeout_ms = 150;
+    ListenTls(ServerOptions());
+    int fd = qntest::DialListener(Mgr());
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return Mgr().GetLimitCloseCount(CloseLimit::kHandshakeTimeout) == 1; }))
+        << m_log.Dump();
+    int end = -1;
+    qntest::ReadToEnd(fd, &end, 2000);
+    EXPECT_NE(ETIMEDOUT, end) << "the socket was closed";
+    close(fd);
+    EXPECT_EQ(1, m_log.CountPrefix(QUOLNET::LOG_PRIORITY_WARN, "closing connection ")) << m_log.Dump();
+}
+
+}  // namespace
