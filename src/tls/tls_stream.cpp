@@ -245,6 +245,14 @@ int CTlsStream::ShutdownWrite() {
     return result;
 }
 
+bool CTlsStream::UpdateKeys() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ERR_clear_error();
+    bool ok = SSL_key_update(m_ssl, SSL_KEY_UPDATE_REQUESTED) == 1;
+    ERR_clear_error();
+    return ok;
+}
+
 std::string CTlsStream::Describe() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::string d = SSL_get_version(m_ssl);

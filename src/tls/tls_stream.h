@@ -56,6 +56,11 @@ class CTlsStream : public IStreamIo {
     std::string Alpn() const override;
     std::string PeerSubject() const override;
 
+    // Asks for new traffic keys both ways (a TLS 1.3 key update that requests the peer's
+    // too); the message goes out with the next write. False before TLS 1.3 or the
+    // handshake's end. Any thread.
+    bool UpdateKeys();
+
     const std::string& CacheKey() const { return m_cache_key; }
     const std::shared_ptr<CTlsContext::Shared>& Shared() const { return m_shared; }
 
