@@ -212,7 +212,7 @@ int CTcpConnector::InitBound(IPackParser* parser, int epoll, int socket) {
         m_handshaking = false;
         return -1;
     }
-    SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
+    SetRegisteredEvents(event.events);
 
     m_is_accepted = true;
     m_status = m_handshaking ? CONNECTOR_STATUS_CONNECTING : CONNECTOR_STATUS_CONNECTED;
@@ -570,7 +570,10 @@ void CTcpConnector::StepHandshake() {
         m_status = CONNECTOR_STATUS_CONNECTED;
         QN_LOG(m_log_cat, QN_INFO, "handshake with %s done: %s, local_url=%s", GetURL(),
                m_io->Describe().c_str(), GetLocalURL());
-        SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);
+        {
+            AutoLocker locker(&m_tx_mutex);
+            SetRegisteredEventsLocked(EPOLLIN | EPOLLOUT | EPOLLERR);  // a failure shows on the next one
+        }
         // Bytes may have come with the handshake's last flight, and a queue may wait.
         m_events.fetch_or(EPOLLIN | EPOLLOUT);
         return;
@@ -578,7 +581,12 @@ void CTcpConnector::StepHandshake() {
     if (ret == IStreamIo::kWantRead || ret == IStreamIo::kWantWrite) {
         m_handshake_wait = ret == IStreamIo::kWantRead ? EPOLLIN : EPOLLOUT;
         m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN | EPOLLOUT));
-        SetRegisteredEvents(EPOLLIN | EPOLLOUT | EPOLLERR);  // narrowed to what it waits for
+        AutoLocker locker(&m_tx_mutex);
+        if (SetRegisteredEventsLocked(EPOLLIN | EPOLLOUT | EPOLLERR) != 0) {  // narrowed to what it waits for
+            m_last_io_result = kIoFailed;
+            m_last_errno = errno;
+            m_events.fetch_or(EPOLLERR);  // Update's next look ends the connection
+        }
         return;
     }
     m_last_io_result = kHandshakeFailed;

@@ -5,6 +5,7 @@
 // time (test_certs.h).
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -324,6 +325,41 @@ TEST_F(TlsTest, SilentHandshakeEndsAtItsDeadline) {
     EXPECT_NE(ETIMEDOUT, end) << "the socket was closed";
     close(fd);
     EXPECT_EQ(1, m_log.CountPrefix(QUOLNET::LOG_PRIORITY_WARN, "closing connection ")) << m_log.Dump();
+}
+
+}  // namespace
+
+namespace {
+
+// Regression: a dial waiting for the server's first flight stayed registered for write
+// readiness (only the bookkeeping of the mask was narrowed), so every tick woke up to retry
+// the handshake with a read that met would-block: a busy loop that also starved the reply.
+TEST_F(TlsTest, AHandshakeWaitingForThePeerIsRegisteredForReadingOnly) {
+    qntest::Listener peer;  // accepts and never answers the ClientHello
+    ConnId id = DialTls("tcp://127.0.0.1:" + std::to_string(peer.port()), ClientOptions());
+    ASSERT_NE(0u, id);
+    int fd = peer.Accept();
+    ASSERT_GE(fd, 0);
+    std::string hello;
+    ASSERT_TRUE(Pump(Mgr(), [&]() {
+        char buf[512];
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n > 0) {
+            hello.append(buf, static_cast<size_t>(n));
+        }
+        return hello.size() >= 5;
+    }));
+    EXPECT_EQ(0x16, hello[0]) << "a TLS handshake record (the ClientHello)";
+    for (int i = 0; i < 5; ++i) {
+        Mgr().RunOnce(5);
+    }
+    QUOLNET::CTcpConnector* k = Mgr().GetConnector(id);
+    ASSERT_NE(nullptr, k);
+    EXPECT_TRUE(k->IsHandshaking());
+    long events = qntest::RegisteredEvents(Mgr().GetEpollFd(), k->GetSocket());
+    EXPECT_NE(0, events & EPOLLIN);
+    EXPECT_EQ(0, events & EPOLLOUT) << "registered " << events;
+    close(fd);
 }
 
 }  // namespace
