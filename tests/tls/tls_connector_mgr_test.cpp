@@ -363,3 +363,83 @@ TEST_F(TlsTest, AHandshakeWaitingForThePeerIsRegisteredForReadingOnly) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(TlsTest, ASecondDialResumesTheSessionFromItsTicket) {
+    std::string url = ListenTls(ServerOptions());
+    std::string error;
+    auto client = CTlsContext::CreateClient(ClientOptions(), &error);
+    ASSERT_NE(nullptr, client) << error;
+    DialOptions d;
+    d.socket.stream = client;
+    for (int i = 0; i < 2; ++i) {
+        ConnId id = Mgr().Dial(url.c_str(), d);
+        ASSERT_TRUE(Pump(Mgr(), [&]() { return m_rec.connects == i + 1; })) << m_log.Dump();
+        // The ticket comes after the handshake: one echo makes sure it has been read.
+        std::string p = Packet("ticket");
+        ASSERT_EQ(static_cast<int>(p.size()), Mgr().Send(id, p.data(), static_cast<unsigned int>(p.size())));
+        ASSERT_TRUE(Pump(Mgr(), [&]() { return m_rec.received.size() == static_cast<size_t>(i + 1); }));
+        Mgr().Close(id);
+        ASSERT_TRUE(Pump(Mgr(), [&]() { return m_rec.closes.size() == static_cast<size_t>(i + 1); }));
+    }
+    EXPECT_EQ(1u, client->GetResumedCount());
+    EXPECT_NE(std::string::npos, m_rec.client_describe.find("resumed")) << m_rec.client_describe;
+}
+
+TEST_F(TlsTest, ReloadServesTheNewCertificateToNewConnectionsOnly) {
+    std::string error;
+    auto server = CTlsContext::CreateServer(ServerOptions(), &error);
+    ASSERT_NE(nullptr, server) << error;
+    SocketOptions s;
+    s.stream = server;
+    ASSERT_GT(Mgr().Listen("tcp://127.0.0.1:0", s), 0);
+    std::string url = Mgr().GetListenURL(0);
+    ConnId first = Connect(url, ClientOptions());
+    ASSERT_NE(0u, first);
+    EXPECT_NE(std::string::npos, m_rec.client_peer.find("CN=localhost"));
+
+    TlsOptions renewed;
+    qntest::Pem next = qntest::MakeLeaf(*s_ca, "renewed", {"127.0.0.1"});
+    renewed.cert_pem = next.cert;
+    renewed.key_pem = next.key;
+    ASSERT_TRUE(server->Reload(renewed, &error)) << error;
+    TlsOptions broken;
+    broken.cert_pem = next.cert;  // no key: refused, the renewed one stays
+    EXPECT_FALSE(server->Reload(broken, &error));
+    EXPECT_FALSE(error.empty());
+
+    TlsOptions c = ClientOptions();
+    c.session_tickets = false;
+    ConnId second = Connect(url, c);
+    ASSERT_NE(0u, second) << m_log.Dump();
+    EXPECT_NE(std::string::npos, m_rec.client_peer.find("CN=renewed")) << m_rec.client_peer;
+    // The first connection goes on with its session.
+    std::string p = Packet("still here");
+    ASSERT_EQ(static_cast<int>(p.size()), Mgr().Send(first, p.data(), static_cast<unsigned int>(p.size())));
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return m_rec.received.size() == 1; }));
+}
+
+TEST_F(TlsTest, BadOptionsAreRefusedWithAReason) {
+    std::string error;
+    TlsOptions t;
+    EXPECT_EQ(nullptr, CTlsContext::CreateServer(t, &error)) << "a server needs a certificate";
+    EXPECT_NE(std::string::npos, error.find("certificate")) << error;
+    t = ServerOptions();
+    t.min_version = "1.1";
+    EXPECT_EQ(nullptr, CTlsContext::CreateServer(t, &error));
+    t = ServerOptions();
+    t.key_pem = qntest::MakeCa("another").key;
+    EXPECT_EQ(nullptr, CTlsContext::CreateServer(t, &error));
+    EXPECT_NE(std::string::npos, error.find("key")) << error;
+    t = ClientOptions();
+    t.cert_file = "/nonexistent/cert.pem";
+    t.key_file = "/nonexistent/key.pem";
+    EXPECT_EQ(nullptr, CTlsContext::CreateClient(t, &error));
+    EXPECT_NE(std::string::npos, error.find("/nonexistent/cert.pem")) << error;
+    t = ClientOptions();
+    t.alpn = {std::string(300, 'x')};
+    EXPECT_EQ(nullptr, CTlsContext::CreateClient(t, &error));
+}
+
+}  // namespace
