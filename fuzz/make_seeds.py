@@ -62,6 +62,17 @@ SEEDS = {
         "one_per_tick": b"\x01" + pieces(*([packet(b"abc") * 30] * 4)),
         "chaos_ops": b"\x00" + pieces(bytes([0x06, 0x0E, 0x00, 0x10, 0x04, 0x1C, 0x00, 0x00, 0x08])),
     },
+    # byte 0: bit 0 a real handshake first, bit 1 the last piece sent raw (a corrupt record);
+    # (units, byte) pieces are units * 4 KiB here
+    "fuzz_tls": {
+        "http_instead_of_hello": b"\x00" + pieces(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n"),
+        "hello_prefix": b"\x00" + pieces(bytes([0x16, 0x03, 0x01, 0x02, 0x00, 0x01, 0x00, 0x01, 0xFC, 0x03, 0x03])),
+        "bad_record_type": b"\x00" + pieces(bytes([0x17, 0x03, 0x03, 0x00, 0x05]) + b"abcde"),
+        "packets": b"\x01" + pieces(packet(b"a"), packet(b"bb") + packet(b"ccc"), packet(b"d" * 100)),
+        "big_packet": b"\x01" + pieces(be32(20484), (5, 0x62)),
+        "corrupt_record": b"\x03" + pieces(packet(b"ok"), bytes([0x17, 0x03, 0x03, 0x00, 0x20]) + b"x" * 32),
+        "split_header": b"\x01" + pieces(b"\x00\x00", b"\x00\x09abc", b"de"),
+    },
 }
 
 for target, seeds in SEEDS.items():

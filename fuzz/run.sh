@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 SECONDS_PER_TARGET="${FUZZ_SECONDS:-60}"
-TARGETS="${FUZZ_TARGETS:-fuzz_framing fuzz_url fuzz_length_parser}"
+TARGETS="${FUZZ_TARGETS:-fuzz_framing fuzz_url fuzz_length_parser fuzz_tls}"
 JOBS="${FUZZ_JOBS:-2}"
 BUILD=build-fuzz
 
