@@ -403,4 +403,56 @@ TEST(ConnectorMgrPressureDefaults, LimitDerivesFromTheDescriptorLimit) {
     EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
+// Regression: in a group without SO_REUSEPORT, loop 0 accepts for every loop and hands the
+// connections out; a loop at max_connections with none idle enough to close adopted them
+// anyway, over its limit. Now they are refused (closed at once), counted and logged once.
+TEST(ConnectorGroupLimit, HandedOutConnectionsOverTheLimitAreRefused) {
+    qntest::LogCapture log;
+    struct Counter : QUOLNET::IConnectorHandler {
+        void OnConnected(CConnectorMgr*, ConnId, const char*, bool) override { ++connected; }
+        bool OnPacket(CConnectorMgr*, ConnId, const char*, unsigned int, bool) override { return true; }
+        std::atomic<int> connected{0};
+    } h;
+    QUOLNET::ConnectorGroupOptions go;
+    go.threads = 2;
+    go.reuse_port = false;
+    go.loop.log_cat = log.cat();
+    go.loop.max_connections = 2;  // per loop
+    go.loop.evict_idle_ms = 0;    // nothing may be evicted
+    go.loop.pool_blocks = 64;
+    QUOLNET::CConnectorGroup group(&h, go);
+    ASSERT_EQ(0, group.Init());
+    ASSERT_GT(group.Listen("tcp://127.0.0.1:0"), 0);
+    ASSERT_EQ(0, group.Start());
+    std::vector<int> clients;
+    for (int i = 0; i < 6; ++i) {
+        int fd = qntest::DialURL(group.GetListenURL());
+        ASSERT_GE(fd, 0);
+        clients.push_back(fd);
+        // One at a time, so that the round-robin turns alternate between the loops.
+        ASSERT_TRUE(qntest::Eventually([&]() {
+            return h.connected.load() +
+                       static_cast<int>(group.GetLoop(0)->GetRefusedCount(AcceptRefusal::kOverLimit) +
+                                        group.GetLoop(1)->GetRefusedCount(AcceptRefusal::kOverLimit)) ==
+                   i + 1;
+        }));
+    }
+    EXPECT_EQ(4, h.connected.load());
+    EXPECT_EQ(1u, group.GetLoop(0)->GetRefusedCount(AcceptRefusal::kOverLimit));
+    EXPECT_EQ(1u, group.GetLoop(1)->GetRefusedCount(AcceptRefusal::kOverLimit));
+    int ended = 0;
+    for (int fd : clients) {
+        int end = -1;
+        qntest::ReadToEnd(fd, &end, 200);
+        if (end == 0 || end == ECONNRESET) {
+            ++ended;  // a refused one: closed at once
+        }
+        close(fd);
+    }
+    EXPECT_EQ(2, ended);
+    group.Stop();
+    EXPECT_EQ(2, log.CountPrefix(QUOLNET::LOG_PRIORITY_WARN, "connection limit reached and none idle enough"))
+        << log.Dump();
+}
+
 }  // namespace

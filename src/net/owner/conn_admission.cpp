@@ -194,10 +194,19 @@ void CConnAdmission::OnFull(const std::string& url) {
     }
 }
 
-void CConnAdmission::MakeRoomForHandOut() {
-    if (Room() == 0) {
-        MakeRoom(1);
+bool CConnAdmission::MakeRoomForHandOut() {
+    if (Room() > 0 || MakeRoom(1) > 0) {
+        return true;
     }
+    int64_t now = CEventLoop::NowMs();
+    if (m_last_over_limit_ms == 0 || now - m_last_over_limit_ms >= kQuietMs) {
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_WARN,
+                     "connection limit reached and none idle enough to close: handed-out connections are "
+                     "refused at accept (logged once while refusals go on)");
+    }
+    m_last_over_limit_ms = now;
+    m_mgr.m_stats.CountRefused(AcceptRefusal::kOverLimit);
+    return false;
 }
 
 bool CConnAdmission::AdmitSource(const std::string& peer) {

@@ -82,9 +82,11 @@ class CConnAdmission : public CAcceptor::IGate {
     void OnFull(const std::string& url) override;
 
     // A connection handed to this loop by another loop's acceptor (a group without
-    // SO_REUSEPORT): makes room for it when at the limit, as MakeRoom(1) does. The
-    // descriptor is already accepted, so it is adopted even when none could be closed.
-    void MakeRoomForHandOut();
+    // SO_REUSEPORT): makes room for it when at the limit, as MakeRoom(1) does. False when
+    // none could be made: the caller refuses the connection (closes it at once), counted
+    // as AcceptRefusal::kOverLimit and logged once while refusals go on, since the
+    // acceptor of another loop cannot pause for this one.
+    bool MakeRoomForHandOut();
 
     // Per-source cap, for an accepted connection from `peer` (its URL): true when admitted
     // (and counted until SourceReleased), false when refused (counted and logged).
@@ -107,9 +109,10 @@ class CConnAdmission : public CAcceptor::IGate {
     bool m_episode;            // at the limit: from the first eviction or full pause
     bool m_evict_logged;
     bool m_full_logged;
-    int64_t m_below_since;         // the count was first seen below the limit then; 0: not below
-    uint64_t m_episode_evictions;  // evictions in the current episode
-    int64_t m_last_refusal_ms;     // the last per-source refusal (0: none)
+    int64_t m_below_since;             // the count was first seen below the limit then; 0: not below
+    uint64_t m_episode_evictions;      // evictions in the current episode
+    int64_t m_last_refusal_ms;         // the last per-source refusal (0: none)
+    int64_t m_last_over_limit_ms = 0;  // the last hand-out refused at the limit (0: none)
     std::vector<std::pair<int64_t, OwnedConn*>> m_candidates;  // MakeRoom's scratch (active_ms, conn)
 };
 

@@ -110,14 +110,20 @@ void CConnectorGroup::Dispatch(int fd, const std::string& peer,
                                const std::shared_ptr<IStreamIoFactory>& stream) {
     unsigned int turn = m_next_accept_loop.fetch_add(1) % static_cast<unsigned int>(m_loops.size());
     if (turn == 0) {
-        m_loops[0]->m_admission.MakeRoomForHandOut();
-        m_loops[0]->AdoptAccepted(fd, peer, stream);
+        if (m_loops[0]->m_admission.MakeRoomForHandOut()) {
+            m_loops[0]->AdoptAccepted(fd, peer, stream);
+        } else {
+            ::close(fd);
+        }
         return;
     }
     CConnectorMgr* to = m_loops[turn].get();
     to->Post([to, fd, peer, stream]() {
-        to->m_admission.MakeRoomForHandOut();
-        to->AdoptAccepted(fd, peer, stream);
+        if (to->m_admission.MakeRoomForHandOut()) {
+            to->AdoptAccepted(fd, peer, stream);
+        } else {
+            ::close(fd);
+        }
     });
 }
 

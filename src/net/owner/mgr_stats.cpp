@@ -89,6 +89,8 @@ const char* AcceptRefusalName(AcceptRefusal reason) {
             return "per_source";
         case AcceptRefusal::kSocketSetup:
             return "socket_setup";
+        case AcceptRefusal::kOverLimit:
+            return "over_limit";
     }
     return "unknown";
 }

@@ -22,9 +22,11 @@ namespace QUOLNET {
 enum class AcceptRefusal : int {
     kPerSource = 0,    // its address already had max_connections_per_source connections
     kSocketSetup = 1,  // the listener's SocketOptions failed on it, or their setup refused it
+    // a group's loop 0 handed it to a loop at max_connections with none idle enough to close
+    kOverLimit = 2,
 };
-constexpr int kAcceptRefusalCount = 2;
-// "per_source", "socket_setup".
+constexpr int kAcceptRefusalCount = 3;
+// "per_source", "socket_setup", "over_limit".
 QUOLNET_EXPORT const char* AcceptRefusalName(AcceptRefusal reason);
 
 struct MgrMetrics;
