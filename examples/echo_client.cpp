@@ -8,23 +8,35 @@
 #include <cstring>
 
 #include "echo_common.h"
+#include "echo_tls.h"
 
 namespace {
 
 void Usage(FILE* out) {
-    fprintf(out,
-            "usage: echo_client [--url URL] [--conns N] [--packets N] [--sizes A,B,...] [--depth N]\n"
-            "                   [--duration SECONDS] [--no-progress]\n"
-            "  --url URL           server to dial (default tcp://127.0.0.1:7000)\n"
-            "  --conns N           connections (default 4)\n"
-            "  --packets N         packets per connection (default 1000; 0 with --duration: unlimited)\n"
-            "  --sizes A,B,...     payload sizes in bytes, used in turn (default 1,100,1000,65536,200000);\n"
-            "                      sizes above 65536 span several blocks, up to 4194300 (a 4 MiB packet,\n"
-            "                      the longest a manager takes by default, echo_server's too)\n"
-            "  --depth N           packets in flight per connection (default 4)\n"
-            "  --duration SECONDS  stop sending after this long (default: no limit)\n"
-            "  --no-progress       no progress line even on a terminal\n"
-            "Exit status: 0 when every echo matched, 1 on errors, 2 on bad arguments.\n");
+    fprintf(
+        out,
+        "usage: echo_client [--url URL] [--conns N] [--packets N] [--sizes A,B,...] [--depth N]\n"
+        "                   [--duration SECONDS] [--no-progress] [--tls [--tls-ca FILE] [--tls-name NAME]\n"
+        "                   [--tls-insecure] [--tls-alpn LIST] [--tls-cert FILE --tls-key FILE]]\n"
+        "  --url URL           server to dial (default tcp://127.0.0.1:7000)\n"
+        "  --conns N           connections (default 4)\n"
+        "  --packets N         packets per connection (default 1000; 0 with --duration: unlimited)\n"
+        "  --sizes A,B,...     payload sizes in bytes, used in turn (default 1,100,1000,65536,200000);\n"
+        "                      sizes above 65536 span several blocks, up to 4194300 (a 4 MiB packet,\n"
+        "                      the longest a manager takes by default, echo_server's too)\n"
+        "  --depth N           packets in flight per connection (default 4)\n"
+        "  --duration SECONDS  stop sending after this long (default: no limit)\n"
+        "  --no-progress       no progress line even on a terminal\n"
+        "TLS (the server runs echo_server --tls-cert FILE --tls-key FILE; any --tls-* flag implies --tls):\n"
+        "  --tls               speak TLS; prints what the first connection negotiated\n"
+        "  --tls-ca FILE       CA certificates (PEM) to verify the server with (default: the system's)\n"
+        "  --tls-name NAME     the name to check the server's certificate against and send as SNI\n"
+        "                      (default: the URL's host; an IP address is checked as one)\n"
+        "  --tls-insecure      FOR TESTING ONLY: do not verify the server's certificate or name\n"
+        "  --tls-alpn LIST     application protocols to offer, comma-separated (e.g. echo)\n"
+        "  --tls-cert FILE     a client certificate (PEM) for servers that ask for one, with\n"
+        "  --tls-key FILE      its private key (PEM)\n"
+        "Exit status: 0 when every echo matched, 1 on errors, 2 on bad arguments.\n");
 }
 
 // The port of a tcp:// URL that echo::RequireURL accepted. Port 0 is a listener's request
@@ -42,6 +54,24 @@ int URLPort(const char* url) {
     return ntohs(port);
 }
 
+// The field of `tls` that the TLS flag `flag` takes a value for; null for any other flag.
+std::string* TlsValue(echo::TlsFlags* tls, const char* flag) {
+    const struct {
+        const char* name;
+        std::string* field;
+    } values[] = {{"--tls-ca", &tls->ca},
+                  {"--tls-name", &tls->name},
+                  {"--tls-alpn", &tls->alpn},
+                  {"--tls-cert", &tls->cert},
+                  {"--tls-key", &tls->key}};
+    for (const auto& f : values) {
+        if (strcmp(flag, f.name) == 0) {
+            return f.field;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -50,6 +80,7 @@ int main(int argc, char** argv) {
     // The client's manager runs with the default options, so no longer packet comes back.
     cfg.max_packet = QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen;
     bool progress = true;
+    echo::TlsFlags tls;
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
         const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -77,6 +108,14 @@ int main(int argc, char** argv) {
             ++i;
         } else if (strcmp(a, "--no-progress") == 0) {
             progress = false;
+        } else if (strcmp(a, "--tls") == 0) {
+            tls.enabled = true;
+        } else if (strcmp(a, "--tls-insecure") == 0) {
+            tls.enabled = tls.insecure = true;
+        } else if (TlsValue(&tls, a) != nullptr && v != nullptr && *v != '\0') {
+            *TlsValue(&tls, a) = v;
+            tls.enabled = true;
+            ++i;
         } else {
             fprintf(stderr, "echo_client: bad argument '%s'\n", a);
             Usage(stderr);
@@ -94,6 +133,19 @@ int main(int argc, char** argv) {
         return 2;
     }
     cfg.progress = progress && isatty(STDOUT_FILENO);
+    if (tls.enabled) {
+        if (tls.cert.empty() != tls.key.empty()) {
+            fprintf(stderr, "echo_client: --tls-cert and --tls-key go together\n");
+            return 2;
+        }
+        std::string error;
+        cfg.stream = echo::MakeTlsClient(tls, &error);
+        if (cfg.stream == nullptr) {
+            fprintf(stderr, "echo_client: TLS: %s\n", error.c_str());
+            return 2;
+        }
+        cfg.describe_as = "echo_client";
+    }
 
     echo::EchoClient client(cfg);
     QUOLNET::CConnectorMgr mgr(&client);

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -110,6 +111,24 @@ inline int64_t NowUs() {
         .count();
 }
 
+// What a connection negotiated, for a log line: "TLSv1.3 TLS_AES_256_GCM_SHA384, peer
+// CN=localhost, ALPN echo", or "plain TCP" without a stream layer. Loop thread.
+inline std::string DescribeStream(CConnectorMgr* mgr, ConnId id) {
+    QUOLNET::CTcpConnector* c = mgr->GetConnector(id);
+    QUOLNET::IStreamIo* io = c != nullptr ? c->GetStreamIo() : nullptr;
+    if (io == nullptr) {
+        return "plain TCP";
+    }
+    std::string s = io->Describe();
+    if (!io->PeerSubject().empty()) {
+        s += ", peer " + io->PeerSubject();
+    }
+    if (!io->Alpn().empty()) {
+        s += ", ALPN " + io->Alpn();
+    }
+    return s;
+}
+
 // ---- server ----
 
 // Echoes every packet back unchanged. When a tick yields several packets for one
@@ -155,6 +174,11 @@ struct ClientConfig {
     int depth = 4;                                                 // packets in flight per connection
     bool progress = false;                                         // one-line progress on stdout
     unsigned int max_packet = CLengthPrefixParser::kDefaultMaxPacketLen;
+    // A stream layer for every dial (a TLS client context, echo_tls.h); null: plain TCP.
+    std::shared_ptr<QUOLNET::IStreamIoFactory> stream;
+    // Print what the first connection negotiated once it is connected (prefixed with this
+    // program name); null: print nothing.
+    const char* describe_as = nullptr;
 };
 
 struct ClientSummary {
@@ -178,7 +202,8 @@ class EchoClient : public QUOLNET::IConnectorHandler {
         m_start_us = NowUs();
         m_last_progress_us = m_start_us;
         QUOLNET::DialOptions dial;
-        dial.connect_timeout_ms = 3000;
+        dial.connect_timeout_ms = 3000;  // with a stream layer, its handshake included
+        dial.socket.stream = m_cfg.stream;
         for (int i = 0; i < m_cfg.conns; ++i) {
             ConnId id = mgr->Dial(m_cfg.url.c_str(), dial);
             if (id == 0) {
@@ -189,9 +214,15 @@ class EchoClient : public QUOLNET::IConnectorHandler {
         return true;
     }
 
-    void OnConnected(CConnectorMgr*, ConnId id, const char*, bool) override {
+    void OnConnected(CConnectorMgr* mgr, ConnId id, const char*, bool) override {
         auto it = m_conns.find(id);
         if (it != m_conns.end()) {
+            if (m_cfg.describe_as != nullptr && !m_described) {
+                m_described = true;
+                printf("%s: connected to %s: %s\n", m_cfg.describe_as, m_cfg.url.c_str(),
+                       DescribeStream(mgr, id).c_str());
+                fflush(stdout);
+            }
             it->second.connected = true;
             Pump(id, it->second);
         }
@@ -390,7 +421,7 @@ class EchoClient : public QUOLNET::IConnectorHandler {
             fprintf(stderr, "error: %s on connection %llu%s%s (%s)\n", what,
                     static_cast<unsigned long long>(id), info != nullptr ? ": " : "",
                     info != nullptr ? QUOLNET::CloseReasonName(info->reason) : "",
-                    info != nullptr && info->error != 0 ? strerror(info->error) : "-");
+                    info != nullptr ? QUOLNET::CloseErrorText(*info) : "-");
         }
     }
 
@@ -403,6 +434,7 @@ class EchoClient : public QUOLNET::IConnectorHandler {
     int64_t m_end_us = 0;
     int64_t m_last_progress_us = 0;
     bool m_finished = false;
+    bool m_described = false;  // the first connection's protocol was printed
 };
 
 }  // namespace echo

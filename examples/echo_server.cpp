@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "echo_common.h"
+#include "echo_tls.h"
 #include "net/connector_group.h"
 
 namespace {
@@ -29,6 +30,8 @@ void Usage(FILE* out) {
         "usage: echo_server [--listen URL] [--stats SECONDS] [--stats-file PATH] [--metrics-file PATH] "
         "[--max-packet BYTES] "
         "[--threads N] [--workers N] [limits]\n"
+        "                   [--tls-cert FILE --tls-key FILE [--tls-ca FILE] [--tls-require-client-cert]\n"
+        "                   [--tls-alpn LIST] [--handshake-timeout-ms MS]]\n"
         "  --listen URL              where to listen (default tcp://127.0.0.1:7000; port 0 picks a free "
         "port)\n"
         "  --stats SECONDS           print the connector statistics table every SECONDS (default 0: only at "
@@ -68,6 +71,16 @@ void Usage(FILE* out) {
         "                            requests still gets every reply; a full queue pauses the connection\n"
         "  --worker-queue N          packets each worker's queue holds before connections pause (default\n"
         "                            256, at least 1; and at most 16 MiB of them)\n"
+        "TLS (the listener speaks TLS when a certificate is given; exit 2 when one cannot be used):\n"
+        "  --tls-cert FILE           the server's certificate chain (PEM)\n"
+        "  --tls-key FILE            its private key (PEM)\n"
+        "  --tls-ca FILE             CA certificates (PEM) to verify client certificates with\n"
+        "  --tls-require-client-cert refuse clients without a certificate that --tls-ca verifies\n"
+        "                            (mutual TLS)\n"
+        "  --tls-alpn LIST           application protocols, comma-separated, in order of preference;\n"
+        "                            a client offering only others is refused\n"
+        "  --handshake-timeout-ms MS close an accepted connection whose handshake is not done within\n"
+        "                            MS (default %d; 0: no deadline); counted as handshake_timeout\n"
         "Packets are a 4-byte big-endian length (counting itself) followed by the payload.\n"
         "  --drain-ms MS             on SIGINT or SIGTERM, drain for at most MS (default 10000): stop\n"
         "                            listening, finish every connection gracefully, abort what is left\n"
@@ -75,7 +88,7 @@ void Usage(FILE* out) {
         "Prints how many connections were drained and aborted, and the statistics table, at exit.\n",
         QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen, d.pool_blocks, d.max_send_blocks,
         d.max_recv_blocks, d.send_stall_ms, d.packet_deadline_ms, d.idle_timeout_ms, d.fd_reserve,
-        d.evict_idle_ms);
+        d.evict_idle_ms, d.handshake_timeout_ms);
 }
 
 template <size_t N, typename F>
@@ -383,6 +396,14 @@ namespace {
 // SIGINT/SIGTERM on one loop: the first drains (Shutdown, async-signal-safe), a second
 // stops at once.
 int g_drain_ms = 10000;
+// With TLS: a line about the listener's TLS set-up, printed after the "listening" line.
+std::string g_tls_banner;
+
+void PrintTlsBanner() {
+    if (!g_tls_banner.empty()) {
+        printf("%s\n", g_tls_banner.c_str());
+    }
+}
 std::atomic<QUOLNET::CConnectorMgr*> g_drain_mgr{nullptr};
 std::atomic<int> g_drain_signals{0};
 
@@ -421,8 +442,8 @@ void PrintDrain(bool drained, uint64_t ok, uint64_t aborted) {
 // thread and taken with sigwait), then stops the group. `workers` (with --workers) is the
 // handler too.
 int RunGroup(echo::EchoServerHandler* handler, WorkerEchoHandler* workers,
-             const QUOLNET::ConnectorMgrOptions& options, int threads, const char* url,
-             const char* stats_file, double stats) {
+             const QUOLNET::ConnectorMgrOptions& options, const QUOLNET::SocketOptions& socket, int threads,
+             const char* url, const char* stats_file, double stats) {
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
@@ -437,12 +458,13 @@ int RunGroup(echo::EchoServerHandler* handler, WorkerEchoHandler* workers,
         fprintf(stderr, "echo_server: cannot set up the event loops\n");
         return 1;
     }
-    if (group.Listen(url) < 0) {
+    if (group.Listen(url, socket) < 0) {
         fprintf(stderr, "echo_server: cannot listen on %s: %s\n", url, strerror(errno));
         return 1;
     }
     printf("echo_server listening on %s with %d loops (%s)\n", group.GetListenURL().c_str(), threads,
            group.IsReusePort() ? "SO_REUSEPORT" : "one acceptor");
+    PrintTlsBanner();
     fflush(stdout);
     int ms = static_cast<int>(stats * 1000);
     if (ms > 0) {
@@ -504,11 +526,20 @@ int main(int argc, char** argv) {
         {"--workers", 0, 256},
         {"--worker-queue", 256, 1 << 20},
         {"--drain-ms", 10000, 1 << 30},
+        {"--handshake-timeout-ms", options.handshake_timeout_ms, 1 << 30},
     };
+    echo::TlsFlags tls;
+    // TLS flags that take a value, and where it goes.
+    const struct {
+        const char* name;
+        std::string* field;
+    } tls_values[] = {
+        {"--tls-cert", &tls.cert}, {"--tls-key", &tls.key}, {"--tls-ca", &tls.ca}, {"--tls-alpn", &tls.alpn}};
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
         const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
         const int fi = IntFlagIndex(flags, a);
+        const int ti = IntFlagIndex(tls_values, a);
         if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
             Usage(stdout);
             return 0;
@@ -537,6 +568,11 @@ int main(int argc, char** argv) {
             ++i;
         } else if (fi >= 0 && v != nullptr && echo::ParseCount(v, flags[fi].max, &flags[fi].value)) {
             ++i;
+        } else if (ti >= 0 && v != nullptr && *v != '\0') {
+            *tls_values[ti].field = v;
+            ++i;
+        } else if (strcmp(a, "--tls-require-client-cert") == 0) {
+            tls.require_client_cert = true;
         } else {
             fprintf(stderr, "echo_server: bad argument '%s'\n", a);
             Usage(stderr);
@@ -563,6 +599,30 @@ int main(int argc, char** argv) {
         return 2;
     }
     g_drain_ms = static_cast<int>(flags[13].value);
+    QUOLNET::SocketOptions socket;
+    if (!tls.cert.empty() || !tls.key.empty() || !tls.ca.empty() || !tls.alpn.empty() ||
+        tls.require_client_cert) {
+        if (tls.cert.empty() || tls.key.empty()) {
+            fprintf(stderr, "echo_server: TLS needs both --tls-cert and --tls-key\n");
+            return 2;
+        }
+        if (tls.require_client_cert && tls.ca.empty()) {
+            fprintf(stderr,
+                    "echo_server: --tls-require-client-cert needs --tls-ca (the CAs clients are verified "
+                    "with)\n");
+            return 2;
+        }
+        std::string error;
+        socket.stream = echo::MakeTlsServer(tls, &error);
+        if (socket.stream == nullptr) {
+            fprintf(stderr, "echo_server: TLS: %s\n", error.c_str());
+            return 2;
+        }
+        g_tls_banner = "echo_server: TLS with " + tls.cert +
+                       (tls.require_client_cert ? ", client certificates required" : "") +
+                       (tls.alpn.empty() ? "" : ", ALPN " + tls.alpn) + ", handshake deadline " +
+                       std::to_string(flags[14].value) + " ms";
+    }
     std::unique_ptr<echo::EchoServerHandler> handler;
     WorkerEchoHandler* workers = nullptr;
     if (flags[11].value > 0) {
@@ -584,21 +644,23 @@ int main(int argc, char** argv) {
     options.max_connections_per_source = static_cast<unsigned int>(flags[10].value);
     options.stats_interval_sec = stats_file == nullptr ? static_cast<int>(stats) : 0;
     options.max_packet_len = static_cast<unsigned int>(max_packet);
+    options.handshake_timeout_ms = static_cast<int>(flags[14].value);
     if (flags[0].value > 1) {
-        return RunGroup(handler.get(), workers, options, static_cast<int>(flags[0].value), url, stats_file,
-                        stats);
+        return RunGroup(handler.get(), workers, options, socket, static_cast<int>(flags[0].value), url,
+                        stats_file, stats);
     }
     QUOLNET::CConnectorMgr mgr(handler.get(), options);
     if (mgr.Init() != 0) {
         fprintf(stderr, "echo_server: cannot set up the event loop\n");
         return 1;
     }
-    int port = mgr.Listen(url);
+    int port = mgr.Listen(url, socket);
     if (port < 0) {
         fprintf(stderr, "echo_server: cannot listen on %s: %s\n", url, strerror(errno));
         return 1;
     }
     printf("echo_server listening on %s\n", mgr.GetListenURL(0).c_str());
+    PrintTlsBanner();
     fflush(stdout);
     if (stats_file != nullptr) {
         int ms = stats > 0 ? static_cast<int>(stats * 1000) : 1000;

@@ -18,6 +18,13 @@
 // the server did to the attackers (closed with EOF or reset, and when), bytes lost where the
 // attack expects replies, and optionally the server's resident memory per phase.
 //
+// TLS (built when OpenSSL 3 is found, with OpenSSL directly: tls_peer.h): with --tls the honest
+// clients speak TLS (a handshake before their first packet, then ping-pong through the
+// session), and the tls-* attacks play peers of a TLS server: a ClientHello sent a few bytes
+// at a time (tls-slow-handshake), silence after the connect (tls-silent), bytes that are not
+// TLS (tls-garbage), and new full handshakes closed as soon as they are done
+// (tls-handshake-flood).
+//
 // Exit codes: 0 the run completed; 1 the run could not be set up (honest clients cannot
 // connect, no epoll) or an echo differed from what was sent; 2 a bad argument.
 #include <arpa/inet.h>
@@ -40,6 +47,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "tls_peer.h"
 
 namespace {
 
@@ -71,7 +80,11 @@ enum class Attack {
     kHalfClose,
     kHalfCloseBurst,
     kIdle,
-    kIdleFlood
+    kIdleFlood,
+    kTlsSlowHandshake,
+    kTlsSilent,
+    kTlsGarbage,
+    kTlsHandshakeFlood
 };
 
 struct AttackInfo {
@@ -92,7 +105,17 @@ const AttackInfo kAttacks[] = {
     {"halfclose-burst", Attack::kHalfCloseBurst, 100, 1024, 20},
     {"idle", Attack::kIdle, 1000, 0, 20},
     {"idle-flood", Attack::kIdleFlood, 700, 0, 20},
+    {"tls-slow-handshake", Attack::kTlsSlowHandshake, 1000, 0, 20},
+    {"tls-silent", Attack::kTlsSilent, 1000, 0, 20},
+    {"tls-garbage", Attack::kTlsGarbage, 100, 1024, 20},
+    {"tls-handshake-flood", Attack::kTlsHandshakeFlood, 16, 0, 20},
 };
+
+// The attacks against a TLS server: they need honest clients that speak TLS.
+bool IsTlsAttack(Attack a) {
+    return a == Attack::kTlsSlowHandshake || a == Attack::kTlsSilent || a == Attack::kTlsGarbage ||
+           a == Attack::kTlsHandshakeFlood;
+}
 
 struct Options {
     std::string url = "tcp://127.0.0.1:7000";
@@ -104,9 +127,10 @@ struct Options {
     double before = 5;
     double attack_secs = -1;  // < 0: the attack's default
     double after = 5;
-    long long conns = -1;  // < 0: the attack's default
-    long long size = -1;   // < 0: the attack's default
-    long long interval_ms = 1000;
+    long long conns = -1;        // < 0: the attack's default
+    long long size = -1;         // < 0: the attack's default
+    long long interval_ms = -1;  // < 0: 1000 (trickle), 250 (tls-slow-handshake)
+    long long step_bytes = 2;    // tls-slow-handshake: ClientHello bytes sent per interval
     long long resets = 1200;
     long long pipelined = 0;
     long long requests = -1;  // halfclose-burst: requests per client before SHUT_WR (< 0: 16)
@@ -117,6 +141,7 @@ struct Options {
     long long honest_reconnect = -1;  // < 0: the attack's default (idle-flood 100, others 0)
     long long reopen = 0;             // idle-flood: reopen every attacker the server closes
     bool json = false;
+    tools_tls::ClientTlsOptions tls;
 };
 
 void Usage(FILE* out) {
@@ -153,7 +178,17 @@ void Usage(FILE* out) {
         "                      --reopen 1 each one the server closes is opened again at once; honest\n"
         "                      clients reconnect every --honest-reconnect (100) echoes, so they measure\n"
         "                      whether new clients are still admitted\n"
-        "      none            no attack (a control run)\n"
+        "      none            no attack (a control run; with --tls, over TLS)\n"
+        "    against a TLS server (the honest clients speak TLS; the connections each attack keeps\n"
+        "    open are replaced as the server closes them):\n"
+        "      tls-slow-handshake  --conns (1000) connections send a real ClientHello --step-bytes (2)\n"
+        "                      bytes every --interval-ms (250), so one takes longer than a 10 s\n"
+        "                      handshake deadline allows (the time is reported)\n"
+        "      tls-silent      --conns (1000) connections connect and never send\n"
+        "      tls-garbage     --conns (100) connections at a time each send --size (1 KiB) bytes\n"
+        "                      that are not TLS (length-prefixed packets) and wait for the close\n"
+        "      tls-handshake-flood  --conns (16) connections at a time each make a new full\n"
+        "                      handshake and close as soon as it is done, as fast as the tool can\n"
         "  --honest N          honest connections (default 100)\n"
         "  --honest-size B     honest packet length, header included (default 1024)\n"
         "  --before S          seconds of the before phase (default 5)\n"
@@ -161,7 +196,9 @@ void Usage(FILE* out) {
         "  --after S           seconds of the after phase (default 5)\n"
         "  --conns N           attack connections (default per attack, above)\n"
         "  --size B            attack packet length, header included (default per attack, above)\n"
-        "  --interval-ms MS    trickle: milliseconds between two bytes of one connection (1000)\n"
+        "  --interval-ms MS    trickle: milliseconds between two bytes of one connection (1000);\n"
+        "                      tls-slow-handshake: between two steps of one connection (250)\n"
+        "  --step-bytes N      tls-slow-handshake: ClientHello bytes sent per step (2)\n"
         "  --resets N          reset: resets to do (1200)\n"
         "  --pipelined N       halfclose: one connection, N pipelined packets, then SHUT_WR\n"
         "  --requests K        halfclose-burst: requests each client sends before SHUT_WR (16)\n"
@@ -173,6 +210,12 @@ void Usage(FILE* out) {
         "                      default 100 for idle-flood, 0 otherwise)\n"
         "  --server-pid PID    sample the server's resident memory (/proc/PID/status) per phase\n"
         "  --json              print one JSON line on stdout (the summary goes to stderr)\n"
+        "  --tls               the honest clients speak TLS (implied by the tls-* attacks); the\n"
+        "                      server is verified against the system's CAs unless one of these\n"
+        "                      is given (each implies --tls):\n"
+        "  --tls-ca FILE       CA certificates (PEM) to verify the server with (its certificate\n"
+        "                      must name the URL's address)\n"
+        "  --tls-insecure      FOR TESTING ONLY: do not verify the server's certificate\n"
         "  --help              this text\n"
         "Exit status: 0 done, 1 set-up failure or an echo that differs from what was sent, 2 bad "
         "argument.\n");
@@ -276,6 +319,11 @@ Options ParseArgs(int argc, char** argv) {
             o.json = true;
             continue;
         }
+        if (a == "--tls" || a == "--tls-insecure") {
+            o.tls.enabled = true;
+            o.tls.insecure = o.tls.insecure || a == "--tls-insecure";
+            continue;
+        }
         if (i + 1 >= argc) {
             BadArg("bad argument '%s' (missing value?)", a.c_str());
         }
@@ -315,6 +363,12 @@ Options ParseArgs(int argc, char** argv) {
             ok = ParseInt(v, kHeaderLen, kMaxPacket, &o.size);
         } else if (a == "--interval-ms") {
             ok = ParseInt(v, 1, 3600000, &o.interval_ms);
+        } else if (a == "--step-bytes") {
+            ok = ParseInt(v, 1, 65536, &o.step_bytes);
+        } else if (a == "--tls-ca") {
+            ok = *v != '\0';
+            o.tls.ca_file = v;
+            o.tls.enabled = true;
         } else if (a == "--resets") {
             ok = ParseInt(v, 0, 100000000, &o.resets);
         } else if (a == "--pipelined") {
@@ -350,6 +404,17 @@ Options ParseArgs(int argc, char** argv) {
             "hostile_peer: invalid URL '%s' (expected tcp://a.b.c.d:port or tcp://[v6]:port) (see --help)\n",
             o.url.c_str());
         exit(2);
+    }
+    if (IsTlsAttack(o.attack->attack)) {
+        o.tls.enabled = true;
+    } else if (o.tls.enabled && o.attack->attack != Attack::kNone) {
+        BadArg("%s", "--tls goes with the tls-* attacks and none (the other attacks speak plain TCP)");
+    }
+    if (o.tls.enabled && !tools_tls::Available()) {
+        BadArg("%s", "this build has no TLS (OpenSSL 3 was not found)");
+    }
+    if (o.interval_ms < 0) {
+        o.interval_ms = o.attack->attack == Attack::kTlsSlowHandshake ? 250 : 1000;
     }
     if (o.pipelined > 0 && o.attack->attack != Attack::kHalfClose) {
         BadArg("%s", "--pipelined only applies to --attack halfclose");
@@ -443,6 +508,8 @@ const char* const kPhaseNames[kPhases] = {"before", "attack", "after"};
 
 struct Peer {
     int fd = -1;
+    SSL* ssl = nullptr;        // a TLS honest client or handshake-flood attacker: its session (owned)
+    bool handshaking = false;  // connected, the TLS handshake under way (still `connecting`)
     Role role = Role::kHonest;
     bool connecting = true;
     End end = End::kOpen;
@@ -506,16 +573,35 @@ struct AttackStats {
     long long reopened = 0;               // attackers opened again after the server closed one
     long long honest_reconnects = 0;      // honest connections replaced after --honest-reconnect echoes
     long long honest_connect_failed = 0;  // honest reconnects that failed (the client is lost)
+    // TLS
+    long long tls_handshakes = 0;     // tls-handshake-flood: handshakes completed
+    long long tls_failed = 0;         // attackers' handshakes that failed
+    long long tls_hello_bytes = 0;    // tls-slow-handshake: ClientHello bytes sent
+    long long tls_hello_done = 0;     // ... connections that sent their whole ClientHello
+    long long tls_garbage_bytes = 0;  // tls-garbage: bytes sent
+    long long tls_server_bytes = 0;   // tls-*: bytes the server sent the attackers (alerts, its hello)
 };
 
 class CHostilePeer {
   public:
     explicit CHostilePeer(const Options& opt) : m_opt(opt), m_rbuf(kChunk), m_wbuf(kChunk) {}
+    ~CHostilePeer() {
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+        for (Peer& p : m_peers) {
+            SSL_free(p.ssl);
+        }
+        SSL_CTX_free(m_ctx);
+#endif
+    }
     int Run();
 
   private:
-    Attack Kind() const { return m_opt.attack->attack; }
-    double SinceAttack(uint64_t now) const { return double(now - m_attack_start_ns) / 1e9; }
+    Attack Kind() const {
+        return m_opt.attack->attack;
+    }
+    double SinceAttack(uint64_t now) const {
+        return double(now - m_attack_start_ns) / 1e9;
+    }
 
     size_t Open(Role role);
     void SetEvents(Peer& p, uint32_t events);
@@ -535,6 +621,15 @@ class CHostilePeer {
     void SampleRss();
     bool WantMoreAttackers() const;
     void Report();
+    // TLS: whether `p` makes a handshake; set-up of the context (and the slow ClientHello);
+    // one handshake step once the TCP connect is done; send and recv through the session.
+    bool UsesTls(const Peer& p) const {
+        return p.role == Role::kHonest ? m_opt.tls.enabled : Kind() == Attack::kTlsHandshakeFlood;
+    }
+    bool InitTls();
+    void StepHandshake(size_t idx, uint64_t now);
+    ssize_t SendBytes(Peer& p, const void* buf, size_t n);
+    ssize_t RecvBytes(Peer& p, void* buf, size_t n);
 
     Options m_opt;
     int m_ep = -1;
@@ -557,7 +652,137 @@ class CHostilePeer {
     bool m_honest_started = false;
     PhaseStats m_phases[kPhases];
     AttackStats m_a;
+    SSL_CTX* m_ctx = nullptr;            // with TLS: the client context (owned)
+    std::vector<unsigned char> m_hello;  // tls-slow-handshake: the ClientHello's bytes
+    std::string m_tls_error;             // the first failed handshake of an honest client
+    std::string m_host;                  // the server's address as text, what its certificate names
 };
+
+bool CHostilePeer::InitTls() {
+    if (!m_opt.tls.enabled) {
+        return true;
+    }
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    std::string error;
+    m_ctx = tools_tls::MakeClientContext(m_opt.tls, &error);
+    if (m_ctx == nullptr) {
+        fprintf(stderr, "hostile_peer: TLS: %s\n", error.c_str());
+        return false;
+    }
+    char text[INET6_ADDRSTRLEN] = "";
+    const void* where =
+        m_opt.addr.ss_family == AF_INET6
+            ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(&m_opt.addr)->sin6_addr)
+            : static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(&m_opt.addr)->sin_addr);
+    inet_ntop(m_opt.addr.ss_family, where, text, sizeof(text));
+    m_host = text;
+    if (Kind() == Attack::kTlsSlowHandshake) {
+        // The ClientHello this context sends, taken from a session over memory buffers.
+        SSL* ssl = SSL_new(m_ctx);
+        BIO* rd = BIO_new(BIO_s_mem());
+        BIO* wr = BIO_new(BIO_s_mem());
+        if (ssl != nullptr && rd != nullptr && wr != nullptr) {
+            SSL_set_bio(ssl, rd, wr);  // the session owns both from here
+            rd = wr = nullptr;
+            SSL_set_connect_state(ssl);
+            SSL_do_handshake(ssl);  // writes the hello, then waits for the server's reply
+            char* data = nullptr;
+            long n = BIO_get_mem_data(SSL_get_wbio(ssl), &data);
+            if (n > 0) {
+                m_hello.assign(data, data + n);
+            }
+        }
+        BIO_free(rd);
+        BIO_free(wr);
+        SSL_free(ssl);
+        tools_tls::ErrorText();
+        if (m_hello.empty()) {
+            fprintf(stderr, "hostile_peer: TLS: cannot make a ClientHello\n");
+            return false;
+        }
+    }
+    return true;
+#else
+    return false;
+#endif
+}
+
+void CHostilePeer::StepHandshake(size_t idx, uint64_t now) {
+    Peer& p = m_peers[idx];
+    std::string text = "this build has no TLS";
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    if (p.ssl == nullptr) {
+        p.ssl = tools_tls::NewClientSession(m_ctx, p.fd, m_host);
+        p.handshaking = p.ssl != nullptr;
+    }
+    if (p.ssl != nullptr) {
+        int rc = SSL_do_handshake(p.ssl);
+        if (rc == 1) {
+            p.handshaking = false;
+            OnConnected(idx, now);
+            return;
+        }
+        int e = SSL_get_error(p.ssl, rc);
+        if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) {
+            SetEvents(p, e == SSL_ERROR_WANT_READ ? uint32_t(EPOLLIN) : uint32_t(EPOLLOUT));
+            return;
+        }
+    }
+    text = tools_tls::ErrorText();
+    if (text.empty()) {
+        text = "the server closed the connection during the handshake";
+    }
+#endif
+    if (p.role == Role::kHonest) {
+        m_a.first_connect_errno = EPROTO;
+        if (m_tls_error.empty()) {
+            m_tls_error = text;
+        }
+    } else {
+        ++m_a.tls_failed;
+    }
+    p.end = End::kConnectFailed;
+    CloseFd(p);
+}
+
+ssize_t CHostilePeer::SendBytes(Peer& p, const void* buf, size_t n) {
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    if (p.ssl != nullptr) {
+        int w = SSL_write(p.ssl, buf, int(n));
+        if (w > 0) {
+            return w;
+        }
+        int e = SSL_get_error(p.ssl, w);
+        ERR_clear_error();
+        errno = e == SSL_ERROR_WANT_WRITE || e == SSL_ERROR_WANT_READ ? EAGAIN : ECONNRESET;
+        return -1;
+    }
+#endif
+    return send(p.fd, buf, n, MSG_NOSIGNAL);
+}
+
+ssize_t CHostilePeer::RecvBytes(Peer& p, void* buf, size_t n) {
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    if (p.ssl != nullptr) {
+        int r = SSL_read(p.ssl, buf, int(n));
+        if (r > 0) {
+            return r;
+        }
+        int e = SSL_get_error(p.ssl, r);
+        ERR_clear_error();
+        if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) {
+            errno = EAGAIN;
+            return -1;
+        }
+        if (e == SSL_ERROR_ZERO_RETURN || (e == SSL_ERROR_SYSCALL && errno == 0)) {
+            return 0;  // close_notify, or the socket's end without one
+        }
+        errno = ECONNRESET;
+        return -1;
+    }
+#endif
+    return recv(p.fd, buf, n, 0);
+}
 
 size_t CHostilePeer::Open(Role role) {
     Peer p;
@@ -619,6 +844,13 @@ void CHostilePeer::SetEvents(Peer& p, uint32_t events) {
 }
 
 void CHostilePeer::CloseFd(Peer& p) {
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    if (p.ssl != nullptr) {
+        SSL_free(p.ssl);
+        p.ssl = nullptr;
+    }
+#endif
+    p.handshaking = false;
     if (p.fd >= 0) {
         close(p.fd);
         p.fd = -1;
@@ -762,6 +994,20 @@ void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
             p.limit = p.total;
             break;
         }
+        case Attack::kTlsSlowHandshake:
+            p.pkt = uint32_t(m_hello.size());
+            p.limit = std::min<uint64_t>(uint64_t(m_opt.step_bytes), p.pkt);
+            m_trickle.emplace_back(now + uint64_t(m_opt.interval_ms) * 1000000ull, idx);
+            break;
+        case Attack::kTlsGarbage:
+            p.limit = p.pkt;  // the echo protocol's packets: no TLS record starts with 0x00
+            break;
+        case Attack::kTlsHandshakeFlood:
+            ++m_a.tls_handshakes;  // done: close at once (no close_notify)
+            p.end = End::kOurs;
+            CloseFd(p);
+            return;
+        case Attack::kTlsSilent:
         case Attack::kIdle:
         case Attack::kIdleFlood:
         case Attack::kNone:
@@ -775,8 +1021,12 @@ void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
 void CHostilePeer::Pump(Peer& p, uint64_t now) {
     while (p.fd >= 0 && p.sent < p.limit) {
         size_t n = size_t(std::min<uint64_t>(p.limit - p.sent, kChunk));
-        m_stream.Fill(p.key, p.pkt, p.sent, m_wbuf.data(), n);
-        ssize_t w = send(p.fd, m_wbuf.data(), n, MSG_NOSIGNAL);
+        if (p.role == Role::kAttacker && Kind() == Attack::kTlsSlowHandshake) {
+            memcpy(m_wbuf.data(), m_hello.data() + p.sent, n);
+        } else {
+            m_stream.Fill(p.key, p.pkt, p.sent, m_wbuf.data(), n);
+        }
+        ssize_t w = SendBytes(p, m_wbuf.data(), n);
         if (w < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
                 break;
@@ -785,6 +1035,11 @@ void CHostilePeer::Pump(Peer& p, uint64_t now) {
             return;
         }
         p.sent += uint64_t(w);
+        if (p.role == Role::kAttacker) {
+            m_a.tls_hello_bytes += Kind() == Attack::kTlsSlowHandshake ? w : 0;
+            m_a.tls_hello_done += Kind() == Attack::kTlsSlowHandshake && p.sent == p.pkt ? 1 : 0;
+            m_a.tls_garbage_bytes += Kind() == Attack::kTlsGarbage ? w : 0;
+        }
         // A nonstop sender writes one chunk per turn, so it cannot monopolise the loop.
         if (p.limit == UINT64_MAX) {
             break;
@@ -845,6 +1100,12 @@ void CHostilePeer::Consume(Peer& p, const unsigned char* data, size_t n, uint64_
                 Reset(p);  // the echo is under way: abort it
             }
             break;
+        case Attack::kTlsSlowHandshake:
+        case Attack::kTlsSilent:
+        case Attack::kTlsGarbage:
+        case Attack::kTlsHandshakeFlood:
+            m_a.tls_server_bytes += (long long)n;  // an alert, or the server's reply to a whole hello
+            break;
         default:
             m_a.unexpected_bytes += (long long)n;
             break;
@@ -852,12 +1113,14 @@ void CHostilePeer::Consume(Peer& p, const unsigned char* data, size_t n, uint64_
 }
 
 void CHostilePeer::Drain(size_t idx, uint64_t now) {
-    for (int i = 0; i < 8; ++i) {
+    // A TLS session may hold decrypted bytes that the socket's readiness no longer announces:
+    // it is read until it waits for the socket.
+    for (int i = 0; i < 8 || m_peers[idx].ssl != nullptr; ++i) {
         Peer& p = m_peers[idx];
         if (p.fd < 0) {
             return;
         }
-        ssize_t r = recv(p.fd, m_rbuf.data(), m_rbuf.size(), 0);
+        ssize_t r = RecvBytes(p, m_rbuf.data(), m_rbuf.size());
         if (r > 0) {
             Consume(p, m_rbuf.data(), size_t(r), now);
             continue;
@@ -879,6 +1142,10 @@ void CHostilePeer::OnEvent(size_t idx, uint32_t events, uint64_t now) {
     if (p.fd < 0) {
         return;
     }
+    if (p.handshaking) {
+        StepHandshake(idx, now);
+        return;
+    }
     if (p.connecting) {
         int err = 0;
         socklen_t len = sizeof(err);
@@ -892,6 +1159,10 @@ void CHostilePeer::OnEvent(size_t idx, uint32_t events, uint64_t now) {
             }
             p.end = End::kConnectFailed;
             CloseFd(p);
+            return;
+        }
+        if (UsesTls(p)) {
+            StepHandshake(idx, now);
             return;
         }
         OnConnected(idx, now);
@@ -927,7 +1198,8 @@ bool CHostilePeer::WantMoreAttackers() const {
     if (m_fd_exhausted) {
         return false;
     }
-    if ((Kind() == Attack::kIdleFlood && m_opt.reopen != 0) || Kind() == Attack::kHalfCloseBurst) {
+    if ((Kind() == Attack::kIdleFlood && m_opt.reopen != 0) || Kind() == Attack::kHalfCloseBurst ||
+        IsTlsAttack(Kind())) {
         return m_live_attackers < m_opt.conns;  // every one that ends is replaced
     }
     if (Kind() == Attack::kReset) {
@@ -970,8 +1242,12 @@ void CHostilePeer::Trickle(uint64_t now) {
         if (p.fd < 0 || p.limit >= p.pkt) {
             continue;
         }
-        ++p.limit;
-        ++m_a.trickle_bytes;
+        if (Kind() == Attack::kTlsSlowHandshake) {
+            p.limit = std::min<uint64_t>(p.limit + uint64_t(m_opt.step_bytes), p.pkt);
+        } else {
+            ++p.limit;
+            ++m_a.trickle_bytes;
+        }
         Pump(p, now);
         if (p.fd >= 0) {
             m_trickle.emplace_back(now + uint64_t(m_opt.interval_ms) * 1000000ull, idx);
@@ -1034,6 +1310,9 @@ int CHostilePeer::Run() {
         perror("hostile_peer: epoll_create1");
         return 1;
     }
+    if (!InitTls()) {
+        return 1;
+    }
     // Honest clients first: all of them must be connected before the clock starts.
     std::vector<size_t>& honest = m_honest;
     for (long long i = 0; i < m_opt.honest; ++i) {
@@ -1054,7 +1333,7 @@ int CHostilePeer::Run() {
             const Peer& p = m_peers[idx];
             if (p.end == End::kConnectFailed) {
                 fprintf(stderr, "hostile_peer: cannot connect honest client to %s: %s\n", m_opt.url.c_str(),
-                        strerror(m_a.first_connect_errno));
+                        m_tls_error.empty() ? strerror(m_a.first_connect_errno) : m_tls_error.c_str());
                 return 1;
             }
             waiting += p.connecting ? 1 : 0;
@@ -1208,8 +1487,9 @@ void CHostilePeer::Report() {
     const bool halfclose = Kind() == Attack::kHalfClose;
     const char* attack_name = halfclose && m_opt.pipelined > 0 ? "halfclose-pipelined" : m_opt.attack->name;
 
-    fprintf(out, "hostile_peer: attack %s against %s; %lld honest clients x %lld B ping-pong\n", attack_name,
-            m_opt.url.c_str(), m_opt.honest, m_opt.honest_size);
+    fprintf(out, "hostile_peer: attack %s against %s; %lld honest clients x %lld B ping-pong%s\n",
+            attack_name, m_opt.url.c_str(), m_opt.honest, m_opt.honest_size,
+            m_opt.tls.enabled ? " over TLS" : "");
     fprintf(out, "%-7s %7s %10s %11s %8s %8s %9s %8s %8s %14s\n", "phase", "secs", "echoes", "echoes/s",
             "p50 ms", "p99 ms", "max wait", "starved", "closed", "server RSS MiB");
     for (int ph = 0; ph < kPhases; ++ph) {
@@ -1297,6 +1577,38 @@ void CHostilePeer::Report() {
                 m_a.hb_short, m_a.hb_torn, m_a.hb_resets, m_a.hb_in_flight);
             break;
         }
+        case Attack::kTlsSlowHandshake: {
+            double whole =
+                double(m_hello.size()) / double(m_opt.step_bytes) * double(m_opt.interval_ms) / 1000;
+            fprintf(
+                out,
+                "tls-slow-handshake: a %zu-byte ClientHello, %lld bytes every %lld ms (%.1f s for a whole "
+                "one); %lld bytes sent, %lld connections sent a whole one; the server sent %lld bytes\n",
+                m_hello.size(), m_opt.step_bytes, m_opt.interval_ms, whole, m_a.tls_hello_bytes,
+                m_a.tls_hello_done, m_a.tls_server_bytes);
+            break;
+        }
+        case Attack::kTlsSilent:
+            fprintf(out,
+                    "tls-silent: %lld connections kept open sending nothing; the server sent %lld bytes\n",
+                    m_opt.conns, m_a.tls_server_bytes);
+            break;
+        case Attack::kTlsGarbage:
+            fprintf(out,
+                    "tls-garbage: %lld connections (%lld at a time) sent %lld bytes that are not TLS; the "
+                    "server sent %lld bytes back (alerts)\n",
+                    m_a.connected, m_opt.conns, m_a.tls_garbage_bytes, m_a.tls_server_bytes);
+            break;
+        case Attack::kTlsHandshakeFlood: {
+            double secs = m_phases[kAttackPhase].secs;
+            fprintf(
+                out,
+                "tls-handshake-flood: %lld full handshakes completed (%.1f/s, %lld at a time), each closed "
+                "at once; %lld failed\n",
+                m_a.tls_handshakes, secs > 0 ? double(m_a.tls_handshakes) / secs : 0.0, m_opt.conns,
+                m_a.tls_failed);
+            break;
+        }
         case Attack::kIdleFlood:
             fprintf(
                 out,
@@ -1329,7 +1641,8 @@ void CHostilePeer::Report() {
              ",\"rss_max_kib\":" + (ps.rss_max_kib >= 0 ? std::to_string(ps.rss_max_kib) : "null") +
              ",\"rss_last_kib\":" + (ps.rss_last_kib >= 0 ? std::to_string(ps.rss_last_kib) : "null") + "}";
     }
-    j += "},\"ratio\":" + Num(ratio, "%.4f") + ",\"echo_errors\":" + std::to_string(m_echo_errors);
+    j += "},\"tls\":" + std::string(m_opt.tls.enabled ? "true" : "false");
+    j += ",\"ratio\":" + Num(ratio, "%.4f") + ",\"echo_errors\":" + std::to_string(m_echo_errors);
     j += ",\"attackers\":{\"conns\":" + std::to_string(m_opt.conns) +
          ",\"size\":" + std::to_string(m_opt.size) + ",\"opened\":" + std::to_string(m_a.opened) +
          ",\"connected\":" + std::to_string(m_a.connected) +
@@ -1373,6 +1686,23 @@ void CHostilePeer::Report() {
                  ",\"clients_short\":" + std::to_string(m_a.hb_short) +
                  ",\"torn\":" + std::to_string(m_a.hb_torn) + ",\"resets\":" + std::to_string(m_a.hb_resets) +
                  ",\"in_flight_at_end\":" + std::to_string(m_a.hb_in_flight) + "}";
+            break;
+        }
+        case Attack::kTlsSlowHandshake:
+        case Attack::kTlsSilent:
+        case Attack::kTlsGarbage:
+        case Attack::kTlsHandshakeFlood: {
+            double secs = m_phases[kAttackPhase].secs;
+            j += ",\"tls_attack\":{\"hello_bytes\":" + std::to_string(m_hello.size()) +
+                 ",\"step_bytes\":" + std::to_string(m_opt.step_bytes) +
+                 ",\"interval_ms\":" + std::to_string(m_opt.interval_ms) +
+                 ",\"hello_bytes_sent\":" + std::to_string(m_a.tls_hello_bytes) +
+                 ",\"hello_whole\":" + std::to_string(m_a.tls_hello_done) +
+                 ",\"garbage_bytes\":" + std::to_string(m_a.tls_garbage_bytes) +
+                 ",\"server_bytes\":" + std::to_string(m_a.tls_server_bytes) +
+                 ",\"handshakes\":" + std::to_string(m_a.tls_handshakes) +
+                 ",\"handshakes_per_s\":" + Num(secs > 0 ? double(m_a.tls_handshakes) / secs : 0.0, "%.1f") +
+                 ",\"failed\":" + std::to_string(m_a.tls_failed) + "}";
             break;
         }
         case Attack::kIdleFlood:

@@ -9,19 +9,27 @@
 # limit ($IDLE_FLOOD_PEER_FLAGS adds to or overrides the tool's flags). halfclose-burst runs
 # the server with $HALFCLOSE_BURST_FLAGS ("--workers 4": replies made on worker threads,
 # each held open with HoldOpen) and prints the server's worker counts after it stops.
+# The tls-* rows (tls-slow-handshake tls-silent tls-garbage tls-handshake-flood) run the server
+# with --tls-cert and --tls-key ($TLS_CERT and $TLS_KEY, or a P-256 certificate for 127.0.0.1
+# made with the openssl command) plus $TLS_SERVER_FLAGS (e.g. "--handshake-timeout-ms 5000";
+# default none: the 10 s deadline), and the honest clients verify it with --tls-ca.
 # ECHO_SERVER and HOSTILE_PEER name other binaries (e.g. a build of an older tree).
 set -eu
 build=${1:?usage: hostile_suite.sh BUILD_DIR [ATTACK ...]}
 shift
-attacks=${*:-"silent trickle noread idle reset halfclose halfclose-pipelined halfclose-burst idle-flood"}
+attacks=${*:-"silent trickle noread idle reset halfclose halfclose-pipelined halfclose-burst idle-flood
+tls-slow-handshake tls-silent tls-garbage tls-handshake-flood"}
 server_bin=${ECHO_SERVER:-$build/examples/echo_server}
 peer_bin=${HOSTILE_PEER:-$build/tools/hostile_peer}
 idle_flood_ulimit=${IDLE_FLOOD_ULIMIT:-600}
 idle_flood_flags=${IDLE_FLOOD_FLAGS-"--max-connections 400 --evict-idle-ms 1000"}
 idle_flood_peer_flags=${IDLE_FLOOD_PEER_FLAGS-"--honest 10"}
 halfclose_burst_flags=${HALFCLOSE_BURST_FLAGS-"--workers 4"}
+tls_server_flags=${TLS_SERVER_FLAGS-}
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
+tls_cert=${TLS_CERT:-$dir/cert.pem}
+tls_key=${TLS_KEY:-$dir/key.pem}
 port=17600
 for attack in $attacks; do
     port=$((port + 1))
@@ -35,6 +43,16 @@ for attack in $attacks; do
     elif [ "$attack" = halfclose-burst ]; then
         server_flags=$halfclose_burst_flags
     fi
+    case "$attack" in
+        tls-*)
+            if [ ! -f "$tls_cert" ]; then
+                openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj /CN=localhost \
+                    -addext subjectAltName=DNS:localhost,IP:127.0.0.1 -keyout "$tls_key" -out "$tls_cert" 2>/dev/null
+            fi
+            server_flags="--tls-cert $tls_cert --tls-key $tls_key $tls_server_flags"
+            peer_flags="--tls-ca $tls_cert"
+            ;;
+    esac
     # The server runs in a shell that sets its descriptor limit and then becomes it (exec),
     # so $! is the server's pid.
     # shellcheck disable=SC2086
@@ -53,7 +71,7 @@ for attack in $attacks; do
     echo "$attack: server closes: $(grep '^closed:' "$dir/stats" | head -1)"
     kill "$server"
     wait "$server" 2>/dev/null || true
-    grep -E "^(ratio|attackers|halfclose|reset|trickle|silent|noread|idle)" "$dir/$attack.txt" | sed "s/^/$attack: /" || true
+    grep -E "^(ratio|attackers|halfclose|reset|trickle|silent|noread|idle|tls-)" "$dir/$attack.txt" | sed "s/^/$attack: /" || true
     if [ "$attack" = halfclose-burst ]; then
         grep -E "^echo_server: workers:" "$dir/server.out" | sed "s/^echo_server: /$attack: server /" || true
     fi

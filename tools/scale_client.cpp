@@ -26,6 +26,10 @@
 // metrics the server writes to FILE after the phase (echo_server --metrics-file FILE
 // --metrics-format json).
 //
+// With --tls every connection speaks TLS (OpenSSL directly, tls_peer.h): it counts as
+// connected once its handshake is done, the ping-pongs go through the session, and the close
+// sends a close_notify first (none with --close rst).
+//
 // Exit status: 0 when every connection connected and was served in both rounds, 1 when some
 // were not (the report is printed either way) or the run could not start, 2 on bad arguments.
 #include <arpa/inet.h>
@@ -54,6 +58,7 @@
 #include <vector>
 
 #include "common/bench_net.h"
+#include "tls_peer.h"
 
 namespace {
 
@@ -84,6 +89,7 @@ void SleepUs(int64_t us) {
 
 struct Target {
     std::string url;
+    std::string host;  // the address as written in the URL (what a TLS certificate must name)
     sockaddr_storage addr;
     socklen_t len = 0;
     bool loopback_v4 = false;  // 127.0.0.0/8: connections may bind a 127.0.0.x source
@@ -102,6 +108,7 @@ struct Options {
     long server_pid = 0;
     std::string metrics_file;
     bool json = false;
+    tools_tls::ClientTlsOptions tls;
 };
 
 void Usage(FILE* out) {
@@ -109,6 +116,7 @@ void Usage(FILE* out) {
             "usage: scale_client [--url URL]... [--conns N] [--procs P] [--sources K] [--size BYTES]\n"
             "                    [--idle SECONDS] [--phase-timeout SECONDS] [--connect-window N]\n"
             "                    [--close fin|rst] [--server-pid PID] [--server-metrics FILE] [--json]\n"
+            "                    [--tls [--tls-ca FILE | --tls-insecure]]\n"
             "  --url URL               echo server, tcp://a.b.c.d:port or tcp://[v6]:port; give it several\n"
             "                          times to spread the connections over several ports\n"
             "                          (default tcp://127.0.0.1:7000)\n"
@@ -128,6 +136,12 @@ void Usage(FILE* out) {
             "                          several loops) from the JSON metrics the server rewrites in FILE\n"
             "                          (echo_server --metrics-file FILE --metrics-format json)\n"
             "  --json                  print one JSON line on stdout (the table goes to stderr)\n"
+            "  --tls                   speak TLS (echo_server --tls-cert FILE --tls-key FILE): a connection\n"
+            "                          counts as connected once its handshake is done; verified against\n"
+            "                          the system's CAs unless one of these is given (each implies --tls):\n"
+            "  --tls-ca FILE           CA certificates (PEM) to verify the server with; the certificate\n"
+            "                          must name the URL's address\n"
+            "  --tls-insecure          FOR TESTING ONLY: do not verify the server's certificate\n"
             "Exit status: 0 when every connection was served in both rounds, 1 otherwise, 2 on bad\n"
             "arguments.\n");
 }
@@ -203,6 +217,7 @@ bool ParseURL(const char* url, Target* t) {
         return false;
     }
     t->url = url;
+    t->host = host;
     return true;
 }
 
@@ -219,6 +234,16 @@ int ParseOptions(int argc, char** argv, Options* opt) {
         } else if (strcmp(a, "--json") == 0) {
             opt->json = true;
             continue;
+        } else if (strcmp(a, "--tls") == 0 || strcmp(a, "--tls-insecure") == 0) {
+            opt->tls.enabled = true;
+            opt->tls.insecure = opt->tls.insecure || strcmp(a, "--tls-insecure") == 0;
+            continue;
+        } else if (strcmp(a, "--tls-ca") == 0) {
+            ok = ok && *v != '\0';
+            if (ok) {
+                opt->tls.ca_file = v;
+                opt->tls.enabled = true;
+            }
         } else if (strcmp(a, "--url") == 0) {
             Target t;
             ok = ok && ParseURL(v, &t);
@@ -274,6 +299,10 @@ int ParseOptions(int argc, char** argv, Options* opt) {
         ParseURL("tcp://127.0.0.1:7000", &t);
         opt->targets.push_back(t);
     }
+    if (opt->tls.enabled && !tools_tls::Available()) {
+        fprintf(stderr, "scale_client: --tls: this build has no TLS (OpenSSL 3 was not found)\n");
+        return 2;
+    }
     if (opt->procs > opt->conns) {
         opt->procs = static_cast<int>(opt->conns);
     }
@@ -291,9 +320,10 @@ struct PhaseResult {
     uint32_t no_port = 0;   // no local address/port left (EADDRNOTAVAIL, EADDRINUSE)
     uint32_t no_fd = 0;     // descriptor limit (EMFILE, ENFILE)
     uint32_t other = 0;     // any other error, or a worker that died
+    uint32_t tls = 0;       // the TLS handshake failed (the first failure of a worker is printed)
     uint32_t open = 0;      // connections open when the phase ended
 
-    uint32_t Failed() const { return timeout + closed + mismatch + refused + no_port + no_fd + other; }
+    uint32_t Failed() const { return timeout + closed + mismatch + refused + no_port + no_fd + other + tls; }
     void Add(const PhaseResult& r) {
         ok += r.ok;
         timeout += r.timeout;
@@ -303,6 +333,7 @@ struct PhaseResult {
         no_port += r.no_port;
         no_fd += r.no_fd;
         other += r.other;
+        tls += r.tls;
         open += r.open;
     }
 };
@@ -318,13 +349,29 @@ class CWorker {
         m_events.resize(1024);
     }
     ~CWorker() {
+        for (Conn& c : m_conns) {
+            Drop(c);
+        }
         if (m_ep >= 0) {
             close(m_ep);
         }
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+        SSL_CTX_free(m_ctx);
+#endif
     }
 
     bool Init() {
         m_ep = epoll_create1(EPOLL_CLOEXEC);
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+        if (m_opt.tls.enabled) {
+            std::string error;
+            m_ctx = tools_tls::MakeClientContext(m_opt.tls, &error);
+            if (m_ctx == nullptr) {
+                fprintf(stderr, "scale_client: TLS: %s\n", error.c_str());
+                return false;
+            }
+        }
+#endif
         return m_ep >= 0;
     }
 
@@ -335,7 +382,10 @@ class CWorker {
   private:
     struct Conn {
         int fd = -1;
+        SSL* ssl = nullptr;  // with --tls: the session (owned)
         bool connecting = false;
+        bool handshaking = false;  // --tls: connected, the handshake under way
+        bool in_epoll = false;     // connect phase: registered in the epoll set
         bool want_out = false;
         uint32_t tx_target = 0;  // rounds queued for sending
         uint32_t tx_round = 0;   // rounds fully written
@@ -352,15 +402,29 @@ class CWorker {
         uint32_t seed = index * 2654435761u ^ (round * 40503u + 0x9e37u);
         return static_cast<uint8_t>((seed >> (off & 15)) + off * 131u + (off >> 9));
     }
-    uint32_t Index(const Conn& c) const { return m_first + static_cast<uint32_t>(&c - m_conns.data()); }
+    uint32_t Index(const Conn& c) const {
+        return m_first + static_cast<uint32_t>(&c - m_conns.data());
+    }
 
     void StartConnect(Conn& c, PhaseResult* r);
+    // The TCP connect of `c` (counted in m_pending) is done: with TLS its handshake starts,
+    // else it counts as connected.
+    void Established(Conn& c, PhaseResult* r);
+    // One step of `c`'s handshake: done (counted as connected), waiting for readiness, or
+    // failed (counted under `tls`, dropped).
+    void StepHandshake(Conn& c, PhaseResult* r);
+    // send / recv through the session when there is one: the count (> 0), 0 for the peer's
+    // end (recv), or -1 with errno set (EAGAIN when the session waits for the socket,
+    // ECONNRESET when it failed).
+    ssize_t SendBytes(Conn& c, const void* buf, size_t len);
+    ssize_t RecvBytes(Conn& c, void* buf, size_t len);
     void CountError(int err, PhaseResult* r);
     void SetEvents(Conn& c, uint32_t events, bool add);
     void Drop(Conn& c);
     // Returns false when the connection failed (counted in `r` for `round`, then dropped).
     bool Flush(Conn& c, uint32_t round, PhaseResult* r);
     bool Read(Conn& c, uint32_t round, PhaseResult* r);
+    bool ReadOnce(Conn& c, uint32_t round, PhaseResult* r);  // one recv; m_more: it returned bytes
     void Fail(Conn& c, uint32_t round, uint32_t PhaseResult::*what, PhaseResult* r);
 
     const Options& m_opt;
@@ -371,7 +435,10 @@ class CWorker {
     std::vector<unsigned char> m_tx;
     std::vector<unsigned char> m_rx;
     std::vector<epoll_event> m_events;
-    uint32_t m_pending = 0;  // connections not yet done in the current phase
+    uint32_t m_pending = 0;       // connections not yet done in the current phase
+    SSL_CTX* m_ctx = nullptr;     // with --tls: the client context (owned)
+    bool m_tls_reported = false;  // the first handshake failure was printed
+    bool m_more = false;          // the last ReadOnce took bytes (a session may hold more)
 };
 
 void CWorker::CountError(int err, PhaseResult* r) {
@@ -409,6 +476,14 @@ void CWorker::SetEvents(Conn& c, uint32_t events, bool add) {
 }
 
 void CWorker::Drop(Conn& c) {
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    if (c.ssl != nullptr) {
+        SSL_free(c.ssl);
+        c.ssl = nullptr;
+    }
+#endif
+    c.handshaking = false;
+    c.in_epoll = false;
     if (c.fd >= 0) {
         close(c.fd);  // also leaves the epoll set
         c.fd = -1;
@@ -442,8 +517,8 @@ void CWorker::StartConnect(Conn& c, PhaseResult* r) {
     }
     c.fd = fd;
     if (connect(fd, reinterpret_cast<const sockaddr*>(&t.addr), t.len) == 0) {
-        QUOLNET_BENCH::SetNoDelay(fd);
-        ++r->ok;
+        ++m_pending;
+        Established(c, r);
         return;
     }
     if (errno != EINPROGRESS) {
@@ -452,8 +527,108 @@ void CWorker::StartConnect(Conn& c, PhaseResult* r) {
         return;
     }
     c.connecting = true;
+    c.in_epoll = true;
     SetEvents(c, EPOLLOUT, true);
     ++m_pending;
+}
+
+void CWorker::Established(Conn& c, PhaseResult* r) {
+    c.connecting = false;
+    QUOLNET_BENCH::SetNoDelay(c.fd);
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    if (m_ctx != nullptr) {
+        const Target& t = m_opt.targets[Index(c) % m_opt.targets.size()];
+        c.ssl = tools_tls::NewClientSession(m_ctx, c.fd, t.host);
+        if (c.ssl == nullptr) {
+            ++r->other;
+            --m_pending;
+            Drop(c);
+            return;
+        }
+        c.handshaking = true;
+        StepHandshake(c, r);
+        return;
+    }
+#endif
+    if (c.in_epoll) {
+        // Out of the epoll set until a ping-pong needs it: an idle worker watches nothing.
+        epoll_ctl(m_ep, EPOLL_CTL_DEL, c.fd, nullptr);
+        c.in_epoll = false;
+    }
+    --m_pending;
+    ++r->ok;
+}
+
+void CWorker::StepHandshake(Conn& c, PhaseResult* r) {
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    int rc = SSL_do_handshake(c.ssl);
+    if (rc == 1) {
+        c.handshaking = false;
+        if (c.in_epoll) {
+            epoll_ctl(m_ep, EPOLL_CTL_DEL, c.fd, nullptr);
+            c.in_epoll = false;
+        }
+        --m_pending;
+        ++r->ok;
+        return;
+    }
+    int e = SSL_get_error(c.ssl, rc);
+    if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) {
+        SetEvents(c, e == SSL_ERROR_WANT_READ ? EPOLLIN : EPOLLOUT, !c.in_epoll);
+        c.in_epoll = true;
+        return;
+    }
+    std::string text = tools_tls::ErrorText();
+    if (!m_tls_reported) {
+        m_tls_reported = true;
+        fprintf(stderr, "scale_client: TLS handshake failed: %s\n",
+                text.empty() ? "the server closed the connection" : text.c_str());
+    }
+    ++r->tls;
+#else
+    ++r->other;
+#endif
+    --m_pending;
+    Drop(c);
+}
+
+ssize_t CWorker::SendBytes(Conn& c, const void* buf, size_t len) {
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    if (c.ssl != nullptr) {
+        int n = SSL_write(c.ssl, buf, static_cast<int>(len));
+        if (n > 0) {
+            return n;
+        }
+        int e = SSL_get_error(c.ssl, n);
+        ERR_clear_error();
+        errno = e == SSL_ERROR_WANT_WRITE || e == SSL_ERROR_WANT_READ ? EAGAIN : ECONNRESET;
+        return -1;
+    }
+#endif
+    return send(c.fd, buf, len, MSG_NOSIGNAL);
+}
+
+ssize_t CWorker::RecvBytes(Conn& c, void* buf, size_t len) {
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+    if (c.ssl != nullptr) {
+        int n = SSL_read(c.ssl, buf, static_cast<int>(len));
+        if (n > 0) {
+            return n;
+        }
+        int e = SSL_get_error(c.ssl, n);
+        ERR_clear_error();
+        if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) {
+            errno = EAGAIN;
+            return -1;
+        }
+        if (e == SSL_ERROR_ZERO_RETURN || (e == SSL_ERROR_SYSCALL && errno == 0)) {
+            return 0;  // close_notify, or the socket's end without one
+        }
+        errno = ECONNRESET;
+        return -1;
+    }
+#endif
+    return recv(c.fd, buf, len, 0);
 }
 
 PhaseResult CWorker::Connect() {
@@ -473,29 +648,29 @@ PhaseResult CWorker::Connect() {
         int n = epoll_wait(m_ep, m_events.data(), static_cast<int>(m_events.size()), wait_ms);
         for (int i = 0; i < n; ++i) {
             Conn& c = m_conns[m_events[i].data.u32];
+            if (c.handshaking) {
+                StepHandshake(c, &r);
+                continue;
+            }
             if (!c.connecting) {
                 continue;
             }
-            --m_pending;
             int err = 0;
             socklen_t len = sizeof(err);
             if (getsockopt(c.fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) {
                 err = errno;
             }
             if (err != 0) {
+                --m_pending;
                 CountError(err, &r);
                 Drop(c);
                 continue;
             }
-            c.connecting = false;
-            QUOLNET_BENCH::SetNoDelay(c.fd);
-            // Out of the epoll set until a ping-pong needs it: an idle worker watches nothing.
-            epoll_ctl(m_ep, EPOLL_CTL_DEL, c.fd, nullptr);
-            ++r.ok;
+            Established(c, &r);
         }
     }
     for (Conn& c : m_conns) {
-        if (c.connecting) {
+        if (c.connecting || c.handshaking) {
             ++r.timeout;
             Drop(c);
         }
@@ -522,7 +697,7 @@ bool CWorker::Flush(Conn& c, uint32_t round, PhaseResult* r) {
         for (uint32_t off = c.tx_off; off < m_opt.size; ++off) {
             m_tx[off] = PatternByte(index, k, off);
         }
-        ssize_t w = send(c.fd, m_tx.data() + c.tx_off, m_opt.size - c.tx_off, MSG_NOSIGNAL);
+        ssize_t w = SendBytes(c, m_tx.data() + c.tx_off, m_opt.size - c.tx_off);
         if (w < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
                 if (!c.want_out) {
@@ -549,7 +724,19 @@ bool CWorker::Flush(Conn& c, uint32_t round, PhaseResult* r) {
 }
 
 bool CWorker::Read(Conn& c, uint32_t round, PhaseResult* r) {
-    ssize_t n = recv(c.fd, m_rx.data(), m_rx.size(), 0);
+    // A session may hold decrypted bytes that the socket's readiness no longer announces:
+    // it is read until it waits for the socket. A plain socket is read once per event.
+    do {
+        if (!ReadOnce(c, round, r)) {
+            return false;
+        }
+    } while (c.ssl != nullptr && m_more);
+    return true;
+}
+
+bool CWorker::ReadOnce(Conn& c, uint32_t round, PhaseResult* r) {
+    m_more = false;
+    ssize_t n = RecvBytes(c, m_rx.data(), m_rx.size());
     if (n == 0) {
         Fail(c, round, &PhaseResult::closed, r);
         return false;
@@ -576,6 +763,7 @@ bool CWorker::Read(Conn& c, uint32_t round, PhaseResult* r) {
             }
         }
     }
+    m_more = true;
     return true;
 }
 
@@ -638,6 +826,12 @@ PhaseResult CWorker::Close() {
         if (m_opt.rst) {
             setsockopt(c.fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
         }
+#if defined(QUOLNET_HAVE_TLS) && QUOLNET_HAVE_TLS
+        if (c.ssl != nullptr && !m_opt.rst) {
+            SSL_shutdown(c.ssl);  // the close_notify, if the socket takes it now
+            ERR_clear_error();
+        }
+#endif
         Drop(c);
         ++r.ok;
     }
@@ -1066,9 +1260,9 @@ void CParent::Report(FILE* out, const std::vector<PhaseRow>& rows, uint32_t conn
     for (const Target& t : m_opt.targets) {
         fprintf(out, " %s", t.url.c_str());
     }
-    fprintf(out, " from %d process%s, %d source address%s, %u-byte packets, idle %g s\n", m_opt.procs,
+    fprintf(out, " from %d process%s, %d source address%s, %u-byte packets, idle %g s%s\n", m_opt.procs,
             m_opt.procs == 1 ? "" : "es", m_opt.sources, m_opt.sources == 1 ? "" : "es", m_opt.size,
-            m_opt.idle);
+            m_opt.idle, m_opt.tls.enabled ? ", TLS" : "");
     fprintf(out, "%-12s %8s %8s %8s %8s %12s %11s %10s %11s\n", "phase", "seconds", "ok", "failed", "open",
             "server KiB", "RSS/conn B", "server fds", "pool blocks");
     const Sample& before = rows[0].sample;
@@ -1103,7 +1297,8 @@ void CParent::Report(FILE* out, const std::vector<PhaseRow>& rows, uint32_t conn
                      {r.refused, "refused"},
                      {r.no_port, "no local port"},
                      {r.no_fd, "descriptor limit"},
-                     {r.other, "other errors"}};
+                     {r.other, "other errors"},
+                     {r.tls, "TLS handshake failed"}};
         const char* sep = " ";
         for (const auto& p : parts) {
             if (p.n > 0) {
@@ -1158,8 +1353,8 @@ void JsonString(FILE* out, const std::string& s) {
 }
 
 void CParent::ReportJson(FILE* out, const std::vector<PhaseRow>& rows, uint32_t connected, bool all) const {
-    fprintf(out, "{\"conns\":%ld,\"procs\":%d,\"sources\":%d,\"urls\":[", m_opt.conns, m_opt.procs,
-            m_opt.sources);
+    fprintf(out, "{\"conns\":%ld,\"procs\":%d,\"sources\":%d,\"tls\":%s,\"urls\":[", m_opt.conns, m_opt.procs,
+            m_opt.sources, m_opt.tls.enabled ? "true" : "false");
     for (size_t i = 0; i < m_opt.targets.size(); ++i) {
         if (i > 0) {
             fputc(',', out);
@@ -1175,11 +1370,12 @@ void CParent::ReportJson(FILE* out, const std::vector<PhaseRow>& rows, uint32_t 
         const PhaseResult& r = row.result;
         fprintf(out, "%s{\"phase\":\"%s\"", i > 0 ? "," : "", row.name);
         if (row.has_result) {
-            fprintf(out,
-                    ",\"ok\":%u,\"failed\":%u,\"open\":%u,\"seconds\":%.3f,\"timeout\":%u,\"closed\":%u,"
-                    "\"mismatch\":%u,\"refused\":%u,\"no_port\":%u,\"no_fd\":%u,\"other\":%u",
-                    r.ok, r.Failed(), r.open, row.seconds, r.timeout, r.closed, r.mismatch, r.refused,
-                    r.no_port, r.no_fd, r.other);
+            fprintf(
+                out,
+                ",\"ok\":%u,\"failed\":%u,\"open\":%u,\"seconds\":%.3f,\"timeout\":%u,\"closed\":%u,"
+                "\"mismatch\":%u,\"refused\":%u,\"no_port\":%u,\"no_fd\":%u,\"other\":%u,\"tls_failed\":%u",
+                r.ok, r.Failed(), r.open, row.seconds, r.timeout, r.closed, r.mismatch, r.refused, r.no_port,
+                r.no_fd, r.other, r.tls);
         } else if (row.seconds >= 0) {
             fprintf(out, ",\"seconds\":%.3f", row.seconds);
         }

@@ -18,7 +18,9 @@
 #   }
 #   -->
 # (the text of `before` goes in front of the block, the text of `after` behind it), and
-# `<!-- readme-test: skip -->` right before a block leaves it out.
+# `<!-- readme-test: skip -->` right before a block leaves it out. `<!-- readme-test: tls -->`
+# before a block (and before its `before` comment, if any) compiles it only when quolnet::tls
+# is built, that is when one of the include directories holds quolnet/tls/tls_context.h.
 #
 # Flags. A flag (--name) counts as given to a program when it follows the program's name in
 # a shell code block or in the same `code span` (`echo_server --threads N`). A span that
@@ -43,10 +45,11 @@ status=0
 
 # ---- 1. code blocks ----
 awk -v dir="$tmp" '
-function flush_pending() { pending_before = ""; pending_skip = 0 }
+function flush_pending() { pending_before = ""; pending_skip = 0; pending_tls = 0 }
 BEGIN { n = 0; state = "text"; flush_pending() }
 # An HTML comment with a before or after text, or a skip mark.
 state == "text" && /^[ \t]*<!-- readme-test: skip -->[ \t]*$/ { pending_skip = 1; next }
+state == "text" && /^[ \t]*<!-- readme-test: tls -->[ \t]*$/ { pending_tls = 1; next }
 state == "text" && /^[ \t]*<!-- readme-test: (before|after)[ \t]*$/ {
     which = ($0 ~ /before/) ? "before" : "after"; state = "marker"; text = ""; next
 }
@@ -68,6 +71,7 @@ state == "text" && /^[ \t]*```cpp[ \t]*$/ {
     printf "%s#line %d \"README.md\"\n", pending_before, NR + 1 > out
     print NR + 1 > (dir "/block" n ".line")
     close(dir "/block" n ".line")
+    if (pending_tls) { print "tls" > (dir "/block" n ".tls"); close(dir "/block" n ".tls") }
     flush_pending(); state = "code"; next
 }
 state == "text" && /^[ \t]*```/ { state = "other"; flush_pending(); last_block = 0; next }
@@ -81,11 +85,19 @@ state == "code" {
 (state == "other" || state == "skipped") && /^[ \t]*```[ \t]*$/ { state = "text"; next }
 ' "$readme"
 
+have_tls=0
+for inc in $incs; do
+    [ -f "${inc#-I}/quolnet/tls/tls_context.h" ] && have_tls=1
+done
 blocks=0
 for f in "$tmp"/block*.cpp; do
     [ -e "$f" ] || break
     blocks=$((blocks + 1))
     line=$(cat "${f%.cpp}.line")
+    if [ -e "${f%.cpp}.tls" ] && [ "$have_tls" -eq 0 ]; then
+        echo "skip: the C++ block at README.md:$line needs quolnet::tls, which is not built"
+        continue
+    fi
     # shellcheck disable=SC2086  # the include options split on purpose
     if "$cxx" -std=c++17 -fsyntax-only $incs -x c++ "$f" 2>"$tmp/err"; then
         echo "ok: the C++ block at README.md:$line compiles"
