@@ -31,7 +31,7 @@ void Usage(FILE* out) {
         "[--max-packet BYTES] "
         "[--threads N] [--workers N] [limits]\n"
         "                   [--tls-cert FILE --tls-key FILE [--tls-ca FILE] [--tls-require-client-cert]\n"
-        "                   [--tls-alpn LIST] [--handshake-timeout-ms MS]]\n"
+        "                   [--tls-alpn LIST] [--handshake-timeout-ms MS] [--handshake-cpu-share PCT]]\n"
         "  --listen URL              where to listen (default tcp://127.0.0.1:7000; port 0 picks a free "
         "port)\n"
         "  --stats SECONDS           print the connector statistics table every SECONDS (default 0: only at "
@@ -81,6 +81,8 @@ void Usage(FILE* out) {
         "                            a client offering only others is refused\n"
         "  --handshake-timeout-ms MS close an accepted connection whose handshake is not done within\n"
         "                            MS (default %d; 0: no deadline); counted as handshake_timeout\n"
+        "  --handshake-cpu-share PCT the share of the loop's time handshakes may take while\n"
+        "                            established connections have work (default %u; 0: no bound)\n"
         "Packets are a 4-byte big-endian length (counting itself) followed by the payload.\n"
         "  --drain-ms MS             on SIGINT or SIGTERM, drain for at most MS (default 10000): stop\n"
         "                            listening, finish every connection gracefully, abort what is left\n"
@@ -88,7 +90,7 @@ void Usage(FILE* out) {
         "Prints how many connections were drained and aborted, and the statistics table, at exit.\n",
         QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen, d.pool_blocks, d.max_send_blocks,
         d.max_recv_blocks, d.send_stall_ms, d.packet_deadline_ms, d.idle_timeout_ms, d.fd_reserve,
-        d.evict_idle_ms, d.handshake_timeout_ms);
+        d.evict_idle_ms, d.handshake_timeout_ms, d.handshake_cpu_share);
 }
 
 template <size_t N, typename F>
@@ -527,6 +529,7 @@ int main(int argc, char** argv) {
         {"--worker-queue", 256, 1 << 20},
         {"--drain-ms", 10000, 1 << 30},
         {"--handshake-timeout-ms", options.handshake_timeout_ms, 1 << 30},
+        {"--handshake-cpu-share", options.handshake_cpu_share, 100},
     };
     echo::TlsFlags tls;
     // TLS flags that take a value, and where it goes.
@@ -645,6 +648,7 @@ int main(int argc, char** argv) {
     options.stats_interval_sec = stats_file == nullptr ? static_cast<int>(stats) : 0;
     options.max_packet_len = static_cast<unsigned int>(max_packet);
     options.handshake_timeout_ms = static_cast<int>(flags[14].value);
+    options.handshake_cpu_share = static_cast<unsigned int>(flags[15].value);
     if (flags[0].value > 1) {
         return RunGroup(handler.get(), workers, options, socket, static_cast<int>(flags[0].value), url,
                         stats_file, stats);

@@ -84,7 +84,8 @@ enum class Attack {
     kTlsSlowHandshake,
     kTlsSilent,
     kTlsGarbage,
-    kTlsHandshakeFlood
+    kTlsHandshakeFlood,
+    kTlsHelloFlood
 };
 
 struct AttackInfo {
@@ -109,12 +110,13 @@ const AttackInfo kAttacks[] = {
     {"tls-silent", Attack::kTlsSilent, 1000, 0, 20},
     {"tls-garbage", Attack::kTlsGarbage, 100, 1024, 20},
     {"tls-handshake-flood", Attack::kTlsHandshakeFlood, 16, 0, 20},
+    {"tls-hello-flood", Attack::kTlsHelloFlood, 16, 0, 20},
 };
 
 // The attacks against a TLS server: they need honest clients that speak TLS.
 bool IsTlsAttack(Attack a) {
     return a == Attack::kTlsSlowHandshake || a == Attack::kTlsSilent || a == Attack::kTlsGarbage ||
-           a == Attack::kTlsHandshakeFlood;
+           a == Attack::kTlsHandshakeFlood || a == Attack::kTlsHelloFlood;
 }
 
 struct Options {
@@ -189,6 +191,9 @@ void Usage(FILE* out) {
         "                      that are not TLS (length-prefixed packets) and wait for the close\n"
         "      tls-handshake-flood  --conns (16) connections at a time each make a new full\n"
         "                      handshake and close as soon as it is done, as fast as the tool can\n"
+        "      tls-hello-flood --conns (16) connections at a time each send the same recorded\n"
+        "                      ClientHello and close once the server answers: the server does a\n"
+        "                      key exchange and a signature for each, the tool no crypto at all\n"
         "  --honest N          honest connections (default 100)\n"
         "  --honest-size B     honest packet length, header included (default 1024)\n"
         "  --before S          seconds of the before phase (default 5)\n"
@@ -676,7 +681,7 @@ bool CHostilePeer::InitTls() {
             : static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(&m_opt.addr)->sin_addr);
     inet_ntop(m_opt.addr.ss_family, where, text, sizeof(text));
     m_host = text;
-    if (Kind() == Attack::kTlsSlowHandshake) {
+    if (Kind() == Attack::kTlsSlowHandshake || Kind() == Attack::kTlsHelloFlood) {
         // The ClientHello this context sends, taken from a session over memory buffers.
         SSL* ssl = SSL_new(m_ctx);
         BIO* rd = BIO_new(BIO_s_mem());
@@ -1002,6 +1007,10 @@ void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
         case Attack::kTlsGarbage:
             p.limit = p.pkt;  // the echo protocol's packets: no TLS record starts with 0x00
             break;
+        case Attack::kTlsHelloFlood:
+            p.pkt = uint32_t(m_hello.size());  // the same hello at once: the server does the work
+            p.limit = p.pkt;
+            break;
         case Attack::kTlsHandshakeFlood:
             ++m_a.tls_handshakes;  // done: close at once (no close_notify)
             p.end = End::kOurs;
@@ -1021,7 +1030,8 @@ void CHostilePeer::OnConnected(size_t idx, uint64_t now) {
 void CHostilePeer::Pump(Peer& p, uint64_t now) {
     while (p.fd >= 0 && p.sent < p.limit) {
         size_t n = size_t(std::min<uint64_t>(p.limit - p.sent, kChunk));
-        if (p.role == Role::kAttacker && Kind() == Attack::kTlsSlowHandshake) {
+        if (p.role == Role::kAttacker &&
+            (Kind() == Attack::kTlsSlowHandshake || Kind() == Attack::kTlsHelloFlood)) {
             memcpy(m_wbuf.data(), m_hello.data() + p.sent, n);
         } else {
             m_stream.Fill(p.key, p.pkt, p.sent, m_wbuf.data(), n);
@@ -1100,6 +1110,14 @@ void CHostilePeer::Consume(Peer& p, const unsigned char* data, size_t n, uint64_
                 Reset(p);  // the echo is under way: abort it
             }
             break;
+        case Attack::kTlsHelloFlood:
+            // The server's reply to the hello: its key exchange and signature are done; the
+            // attacker, which did none, goes and a new one comes.
+            m_a.tls_server_bytes += (long long)n;
+            ++m_a.tls_handshakes;
+            p.end = End::kOurs;
+            CloseFd(p);
+            return;
         case Attack::kTlsSlowHandshake:
         case Attack::kTlsSilent:
         case Attack::kTlsGarbage:
@@ -1599,6 +1617,15 @@ void CHostilePeer::Report() {
                     "server sent %lld bytes back (alerts)\n",
                     m_a.connected, m_opt.conns, m_a.tls_garbage_bytes, m_a.tls_server_bytes);
             break;
+        case Attack::kTlsHelloFlood: {
+            double secs = m_phases[kAttackPhase].secs;
+            fprintf(
+                out,
+                "tls-hello-flood: %lld hellos answered by the server (%.1f/s, %lld at a time), each closed "
+                "at once\n",
+                m_a.tls_handshakes, secs > 0 ? double(m_a.tls_handshakes) / secs : 0.0, m_opt.conns);
+            break;
+        }
         case Attack::kTlsHandshakeFlood: {
             double secs = m_phases[kAttackPhase].secs;
             fprintf(
@@ -1691,7 +1718,8 @@ void CHostilePeer::Report() {
         case Attack::kTlsSlowHandshake:
         case Attack::kTlsSilent:
         case Attack::kTlsGarbage:
-        case Attack::kTlsHandshakeFlood: {
+        case Attack::kTlsHandshakeFlood:
+        case Attack::kTlsHelloFlood: {
             double secs = m_phases[kAttackPhase].secs;
             j += ",\"tls_attack\":{\"hello_bytes\":" + std::to_string(m_hello.size()) +
                  ",\"step_bytes\":" + std::to_string(m_opt.step_bytes) +

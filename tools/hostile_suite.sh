@@ -9,7 +9,7 @@
 # limit ($IDLE_FLOOD_PEER_FLAGS adds to or overrides the tool's flags). halfclose-burst runs
 # the server with $HALFCLOSE_BURST_FLAGS ("--workers 4": replies made on worker threads,
 # each held open with HoldOpen) and prints the server's worker counts after it stops.
-# The tls-* rows (tls-slow-handshake tls-silent tls-garbage tls-handshake-flood) run the server
+# The tls-* rows (tls-slow-handshake tls-silent tls-garbage tls-handshake-flood tls-hello-flood) run the server
 # with --tls-cert and --tls-key ($TLS_CERT and $TLS_KEY, or a P-256 certificate for 127.0.0.1
 # made with the openssl command) plus $TLS_SERVER_FLAGS (e.g. "--handshake-timeout-ms 5000";
 # default none: the 10 s deadline), and the honest clients verify it with --tls-ca.
@@ -18,7 +18,7 @@ set -eu
 build=${1:?usage: hostile_suite.sh BUILD_DIR [ATTACK ...]}
 shift
 attacks=${*:-"silent trickle noread idle reset halfclose halfclose-pipelined halfclose-burst idle-flood
-tls-slow-handshake tls-silent tls-garbage tls-handshake-flood"}
+tls-slow-handshake tls-silent tls-garbage tls-handshake-flood tls-hello-flood"}
 server_bin=${ECHO_SERVER:-$build/examples/echo_server}
 peer_bin=${HOSTILE_PEER:-$build/tools/hostile_peer}
 idle_flood_ulimit=${IDLE_FLOOD_ULIMIT:-600}

@@ -179,6 +179,12 @@ struct ConnectorMgrOptions {
     // Handshake steps one loop tick makes at most; the rest wait for the next tick, so a
     // flood of new handshakes cannot starve the established connections. 0: no bound.
     unsigned int handshakes_per_tick = 64;
+    // The share (percent of the loop's time) that handshake work (a full TLS handshake is a
+    // key exchange and a signature: far more than a packet) may take while established
+    // connections have work too: a flood of new handshakes then slows down, not the
+    // connections already served. A tick with nothing but handshakes to do is not held to
+    // it. 0 or 100: no bound.
+    unsigned int handshake_cpu_share = 30;
 };
 
 class QUOLNET_EXPORT CConnectorMgr {
@@ -525,11 +531,21 @@ class QUOLNET_EXPORT CConnectorMgr {
     // The connection of the OnConnected, OnWritable, OnClosed or OnMoved call in progress
     // (HandlerScope), for CurrentContext. Loop thread.
     OwnedConn* m_cb_conn = nullptr;
-    OwnedConn* m_delivering;              // the connection whose packet OnPacket is handling
-    std::vector<OwnedConn*> m_work;       // connections to service this tick (loop thread)
-    std::vector<OwnedConn*> m_starved;    // reading waits for a block, oldest first (loop thread)
-    std::vector<OwnedConn*> m_pending;    // work carried over to the next tick (loop thread)
-    unsigned int m_handshake_steps = 0;   // handshake steps made this tick (loop thread)
+    OwnedConn* m_delivering;             // the connection whose packet OnPacket is handling
+    std::vector<OwnedConn*> m_work;      // connections to service this tick (loop thread)
+    std::vector<OwnedConn*> m_starved;   // reading waits for a block, oldest first (loop thread)
+    std::vector<OwnedConn*> m_pending;   // work carried over to the next tick (loop thread)
+    unsigned int m_handshake_steps = 0;  // handshake steps made this tick (loop thread)
+    // Handshake work waits for the end of the tick (CConnService::RunHandshakes), where the
+    // time the tick gave the other connections is known: the connections waiting, the
+    // handshake time the loop may still spend (ns; see handshake_cpu_share), when the tick
+    // began (read only once a stream layer is in use), and the connections other than
+    // handshakes serviced in it. Loop thread.
+    std::vector<OwnedConn*> m_handshakes;
+    int64_t m_handshake_credit_ns = 0;
+    int64_t m_tick_start_ns = 0;
+    unsigned int m_tick_other_work = 0;
+    bool m_stream_layers_used = false;
     std::vector<OwnedConn*> m_corked;     // connections with corked sends this tick (loop thread)
     std::vector<OwnedConn*> m_flushing;   // the ones FlushCorked is sending (loop thread)
     std::vector<OwnedConn*> m_graveyard;  // finalised or moved away, freed at the end of the tick

@@ -2,7 +2,9 @@
 #include "net/owner/conn_service.h"
 
 #include <errno.h>
+#include <algorithm>
 #include <sys/socket.h>
+#include <time.h>
 
 #include "net/connector_mgr.h"
 #include "net/owner/owner_log.h"
@@ -45,6 +47,7 @@ void CConnService::Service(OwnedConn* c) {
             return;
         case CONN_DRAINING:
         case CONN_LINGER:
+            ++m_mgr.m_tick_other_work;
             ServiceDraining(c);
             return;
         case CONN_CONNECTING:
@@ -61,6 +64,7 @@ void CConnService::Service(OwnedConn* c) {
             ServiceHandshake(c);
             return;
         case CONN_ESTABLISHED:
+            ++m_mgr.m_tick_other_work;
             if (k->GetStatus() == CONNECTOR_STATUS_CONNECTED && k->IsWaitAllocBigBuffer()) {
                 RetryBigWait(c);
             }
@@ -70,19 +74,65 @@ void CConnService::Service(OwnedConn* c) {
     }
 }
 
+int64_t CConnService::NowNs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
 void CConnService::ServiceHandshake(OwnedConn* c) {
+    if (!c->handshake_queued) {
+        c->handshake_queued = true;
+        m_mgr.m_handshakes.push_back(c);
+    }
+}
+
+void CConnService::RunHandshakes() {
+    if (m_mgr.m_handshakes.empty()) {
+        return;
+    }
+    std::vector<OwnedConn*> list;
+    list.swap(m_mgr.m_handshakes);
+    const unsigned int share = m_mgr.m_options.handshake_cpu_share;
+    const bool metered = share > 0 && share < 100;
+    int64_t& credit = m_mgr.m_handshake_credit_ns;
+    if (metered) {
+        const int64_t burst = static_cast<int64_t>(kHandshakeBurstMs) * 1000000 * share / 100;
+        int64_t now = NowNs();
+        if (m_mgr.m_tick_other_work == 0 || m_mgr.m_tick_start_ns == 0) {
+            credit = burst;  // nobody else wanted the loop this tick
+        } else {
+            int64_t other = now - m_mgr.m_tick_start_ns;  // what the tick gave the rest
+            credit = std::min(burst, credit + other * share / (100 - share));
+        }
+    }
+    const unsigned int budget = m_mgr.m_options.handshakes_per_tick;
+    for (OwnedConn* c : list) {
+        c->handshake_queued = false;
+        if (c->dead || c->state != CONN_HANDSHAKE) {
+            continue;
+        }
+        bool closing = c->close_requested || c->graceful || c->shutdown_drain;
+        if (!closing && ((budget > 0 && m_mgr.m_handshake_steps >= budget) || (metered && credit <= 0))) {
+            m_mgr.Retry(c);  // the next tick's, after the established connections again
+            continue;
+        }
+        ++m_mgr.m_handshake_steps;
+        int64_t start = metered ? NowNs() : 0;
+        StepHandshake(c);
+        if (metered) {
+            credit -= NowNs() - start;
+        }
+    }
+}
+
+void CConnService::StepHandshake(OwnedConn* c) {
     CTcpConnector* k = c->connector.get();
     if (c->close_requested || c->graceful || c->shutdown_drain) {
         SetCloseInfo(c, CloseReason::kClosedLocally, 0);
         BeginClose(c);
         return;
     }
-    unsigned int budget = m_mgr.m_options.handshakes_per_tick;
-    if (budget > 0 && m_mgr.m_handshake_steps >= budget) {
-        m_mgr.Retry(c);  // this tick's handshake work is done; established traffic goes first
-        return;
-    }
-    ++m_mgr.m_handshake_steps;
     k->Update();
     int status = k->GetStatus();
     if (status == CONNECTOR_STATUS_CONNECTING) {

@@ -24,6 +24,8 @@ namespace QUOLNET {
 class CConnService {
   public:
     static constexpr int kLingerMs = 2000;  // reading to the peer's end after Close
+    // The most handshake work (at handshake_cpu_share of it) a loop does at once.
+    static constexpr int kHandshakeBurstMs = 20;
 
     explicit CConnService(CConnectorMgr& mgr) : m_mgr(mgr) {}
 
@@ -39,12 +41,20 @@ class CConnService {
 
     // The connector's receive callback (use_recv_callback); `arg` is the OwnedConn.
     static int RecvCallback(const char* url, const char* data, int len, void* arg);
+    // The tick's handshake work, last in the tick: as many queued handshake steps as
+    // handshakes_per_tick and handshake_cpu_share allow (the share is taken of the time the
+    // tick gave the other connections; a tick that gave them none is not held to it); the
+    // rest wait for the next tick.
+    void RunHandshakes();
+    static int64_t NowNs();
 
   private:
     void ServiceEstablished(OwnedConn* c);
-    // HANDSHAKE: one step of the stream layer's handshake (within the tick's budget), then
-    // ESTABLISHED and OnConnected, or the end of a connection the handler never saw.
+    // HANDSHAKE: queued for the tick's handshake work (RunHandshakes).
     void ServiceHandshake(OwnedConn* c);
+    // One step of the stream layer's handshake, then ESTABLISHED and OnConnected, or the end
+    // of a connection the handler never saw.
+    void StepHandshake(OwnedConn* c);
     bool DeliverAndRead(OwnedConn* c);
     void EnterDraining(OwnedConn* c);
     void ServiceDraining(OwnedConn* c);

@@ -279,6 +279,7 @@ void CConnectorMgr::AdoptAccepted(int fd, const std::string& peer,
             return;
         }
         c->connector->SetStreamIo(std::move(io));
+        m_stream_layers_used = true;
     }
     int init = CTcpListener::IsUnixURL(peer.c_str())
                    ? c->connector->InitUnix(peer.c_str(), m_parser, GetEpollFd(), fd)

@@ -30,6 +30,9 @@ int CConnectorMgr::ComputeWait(int timeout_ms) {
     if (!m_pending.empty() || (!m_starved.empty() && RecvBlocksFree() > 0)) {
         bound(kRefusedRetryMs);
     }
+    if (!m_handshakes.empty()) {
+        bound(0);  // queued after the last tick's handshake work
+    }
     if (m_table.Size() != 0) {
         bound(m_limits.NextSweepMs() - now);
     }
@@ -115,6 +118,8 @@ void CConnectorMgr::ResumeStarved() {
 
 void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
     m_handshake_steps = 0;
+    m_tick_other_work = 0;
+    m_tick_start_ns = m_stream_layers_used ? CConnService::NowNs() : 0;
     m_loop.RunPosted();
     RunShutdown(CEventLoop::NowMs());
     DrainWork();
@@ -131,6 +136,8 @@ void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
     m_loop.RunPosted();
     DrainWork();
     FlushCorked();
+    DrainWork();
+    m_service.RunHandshakes();
     DrainWork();
 
     int64_t now = CEventLoop::NowMs();
@@ -171,6 +178,9 @@ void CConnectorMgr::EndTick() {
         m_starved.erase(
             std::remove_if(m_starved.begin(), m_starved.end(), [](OwnedConn* c) { return c->dead; }),
             m_starved.end());
+        m_handshakes.erase(
+            std::remove_if(m_handshakes.begin(), m_handshakes.end(), [](OwnedConn* c) { return c->dead; }),
+            m_handshakes.end());
         for (OwnedConn* c : m_graveyard) {
             delete c;
         }
