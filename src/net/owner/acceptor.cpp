@@ -114,7 +114,7 @@ int CAcceptor::QueuedCount(int fd) {
     return static_cast<int>(std::min<uint32_t>(info.tcpi_unacked, 1u << 30));
 }
 
-void CAcceptor::Pause(size_t idx) {
+void CAcceptor::Pause(size_t idx, int retry_ms) {
     if (m_paused[idx]) {
         return;
     }
@@ -124,7 +124,7 @@ void CAcceptor::Pause(size_t idx) {
     epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_MOD, m_listeners[idx]->GetFd(), &ev);
     m_paused[idx] = true;
     if (m_retry_timer == 0) {
-        m_retry_timer = m_loop.AddTimer(kAcceptRetryMs, 0, [this]() {
+        m_retry_timer = m_loop.AddTimer(retry_ms, 0, [this]() {
             m_retry_timer = 0;
             Resume();
         });

@@ -80,6 +80,10 @@ class CAcceptor {
     void AcceptReady(size_t idx);
     // Puts paused listeners back into the epoll set.
     void Resume();
+    // Takes listener `idx` out of the epoll set for about `ms` (or until Resume), without
+    // counting a pause: the owner's budget for new connections is spent for now, and a
+    // readable listener left in the level-triggered set would wake every wait meanwhile.
+    void PauseFor(size_t idx, int ms) { Pause(idx, ms); }
     void CloseAll();
     // Pauses at the descriptor limit, and at the connection limit with no room made.
     int GetPauseCount() const { return m_pause_cnt; }
@@ -93,8 +97,9 @@ class CAcceptor {
     static int QueuedCount(int fd);
 
   private:
-    // Takes listener `idx` out of the epoll set until Resume; arms the retry timer.
-    void Pause(size_t idx);
+    // Takes listener `idx` out of the epoll set until Resume; arms the retry timer (unless
+    // one is armed already).
+    void Pause(size_t idx, int retry_ms = kAcceptRetryMs);
     void PauseForDescriptors(size_t idx);
 
     CEventLoop& m_loop;

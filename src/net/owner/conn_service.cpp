@@ -87,6 +87,28 @@ void CConnService::ServiceHandshake(OwnedConn* c) {
     }
 }
 
+void CConnService::RefillHandshakeCredit() {
+    const unsigned int share = m_mgr.m_options.handshake_cpu_share;
+    int64_t& credit = m_mgr.m_handshake_credit_ns;
+    if (share == 0 || share >= 100) {
+        credit = INT64_MAX / 2;  // unmetered
+        return;
+    }
+    const int64_t burst = static_cast<int64_t>(kHandshakeBurstMs) * 1000000 * share / 100;
+    const int64_t now = NowNs();
+    if (m_mgr.m_tick_other_work != 0) {
+        m_mgr.m_other_work_ns = now;
+    }
+    if (now - m_mgr.m_other_work_ns > static_cast<int64_t>(kHandshakeIdleMs) * 1000000) {
+        credit = burst;  // no established connection has wanted the loop for a while
+    } else if (m_mgr.m_credit_refill_ns != 0) {
+        // The share of the time that passed: established connections, whose requests may
+        // be in flight between ticks, keep the rest whether or not this tick had any.
+        credit = std::min(burst, credit + (now - m_mgr.m_credit_refill_ns) * share / 100);
+    }
+    m_mgr.m_credit_refill_ns = now;
+}
+
 void CConnService::RunHandshakes() {
     if (m_mgr.m_handshakes.empty()) {
         return;
@@ -94,18 +116,8 @@ void CConnService::RunHandshakes() {
     std::vector<OwnedConn*> list;
     list.swap(m_mgr.m_handshakes);
     const unsigned int share = m_mgr.m_options.handshake_cpu_share;
-    const bool metered = share > 0 && share < 100;
+    const bool metered = share > 0 && share < 100 && m_mgr.m_tick_start_ns != 0;
     int64_t& credit = m_mgr.m_handshake_credit_ns;
-    if (metered) {
-        const int64_t burst = static_cast<int64_t>(kHandshakeBurstMs) * 1000000 * share / 100;
-        int64_t now = NowNs();
-        if (m_mgr.m_tick_other_work == 0 || m_mgr.m_tick_start_ns == 0) {
-            credit = burst;  // nobody else wanted the loop this tick
-        } else {
-            int64_t other = now - m_mgr.m_tick_start_ns;  // what the tick gave the rest
-            credit = std::min(burst, credit + other * share / (100 - share));
-        }
-    }
     const unsigned int budget = m_mgr.m_options.handshakes_per_tick;
     for (OwnedConn* c : list) {
         c->handshake_queued = false;
@@ -121,7 +133,9 @@ void CConnService::RunHandshakes() {
         int64_t start = metered ? NowNs() : 0;
         StepHandshake(c);
         if (metered) {
-            credit -= NowNs() - start;
+            int64_t spent = NowNs() - start;
+            credit -= spent;
+            m_mgr.m_tick_metered_ns += spent;
         }
     }
 }

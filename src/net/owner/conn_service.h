@@ -26,6 +26,8 @@ class CConnService {
     static constexpr int kLingerMs = 2000;  // reading to the peer's end after Close
     // The most handshake work (at handshake_cpu_share of it) a loop does at once.
     static constexpr int kHandshakeBurstMs = 20;
+    // No established connection had work for this long: handshakes are not held back.
+    static constexpr int kHandshakeIdleMs = 100;
 
     explicit CConnService(CConnectorMgr& mgr) : m_mgr(mgr) {}
 
@@ -46,6 +48,10 @@ class CConnService {
     // tick gave the other connections; a tick that gave them none is not held to it); the
     // rest wait for the next tick.
     void RunHandshakes();
+    // Adds what handshake_cpu_share allows of the time this tick gave the established
+    // connections (the full burst after a tick that gave them none). Once a stream layer
+    // is in use, at the end of every tick.
+    void RefillHandshakeCredit();
     static int64_t NowNs();
 
   private:

@@ -75,6 +75,11 @@ int CConnectorGroup::Listen(const char* url, const SocketOptions& socket, int ba
         return -2;
     }
     CConnectorMgr& first = *m_loops[0];
+    if (socket.stream != nullptr) {
+        for (auto& loop : m_loops) {
+            loop->m_stream_layers_used = true;  // new connections' work is metered from now on
+        }
+    }
     size_t idx = first.m_acceptor.GetListenerCount();
     int port =
         m_options.reuse_port && m_loops.size() > 1 ? first.m_acceptor.Listen(url, backlog, true, socket) : -3;

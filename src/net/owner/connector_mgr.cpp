@@ -231,6 +231,9 @@ int CConnectorMgr::Listen(const char* url, int backlog) {
 }
 
 int CConnectorMgr::Listen(const char* url, const SocketOptions& socket, int backlog) {
+    if (socket.stream != nullptr) {
+        m_stream_layers_used = true;  // new connections' work is metered from now on
+    }
     return m_acceptor.Listen(url, backlog, m_reuse_port, socket);
 }
 

@@ -120,11 +120,26 @@ void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
     m_handshake_steps = 0;
     m_tick_other_work = 0;
     m_tick_start_ns = m_stream_layers_used ? CConnService::NowNs() : 0;
+    m_tick_metered_ns = 0;
     m_loop.RunPosted();
     RunShutdown(CEventLoop::NowMs());
     DrainWork();
     for (size_t idx : readable) {
-        m_acceptor.AcceptReady(idx);
+        if (m_tick_start_ns == 0) {
+            m_acceptor.AcceptReady(idx);
+        } else if (m_handshake_credit_ns > 0) {
+            // New connections (a TLS session each) share the handshakes' budget.
+            int64_t start = CConnService::NowNs();
+            m_acceptor.AcceptReady(idx);
+            int64_t spent = CConnService::NowNs() - start;
+            m_handshake_credit_ns -= spent;
+            m_tick_metered_ns += spent;
+        } else {
+            // Spent: the listener waits about as long as the share takes to pay the debt back.
+            unsigned int share = m_options.handshake_cpu_share;
+            int64_t ms = share > 0 && share < 100 ? -m_handshake_credit_ns * 100 / share / 1000000 + 1 : 1;
+            m_acceptor.PauseFor(idx, static_cast<int>(std::min<int64_t>(ms, 50)));
+        }
     }
     FlushCorked();
     DrainWork();
@@ -137,6 +152,9 @@ void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
     DrainWork();
     FlushCorked();
     DrainWork();
+    if (m_tick_start_ns != 0) {
+        m_service.RefillHandshakeCredit();
+    }
     m_service.RunHandshakes();
     DrainWork();
 
