@@ -230,6 +230,10 @@ std::shared_ptr<SSL_CTX> MakeCtx(bool server, const TlsOptions& o, std::string* 
         if (!alpn->empty()) {
             SSL_CTX_set_alpn_select_cb(raw, SelectAlpn, alpn);
         }
+        if (o.compact_records) {
+            // The traffic secrets go to the session (never to a log): see tls_stream.h.
+            SSL_CTX_set_keylog_callback(raw, CTlsStream::KeepKeyLogLine);
+        }
     } else {
         SSL_CTX_set_verify(raw, o.verify_peer ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
         if (!alpn->empty() &&
@@ -290,9 +294,11 @@ std::unique_ptr<IStreamIo> CTlsContext::Create(bool server, const std::string& h
     }
     std::string name;
     SSL* ssl = nullptr;
+    bool compact = false;
     {
         std::lock_guard<std::mutex> lock(m_shared->mutex);
         ssl = SSL_new(m_shared->ctx.get());  // holds its own reference to the context
+        compact = server && m_shared->options.compact_records;
         if (ssl == nullptr) {
             ERR_clear_error();
             return nullptr;
@@ -323,7 +329,8 @@ std::unique_ptr<IStreamIo> CTlsContext::Create(bool server, const std::string& h
             }
         }
     }
-    return std::unique_ptr<IStreamIo>(new CTlsStream(ssl, server, m_shared, server ? std::string() : name));
+    return std::unique_ptr<IStreamIo>(
+        new CTlsStream(ssl, server, m_shared, server ? std::string() : name, compact));
 }
 
 uint64_t CTlsContext::GetResumedCount() const {
