@@ -543,6 +543,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     // began (read only once a stream layer is in use), and the connections other than
     // handshakes serviced in it. Loop thread.
     std::vector<OwnedConn*> m_handshakes;
+    std::vector<OwnedConn*> m_handshakes_run;  // the list RunHandshakes works through
     int64_t m_handshake_credit_ns = 0;
     int64_t m_tick_start_ns = 0;
     int64_t m_tick_metered_ns = 0;   // accepts and handshake steps of this tick

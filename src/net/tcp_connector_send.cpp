@@ -226,7 +226,9 @@ bool CTcpConnector::AppendToTail(const char* buf, int len, LogCategory* cat, boo
 
 unsigned int CTcpConnector::EffectiveEventsLocked(unsigned int events) const {
     if (m_handshaking) {
-        return EPOLLERR | m_handshake_wait;  // only what the stream layer's handshake waits for
+        // Only what the stream layer's handshake waits for, and nothing while the owner holds
+        // the handshake back (PauseReading).
+        return m_read_paused ? EPOLLERR : EPOLLERR | m_handshake_wait;
     }
     if (m_rx_wants_write) {
         events |= EPOLLOUT;  // the layer's read goes on once the socket is writable

@@ -443,3 +443,63 @@ TEST_F(TlsTest, BadOptionsAreRefusedWithAReason) {
 }
 
 }  // namespace
+
+namespace {
+
+// Regression: in callback mode, a packet that came in the same segment as the client's
+// Finished was framed inside the handshake step and offered before OnConnected; a reply
+// from OnPacket then met kSendNotConnected and was lost.
+TEST_F(TlsTest, APacketThatComesWithTheHandshakeIsOfferedAfterOnConnected) {
+    struct Order : QUOLNET::IConnectorHandler {
+        void OnConnected(CConnectorMgr* mgr, ConnId id, const char*, bool accepted) override {
+            if (accepted) {
+                server_ids.insert(id);
+                return;
+            }
+            // The client sends at once: its bytes follow its Finished closely.
+            std::string p = Packet("right after the handshake");
+            sent = mgr->Send(id, p.data(), static_cast<unsigned int>(p.size()));
+            client = id;
+        }
+        bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool) override {
+            if (id == client) {
+                echoed.emplace_back(data, len);
+                return true;
+            }
+            if (server_ids.count(id) == 0) {
+                ++before_connected;
+            }
+            replies.push_back(mgr->Send(id, data, len));
+            return true;
+        }
+        std::set<ConnId> server_ids;
+        ConnId client = 0;
+        int sent = 0;
+        int before_connected = 0;
+        std::vector<int> replies;
+        std::vector<std::string> echoed;
+    } order;
+    for (bool callback : {true, false}) {
+        order = Order();
+        ConnectorMgrOptions o;
+        o.pool = &m_pool;
+        o.log_cat = m_log.cat();
+        o.use_recv_callback = callback;
+        CConnectorMgr mgr(&order, o);
+        ASSERT_EQ(0, mgr.Init());
+        std::string error;
+        SocketOptions s;
+        s.stream = CTlsContext::CreateServer(ServerOptions(), &error);
+        ASSERT_GT(mgr.Listen("tcp://127.0.0.1:0", s), 0);
+        DialOptions d;
+        d.socket.stream = CTlsContext::CreateClient(ClientOptions(), &error);
+        ASSERT_NE(0u, mgr.Dial(mgr.GetListenURL(0).c_str(), d));
+        ASSERT_TRUE(Pump(mgr, [&]() { return !order.echoed.empty(); })) << m_log.Dump();
+        EXPECT_GT(order.sent, 0);
+        EXPECT_EQ(0, order.before_connected) << (callback ? "callback" : "peek");
+        ASSERT_EQ(1u, order.replies.size());
+        EXPECT_GT(order.replies[0], 0);
+    }
+}
+
+}  // namespace

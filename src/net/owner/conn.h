@@ -145,7 +145,8 @@ struct OwnedConn {
     bool resolving = false;
     bool resolve_fail_logged = false;
     int64_t handshake_deadline_ms = 0;  // HANDSHAKE: closed at this time (0: never)
-    bool handshake_queued = false;      // in the manager's list for this tick's handshake work
+    bool handshake_queued = false;      // in the manager's list for a tick's handshake work
+    bool handshake_paused = false;      // its readiness left epoll while it waits there
     std::string close_text;             // the stream layer's message for CloseInfo::text
     bool dead = false;                  // finalised or moved away; freed at the end of the tick
     Relaxed<bool> send_failed;          // set by any thread when Send failed

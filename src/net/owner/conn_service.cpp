@@ -109,11 +109,21 @@ void CConnService::RefillHandshakeCredit() {
     m_mgr.m_credit_refill_ns = now;
 }
 
+int CConnService::HandshakeWaitMs() const {
+    const unsigned int share = m_mgr.m_options.handshake_cpu_share;
+    int64_t credit = m_mgr.m_handshake_credit_ns;
+    if (share == 0 || share >= 100 || credit > 0) {
+        return 0;
+    }
+    return static_cast<int>(std::min<int64_t>(-credit * 100 / share / 1000000 + 1, 50));
+}
+
 void CConnService::RunHandshakes() {
     if (m_mgr.m_handshakes.empty()) {
         return;
     }
-    std::vector<OwnedConn*> list;
+    std::vector<OwnedConn*>& list = m_mgr.m_handshakes_run;  // both keep their capacity
+    list.clear();
     list.swap(m_mgr.m_handshakes);
     const unsigned int share = m_mgr.m_options.handshake_cpu_share;
     const bool metered = share > 0 && share < 100 && m_mgr.m_tick_start_ns != 0;
@@ -126,8 +136,19 @@ void CConnService::RunHandshakes() {
         }
         bool closing = c->close_requested || c->graceful || c->shutdown_drain;
         if (!closing && ((budget > 0 && m_mgr.m_handshake_steps >= budget) || (metered && credit <= 0))) {
-            m_mgr.Retry(c);  // the next tick's, after the established connections again
+            // Waits for a later tick's handshake work, with its readiness out of the epoll
+            // set meanwhile: a level-triggered socket left in it would wake every wait.
+            c->handshake_queued = true;
+            if (!c->handshake_paused) {
+                c->handshake_paused = true;
+                c->connector->PauseReading(true);
+            }
+            m_mgr.m_handshakes.push_back(c);
             continue;
+        }
+        if (c->handshake_paused) {
+            c->handshake_paused = false;
+            c->connector->PauseReading(false);
         }
         ++m_mgr.m_handshake_steps;
         int64_t start = metered ? NowNs() : 0;
@@ -461,7 +482,10 @@ int CConnService::RecvCallback(const char* url, const char* data, int len, void*
         return 1;  // delivery has ended: the packet is dropped
     }
     // Keep arrival order: while packets wait in the ring, later ones queue behind them.
-    if (c->app_paused || c->connector->GetPacketInfoCnt() > 0 || mgr->m_handler == nullptr) {
+    // Packets framed before OnConnected (bytes that came with a TLS handshake's last flight,
+    // or with a dial's completion) wait in the ring too, and are offered after it.
+    if (c->app_paused || !c->was_established || c->connector->GetPacketInfoCnt() > 0 ||
+        mgr->m_handler == nullptr) {
         return 0;
     }
     mgr->m_delivering = c;

@@ -52,6 +52,9 @@ class CConnService {
     // connections (the full burst after a tick that gave them none). Once a stream layer
     // is in use, at the end of every tick.
     void RefillHandshakeCredit();
+    // How long handshakes waiting for the budget make the loop wait at most: 0 while there
+    // is credit, else about the time the share takes to pay the debt back.
+    int HandshakeWaitMs() const;
     static int64_t NowNs();
 
   private:

@@ -31,7 +31,7 @@ int CConnectorMgr::ComputeWait(int timeout_ms) {
         bound(kRefusedRetryMs);
     }
     if (!m_handshakes.empty()) {
-        bound(0);  // queued after the last tick's handshake work
+        bound(m_service.HandshakeWaitMs());  // handshakes waiting for the budget
     }
     if (m_table.Size() != 0) {
         bound(m_limits.NextSweepMs() - now);
