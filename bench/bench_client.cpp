@@ -13,6 +13,18 @@
 //              them and reads nothing; the server must run with --sink (frame and discard).
 //              The rate is the rate at which the server drains the connection (the socket
 //              buffers are bounded), so it compares directly with a one-way iperf3 stream.
+//   connect    connection rate: each of --conns slots connects, (with --tls) makes a full
+//              handshake, sends one packet of --size bytes, waits for its whole echo and
+//              closes with a reset, then starts over. A "packet" is one such connection.
+//   resume     as connect, with TLS resumption: one untimed connection first receives the
+//              server's session ticket, then every connection offers that session. The
+//              output's "resumed" counts the handshakes that did resume (--tls only).
+//
+// TLS (--tls): OpenSSL, TLS 1.3 only with the one cipher suite kTlsCipherSuite, no
+// certificate verification (a benchmark, not a client to trust). In the echo modes every
+// connection's handshake is made while connecting, before the warm-up starts, so the timed
+// loop carries application records only; the bytes are read and written through SSL_read and
+// SSL_write instead of read and writev.
 //
 // Measurement: packets completed during the warm-up (--warmup seconds) are discarded; the
 // following --duration seconds are measured. Packets/s and MiB/s count completed packets
@@ -21,12 +33,16 @@
 // byte; p50/p99 come from a log-linear histogram (~3% resolution).
 //
 // Output: one JSON object on one line on stdout (or one CSV line with --csv; --csv-header
-// prints the matching header line and exits).
+// prints the matching header line and exits). With --mark, the line "measuring" goes to
+// stderr when the measured time begins (after the handshakes and the warm-up), so that a
+// caller can sample the server's CPU time over the measured time alone.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/resource.h>
 #include <sys/uio.h>
 #include <signal.h>
 #include <time.h>
@@ -42,6 +58,14 @@
 #include <vector>
 
 #include "common/bench_net.h"
+#ifdef QUOLNET_BENCH_TLS
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include "common/bench_tls.h"
+#else
+typedef struct ssl_st SSL;  // never made: --tls is refused without OpenSSL
+#endif
 
 using namespace QUOLNET_BENCH;
 
@@ -49,6 +73,14 @@ namespace {
 
 const uint32_t kClientHeader = 12;  // 4-byte length + 8-byte sequence number
 const int kMaxIov = 64;
+
+// This process's CPU time so far, user + kernel, in ns.
+uint64_t CpuNs() {
+    rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    return (uint64_t(ru.ru_utime.tv_sec) + uint64_t(ru.ru_stime.tv_sec)) * 1000000000ull +
+           (uint64_t(ru.ru_utime.tv_usec) + uint64_t(ru.ru_stime.tv_usec)) * 1000ull;
+}
 
 uint64_t NowNs() {
     timespec ts;
@@ -121,7 +153,13 @@ struct Options {
     double warmup = 0.5;
     double duration = 2.0;
     bool csv = false;
+    bool tls = false;
+    bool mark = false;  // print "measuring" on stderr when the measured time begins
 };
+
+bool ConnectMode(const Options& opt) {
+    return opt.mode == "connect" || opt.mode == "resume";
+}
 
 struct Conn {
     int fd = -1;
@@ -132,10 +170,15 @@ struct Conn {
     uint64_t queued = 0;    // packets queued and not fully written (including the current one)
     uint32_t send_off = 0;  // bytes of the current packet already written
     // receive side
-    uint64_t recv_seq = 0;  // sequence number expected next
-    uint32_t recv_pos = 0;  // bytes of the current packet received
+    uint64_t recv_seq = 0;        // sequence number expected next
+    uint64_t seq_at_measure = 0;  // recv_seq when the measured time began
+    uint32_t recv_pos = 0;        // bytes of the current packet received
     unsigned char recv_hdr[kClientHeader];
     std::vector<uint64_t> stamps;  // ring of queue times, indexed by seq % depth
+    SSL* ssl = nullptr;            // --tls: the connection's session (owned)
+    // connect/resume modes: where the slot's current connection is
+    enum class Phase { kConnecting, kHandshaking, kEchoing } phase = Phase::kConnecting;
+    uint64_t started = 0;  // when its connect began
 };
 
 class CClient {
@@ -154,6 +197,22 @@ class CClient {
     void Connect();
     void Queue(Conn& c, uint64_t now);
     void Flush(Conn& c);
+    void FlushTls(Conn& c);
+    void Advance(Conn& c, uint64_t written);
+    // Copies up to `cap` of the bytes still to be written on `c` (from the current packet's
+    // send_off on) into m_out; returns the count.
+    size_t BuildOut(const Conn& c, size_t cap);
+    void OnReadableTls(Conn& c, uint64_t now);
+    // connect/resume modes
+    void RunConnect();
+    void StartSlot(Conn& c, uint64_t now);
+    void StepSlot(Conn& c, uint64_t now, uint32_t events);
+    void EndSlot(Conn& c);
+    void Watch(Conn& c, uint32_t events, int op);
+    void PrimeSession();
+    // TLS
+    void InitTls();
+    SSL* NewSsl(int fd);
     void OnReadable(Conn& c, uint64_t now);
     void SetWantOut(Conn& c, bool on);
     void Consume(Conn& c, const unsigned char* p, size_t n, uint64_t now);
@@ -167,8 +226,69 @@ class CClient {
     uint64_t m_done;  // packets completed since start
     uint64_t m_bytes_per_pkt;
     bool m_measuring;
+    uint64_t m_cpu0 = 0;  // the client's own CPU time (user + kernel, ns) when measuring began
     CHistogram m_hist;
+    std::vector<unsigned char> m_out;  // --tls: plaintext of the next SSL_write
+    sockaddr_in m_addr;
+    uint64_t m_handshakes = 0;  // TLS handshakes completed (connect/resume modes)
+    uint64_t m_resumed = 0;     // of which resumed a session
+    uint64_t m_stalled = 0;     // echo modes: connections that completed no packet while measured
+#ifdef QUOLNET_BENCH_TLS
+    SSL_CTX* m_tls_ctx = nullptr;
+#endif
 };
+
+// Closes `fd` with a reset: no TIME_WAIT left behind, so back-to-back runs (and the
+// connection-rate modes) never run short of ports.
+void CloseReset(int fd) {
+    linger lg;
+    lg.l_onoff = 1;
+    lg.l_linger = 0;
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
+    close(fd);
+}
+
+#ifdef QUOLNET_BENCH_TLS
+// The session the resume mode offers on every connection: the one with the ticket the server
+// sent on the untimed first connection (owned). The client context has no session cache, so
+// OpenSSL never marks it as used up (with a client cache it offers a TLS 1.3 ticket once).
+SSL_SESSION* g_session = nullptr;
+
+[[noreturn]] void FailTls(const char* what, long conn, int ret) {
+    std::fprintf(stderr, "bench_client: %s failed (conn %ld, SSL error %d, errno %d): %s\n", what, conn, ret,
+                 errno, OpenSslErrors().c_str());
+    std::exit(1);
+}
+
+void CClient::InitTls() {
+    m_tls_ctx = SSL_CTX_new(TLS_client_method());
+    if (m_tls_ctx == nullptr || SSL_CTX_set_min_proto_version(m_tls_ctx, TLS1_3_VERSION) != 1 ||
+        SSL_CTX_set_max_proto_version(m_tls_ctx, TLS1_3_VERSION) != 1 ||
+        SSL_CTX_set_ciphersuites(m_tls_ctx, kTlsCipherSuite) != 1)
+        FailTls("SSL_CTX set-up", 0, 0);
+    SSL_CTX_set_verify(m_tls_ctx, SSL_VERIFY_NONE, nullptr);
+    // A write returns once a record is out; a retried write may come from a rebuilt buffer.
+    SSL_CTX_set_mode(m_tls_ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    SSL_CTX_set_read_ahead(m_tls_ctx, 1);
+    SSL_CTX_set_session_cache_mode(m_tls_ctx, SSL_SESS_CACHE_OFF);
+}
+
+SSL* CClient::NewSsl(int fd) {
+    SSL* ssl = SSL_new(m_tls_ctx);
+    if (ssl == nullptr || SSL_set_fd(ssl, fd) != 1)
+        FailTls("SSL_new", 0, 0);
+    if (m_opt.mode == "resume" && g_session != nullptr && SSL_set_session(ssl, g_session) != 1)
+        FailTls("SSL_set_session", 0, 0);
+    return ssl;
+}
+#else
+void CClient::InitTls() {
+    Fail("%s: built without OpenSSL (%ld %ld)", "--tls", 0, 0);
+}
+SSL* CClient::NewSsl(int) {
+    return nullptr;
+}
+#endif
 
 void CClient::Connect() {
     sockaddr_in addr;
@@ -177,6 +297,7 @@ void CClient::Connect() {
     addr.sin_port = htons(static_cast<uint16_t>(m_opt.port));
     if (inet_pton(AF_INET, m_opt.host.c_str(), &addr.sin_addr) != 1)
         Fail("bad host %s %ld %ld", m_opt.host.c_str(), 0, 0);
+    m_addr = addr;
     m_conns.resize(size_t(m_opt.conns));
     for (int i = 0; i < m_opt.conns; ++i) {
         Conn& c = m_conns[size_t(i)];
@@ -187,6 +308,15 @@ void CClient::Connect() {
         if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0)
             Fail("%s: connect failed (conn %ld, errno %ld)", "connect", i, errno);
         SetNoDelay(fd);
+#ifdef QUOLNET_BENCH_TLS
+        if (m_opt.tls) {
+            // Blocking handshake, before the timed loop.
+            c.ssl = NewSsl(fd);
+            int ret = SSL_connect(c.ssl);
+            if (ret != 1)
+                FailTls("SSL_connect", i, SSL_get_error(c.ssl, ret));
+        }
+#endif
         int fl = 1;
         if (ioctl(fd, FIONBIO, &fl) != 0)
             Fail("%s: FIONBIO failed (%ld %ld)", "connect", i, errno);
@@ -224,6 +354,10 @@ void CClient::Queue(Conn& c, uint64_t now) {
 void CClient::Flush(Conn& c) {
     if (c.queued == 0)
         return;
+    if (c.ssl != nullptr) {
+        FlushTls(c);
+        return;
+    }
     const uint32_t size = m_opt.size;
     unsigned char hdrs[kMaxIov / 2][kClientHeader];
     iovec iov[kMaxIov];
@@ -253,7 +387,15 @@ void CClient::Flush(Conn& c) {
         }
         Fail("%s: writev failed (conn %ld, errno %ld)", "send", long(&c - m_conns.data()), errno);
     }
-    uint64_t left = uint64_t(w);
+    Advance(c, uint64_t(w));
+    if (m_opt.mode != "stream")
+        SetWantOut(c, c.queued > 0);
+}
+
+// Counts `written` bytes of the queued packets as sent.
+void CClient::Advance(Conn& c, uint64_t written) {
+    const uint32_t size = m_opt.size;
+    uint64_t left = written;
     while (left > 0) {
         uint64_t rest = size - c.send_off;
         if (left >= rest) {
@@ -268,8 +410,63 @@ void CClient::Flush(Conn& c) {
             left = 0;
         }
     }
+}
+
+size_t CClient::BuildOut(const Conn& c, size_t cap) {
+    const uint32_t size = m_opt.size;
+    m_out.resize(cap);
+    size_t n = 0;
+    uint32_t off = c.send_off;
+    for (uint64_t k = 0; k < c.queued && n < cap; ++k) {
+        unsigned char h[kClientHeader];
+        WriteBe32(h, size);
+        uint64_t seq = c.send_seq + k;
+        std::memcpy(h + 4, &seq, 8);
+        if (off < kClientHeader) {
+            size_t take = std::min<size_t>(kClientHeader - off, cap - n);
+            std::memcpy(m_out.data() + n, h + off, take);
+            n += take;
+            off = kClientHeader;
+        }
+        size_t take = std::min<size_t>(size - off, cap - n);
+        std::memcpy(m_out.data() + n, m_pattern.data() + c.pat_off + (off - kClientHeader), take);
+        n += take;
+        off = 0;
+    }
+    return n;
+}
+
+// Writes the queued packets through the TLS session until they are all out or the socket is
+// full. A write that could not go out is repeated from a rebuilt buffer that starts with the
+// same bytes (and is no shorter), as OpenSSL requires.
+void CClient::FlushTls(Conn& c) {
+#ifdef QUOLNET_BENCH_TLS
+    const size_t kCap = 64 * 1024;
+    while (c.queued > 0) {
+        size_t n = BuildOut(c, kCap);
+        size_t pos = 0;
+        while (pos < n) {
+            int w = SSL_write(c.ssl, m_out.data() + pos, int(n - pos));
+            if (w > 0) {
+                Advance(c, uint64_t(w));
+                pos += size_t(w);
+                continue;
+            }
+            int err = SSL_get_error(c.ssl, w);
+            if (err == SSL_ERROR_WANT_WRITE) {
+                SetWantOut(c, true);
+                return;
+            }
+            if (err == SSL_ERROR_WANT_READ)
+                return;  // the next readable event flushes again
+            FailTls("SSL_write", long(&c - m_conns.data()), err);
+        }
+    }
     if (m_opt.mode != "stream")
-        SetWantOut(c, c.queued > 0);
+        SetWantOut(c, false);
+#else
+    (void)c;
+#endif
 }
 
 // Checks received bytes against what was sent and completes packets.
@@ -316,6 +513,10 @@ void CClient::Consume(Conn& c, const unsigned char* p, size_t n, uint64_t now) {
 }
 
 void CClient::OnReadable(Conn& c, uint64_t now) {
+    if (c.ssl != nullptr) {
+        OnReadableTls(c, now);
+        return;
+    }
     ssize_t r = read(c.fd, m_rbuf.data(), m_rbuf.size());
     if (r > 0) {
         Consume(c, m_rbuf.data(), size_t(r), now);
@@ -331,11 +532,40 @@ void CClient::OnReadable(Conn& c, uint64_t now) {
     Fail("%s: read failed (conn %ld, errno %ld)", "recv", long(&c - m_conns.data()), errno);
 }
 
+// Reads what the session has: records already taken from the socket (read-ahead) are read
+// too, so none waits for a readiness event that will not come.
+void CClient::OnReadableTls(Conn& c, uint64_t now) {
+#ifdef QUOLNET_BENCH_TLS
+    long idx = long(&c - m_conns.data());
+    do {
+        int r = SSL_read(c.ssl, m_rbuf.data(), int(m_rbuf.size()));
+        if (r > 0) {
+            Consume(c, m_rbuf.data(), size_t(r), now);
+            continue;
+        }
+        int err = SSL_get_error(c.ssl, r);
+        if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE)
+            break;
+        if (err == SSL_ERROR_ZERO_RETURN)
+            Fail("%s: server closed connection %ld (%ld)", "recv", idx, 0);
+        FailTls("SSL_read", idx, err);
+    } while (SSL_has_pending(c.ssl));
+    if (c.queued > 0 && !c.want_out)
+        Flush(c);
+#else
+    (void)c;
+    (void)now;
+#endif
+}
+
 void CClient::Report(double secs, uint64_t packets) {
     double pps = secs > 0 ? double(packets) / secs : 0;
     double mib = pps * double(m_bytes_per_pkt) / (1024.0 * 1024.0);
     double p50 = m_hist.Quantile(0.50) / 1000.0;
     double p99 = m_hist.Quantile(0.99) / 1000.0;
+    // The client's share of one CPU over the measured time: near 100 the client, not the
+    // server, may be what limits the rate.
+    double cpu_pct = secs > 0 ? double(CpuNs() - m_cpu0) / 1e9 / secs * 100.0 : 0;
     if (m_opt.csv) {
         std::printf("%s,%s,%u,%d,%d,%.3f,%llu,%.1f,%.3f,%.2f,%.2f,%llu\n", m_opt.label.c_str(),
                     m_opt.mode.c_str(), m_opt.size, m_opt.conns, m_opt.depth, secs,
@@ -345,10 +575,13 @@ void CClient::Report(double secs, uint64_t packets) {
         std::printf(
             "{\"server\":\"%s\",\"mode\":\"%s\",\"size\":%u,\"conns\":%d,\"depth\":%d,"
             "\"seconds\":%.3f,\"packets\":%llu,\"pps\":%.1f,\"mib_s\":%.3f,\"p50_us\":%.2f,"
-            "\"p99_us\":%.2f,\"total_packets\":%llu}\n",
+            "\"p99_us\":%.2f,\"total_packets\":%llu,\"tls\":%s,\"handshakes\":%llu,\"resumed\":%llu,"
+            "\"client_cpu_pct\":%.1f,\"stalled_conns\":%llu}\n",
             m_opt.label.c_str(), m_opt.mode.c_str(), m_opt.size, m_opt.conns, m_opt.depth, secs,
             static_cast<unsigned long long>(packets), pps, mib, p50, p99,
-            static_cast<unsigned long long>(m_done));
+            static_cast<unsigned long long>(m_done), m_opt.tls ? "true" : "false",
+            static_cast<unsigned long long>(m_handshakes), static_cast<unsigned long long>(m_resumed),
+            cpu_pct, static_cast<unsigned long long>(m_stalled));
     }
     std::fflush(stdout);
 }
@@ -357,6 +590,12 @@ void CClient::Run() {
     m_ep = epoll_create1(EPOLL_CLOEXEC);
     if (m_ep < 0)
         Fail("%s: epoll_create1 (%ld %ld)", "init", 0, errno);
+    if (m_opt.tls)
+        InitTls();
+    if (ConnectMode(m_opt)) {
+        RunConnect();
+        return;
+    }
     Connect();
     const bool stream = m_opt.mode == "stream";
     uint64_t start = NowNs();
@@ -395,6 +634,247 @@ void CClient::Run() {
         }
         if (!m_measuring && now >= warm_end) {
             m_measuring = true;
+            m_cpu0 = CpuNs();
+            if (m_opt.mark) {
+                std::fprintf(stderr, "measuring\n");
+                std::fflush(stderr);
+            }
+            m_hist.Clear();
+            base = m_done;
+            t0 = now;
+            for (Conn& c : m_conns)
+                c.seq_at_measure = c.recv_seq;
+        }
+        if (now >= end) {
+            if (!stream) {
+                for (const Conn& c : m_conns)
+                    m_stalled += c.recv_seq == c.seq_at_measure ? 1 : 0;
+            }
+            Report(double(now - t0) / 1e9, m_done - base);
+            break;
+        }
+    }
+    for (Conn& c : m_conns)
+        EndSlot(c);
+    close(m_ep);
+}
+
+// Frees a TLS session without a close_notify, marked as shut down so that OpenSSL keeps its
+// session resumable (a session freed mid-connection is marked as not to be resumed).
+void FreeSsl(SSL* ssl) {
+#ifdef QUOLNET_BENCH_TLS
+    SSL_set_shutdown(ssl, SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
+    SSL_free(ssl);
+#else
+    (void)ssl;
+#endif
+}
+
+// Ends the slot's connection with a reset (its TLS session freed without a close_notify).
+void CClient::EndSlot(Conn& c) {
+    if (c.ssl != nullptr)
+        FreeSsl(c.ssl);
+    c.ssl = nullptr;
+    if (c.fd >= 0)
+        CloseReset(c.fd);
+    c.fd = -1;
+}
+
+void CClient::Watch(Conn& c, uint32_t events, int op) {
+    epoll_event ev;
+    ev.events = events;
+    ev.data.u64 = uint64_t(&c - m_conns.data());
+    if (epoll_ctl(m_ep, op, c.fd, &ev) != 0)
+        Fail("%s: epoll_ctl (%ld %ld)", "connect", long(&c - m_conns.data()), errno);
+}
+
+// Starts the slot's next connection: a non-blocking connect.
+void CClient::StartSlot(Conn& c, uint64_t now) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        Fail("%s: socket failed (conn %ld, errno %ld)", "connect", long(&c - m_conns.data()), errno);
+    SetNoDelay(fd);
+    c.fd = fd;
+    c.started = now;
+    c.recv_pos = 0;
+    // Its one packet: sequence 0, the same bytes on every slot (BuildOut puts them in m_out).
+    c.send_seq = 0;
+    c.send_off = 0;
+    c.queued = 1;
+    c.phase = Conn::Phase::kConnecting;
+    int ret = connect(fd, reinterpret_cast<const sockaddr*>(&m_addr), sizeof(m_addr));
+    if (ret != 0 && errno != EINPROGRESS)
+        Fail("%s: connect failed (conn %ld, errno %ld)", "connect", long(&c - m_conns.data()), errno);
+    Watch(c, EPOLLOUT, EPOLL_CTL_ADD);
+}
+
+// Moves the slot's connection on as far as it goes without waiting.
+void CClient::StepSlot(Conn& c, uint64_t now, uint32_t events) {
+    long idx = long(&c - m_conns.data());
+    const uint32_t size = m_opt.size;
+    if (c.phase == Conn::Phase::kConnecting) {
+        int err = 0;
+        socklen_t len = sizeof(err);
+        getsockopt(c.fd, SOL_SOCKET, SO_ERROR, &err, &len);
+        if (err != 0)
+            Fail("%s: connect failed (conn %ld, errno %ld)", "connect", idx, err);
+        if (!(events & EPOLLOUT))
+            return;
+        if (m_opt.tls) {
+            c.ssl = NewSsl(c.fd);
+            c.phase = Conn::Phase::kHandshaking;
+        } else {
+            // One packet: a fresh socket takes it whole.
+            c.phase = Conn::Phase::kEchoing;
+            BuildOut(c, size);
+            if (write(c.fd, m_out.data(), size) != ssize_t(size))
+                Fail("%s: short write (conn %ld, errno %ld)", "send", idx, errno);
+            Watch(c, EPOLLIN, EPOLL_CTL_MOD);
+            return;
+        }
+    }
+#ifdef QUOLNET_BENCH_TLS
+    if (c.phase == Conn::Phase::kHandshaking) {
+        int ret = SSL_connect(c.ssl);
+        if (ret != 1) {
+            int err = SSL_get_error(c.ssl, ret);
+            if (err == SSL_ERROR_WANT_READ)
+                Watch(c, EPOLLIN, EPOLL_CTL_MOD);
+            else if (err == SSL_ERROR_WANT_WRITE)
+                Watch(c, EPOLLOUT, EPOLL_CTL_MOD);
+            else
+                FailTls("SSL_connect", idx, err);
+            return;
+        }
+        ++m_handshakes;
+        if (SSL_session_reused(c.ssl))
+            ++m_resumed;
+        c.phase = Conn::Phase::kEchoing;
+        BuildOut(c, size);
+        int w = SSL_write(c.ssl, m_out.data(), int(size));
+        if (w != int(size))
+            FailTls("SSL_write", idx, SSL_get_error(c.ssl, w));
+        Watch(c, EPOLLIN, EPOLL_CTL_MOD);
+        return;
+    }
+#endif
+    // kEchoing: read the echo (and, with TLS, the session ticket before it), checked against
+    // m_out, which holds every slot's one packet.
+    for (;;) {
+        int r;
+        if (c.ssl != nullptr) {
+#ifdef QUOLNET_BENCH_TLS
+            r = SSL_read(c.ssl, m_rbuf.data(), int(m_rbuf.size()));
+            if (r <= 0) {
+                int err = SSL_get_error(c.ssl, r);
+                if (err == SSL_ERROR_WANT_READ)
+                    return;
+                FailTls("SSL_read", idx, err);
+            }
+#else
+            r = -1;
+#endif
+        } else {
+            r = int(read(c.fd, m_rbuf.data(), m_rbuf.size()));
+            if (r == 0)
+                Fail("%s: server closed connection %ld (%ld)", "recv", idx, 0);
+            if (r < 0) {
+                if (errno == EAGAIN || errno == EINTR)
+                    return;
+                Fail("%s: read failed (conn %ld, errno %ld)", "recv", idx, errno);
+            }
+        }
+        if (c.recv_pos + uint32_t(r) > size ||
+            std::memcmp(m_rbuf.data(), m_out.data() + c.recv_pos, size_t(r)))
+            Fail("%s: echo differs (conn %ld, %ld bytes)", "verify", idx, r);
+        c.recv_pos += uint32_t(r);
+        if (c.recv_pos == size)
+            break;
+    }
+    if (m_measuring)
+        m_hist.Add(now - c.started);
+    ++m_done;
+    EndSlot(c);
+    StartSlot(c, now);
+}
+
+// resume mode: one blocking connection whose echo comes after the server's session ticket,
+// so that its session, kept in g_session, carries the ticket before the timed connections
+// start.
+void CClient::PrimeSession() {
+#ifdef QUOLNET_BENCH_TLS
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&m_addr), sizeof(m_addr)) != 0)
+        Fail("%s: connect failed (conn %ld, errno %ld)", "prime", 0, errno);
+    timeval limit = {2, 0};  // a server that never answers fails the run
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    SSL* ssl = NewSsl(fd);
+    int ret = SSL_connect(ssl);
+    if (ret != 1)
+        FailTls("SSL_connect", 0, SSL_get_error(ssl, ret));
+    Conn probe;
+    probe.queued = 1;
+    BuildOut(probe, m_opt.size);
+    if (SSL_write(ssl, m_out.data(), int(m_opt.size)) != int(m_opt.size))
+        FailTls("SSL_write", 0, 0);
+    uint32_t got = 0;
+    while (got < m_opt.size) {
+        int r = SSL_read(ssl, m_rbuf.data(), int(m_rbuf.size()));
+        if (r <= 0)
+            FailTls("SSL_read", 0, SSL_get_error(ssl, r));
+        got += uint32_t(r);
+    }
+    g_session = SSL_get1_session(ssl);
+    FreeSsl(ssl);
+    CloseReset(fd);
+    if (g_session == nullptr || !SSL_SESSION_is_resumable(g_session))
+        Fail("%s: the server sent no session ticket (%ld %ld)", "resume", 0, 0);
+#endif
+}
+
+void CClient::RunConnect() {
+    std::memset(&m_addr, 0, sizeof(m_addr));
+    m_addr.sin_family = AF_INET;
+    m_addr.sin_port = htons(static_cast<uint16_t>(m_opt.port));
+    if (inet_pton(AF_INET, m_opt.host.c_str(), &m_addr.sin_addr) != 1)
+        Fail("bad host %s %ld %ld", m_opt.host.c_str(), 0, 0);
+    if (m_opt.mode == "resume")
+        PrimeSession();
+    m_conns.resize(size_t(m_opt.conns));
+    uint64_t start = NowNs();
+    for (Conn& c : m_conns) {
+        c.pat_off = 0;
+        StartSlot(c, start);
+    }
+    const uint64_t warm_end = start + uint64_t(m_opt.warmup * 1e9);
+    const uint64_t end = warm_end + uint64_t(m_opt.duration * 1e9);
+    uint64_t base = 0, t0 = start;
+    const uint64_t kStallNs = 1000000000ull;
+    uint64_t next_check = start + kStallNs / 10;
+    std::vector<epoll_event> evs(1024);
+    for (;;) {
+        int n = epoll_wait(m_ep, evs.data(), int(evs.size()), 10);
+        if (n < 0 && errno != EINTR)
+            Fail("%s: epoll_wait (%ld %ld)", "loop", 0, errno);
+        uint64_t now = NowNs();
+        for (int i = 0; i < n; ++i)
+            StepSlot(m_conns[size_t(evs[size_t(i)].data.u64)], now, evs[size_t(i)].events);
+        if (now >= next_check) {
+            // A connection not done within kStallNs fails the run rather than idling it.
+            for (Conn& c : m_conns) {
+                if (now - c.started > kStallNs)
+                    Fail("%s: connection %ld not done within 1 s (phase %ld)", "connect",
+                         long(&c - m_conns.data()), long(c.phase));
+            }
+            next_check = now + kStallNs / 10;
+        }
+        if (!m_measuring && now >= warm_end) {
+            m_measuring = true;
+            m_cpu0 = CpuNs();
+            if (m_opt.mark) {
+                std::fprintf(stderr, "measuring\n");
+                std::fflush(stderr);
+            }
             m_hist.Clear();
             base = m_done;
             t0 = now;
@@ -404,24 +884,18 @@ void CClient::Run() {
             break;
         }
     }
-    // Close with a reset: no TIME_WAIT left behind, so back-to-back runs with 1000
-    // connections never run short of ports.
-    linger lg;
-    lg.l_onoff = 1;
-    lg.l_linger = 0;
-    for (Conn& c : m_conns) {
-        setsockopt(c.fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
-        close(c.fd);
-    }
+    for (Conn& c : m_conns)
+        EndSlot(c);
     close(m_ep);
 }
 
 void PrintUsage(FILE* out) {
     std::fprintf(out,
-                 "usage: bench_client [--host H] [--port P] [--mode pingpong|pipeline|stream]\n"
+                 "usage: bench_client [--host H] [--port P]\n"
+                 "                    [--mode pingpong|pipeline|stream|connect|resume]\n"
                  "                    [--size BYTES (>= 12, whole packet)] [--conns N] [--depth K]\n"
                  "                    [--warmup SECONDS] [--duration SECONDS] [--label NAME]\n"
-                 "                    [--csv] [--csv-header]\n"
+                 "                    [--tls] [--mark] [--csv] [--csv-header]\n"
                  "Prints one JSON (or CSV) line. Exit status 1 when an echo does not match, 2 on a bad\n"
                  "argument.\n");
 }
@@ -503,6 +977,13 @@ int main(int argc, char** argv) {
             opt.label = next();
         } else if (a == "--csv") {
             opt.csv = true;
+        } else if (a == "--mark") {
+            opt.mark = true;
+        } else if (a == "--tls") {
+#ifndef QUOLNET_BENCH_TLS
+            BadArgument(a + " (built without OpenSSL)");
+#endif
+            opt.tls = true;
         } else if (a == "--csv-header") {
             std::printf(
                 "server,mode,size,conns,depth,seconds,packets,pps,mib_s,p50_us,p99_us,total_packets\n");
@@ -511,13 +992,15 @@ int main(int argc, char** argv) {
             BadArgument(a);
         }
     }
-    if (opt.mode != "pingpong" && opt.mode != "pipeline" && opt.mode != "stream")
+    if (opt.mode != "pingpong" && opt.mode != "pipeline" && opt.mode != "stream" && !ConnectMode(opt))
         BadArgument("--mode " + opt.mode);
+    if (opt.mode == "resume" && !opt.tls)
+        BadArgument("--mode resume (needs --tls)");
     if (opt.mode == "pingpong")
         opt.depth = 1;
     if (opt.mode == "pipeline" && !depth_given)
         opt.depth = 16;
-    if (opt.mode == "stream")
+    if (opt.mode == "stream" || ConnectMode(opt))
         opt.depth = 1;
     RaiseFdLimit();
     signal(SIGPIPE, SIG_IGN);

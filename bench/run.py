@@ -28,6 +28,23 @@ own code, apart from the loopback TCP work that every server causes in the kerne
 
     python3 bench/run.py --report-only   rewrites report.md and the chart from raw.jsonl and
                                          extras.json, without running anything
+
+    python3 bench/run.py --tls        the TLS rows instead (about 8 minutes): quolnet over TLS
+                                      (peek and callback modes, and peek with handshakes not held
+                                      to a share of the loop's time) against Asio over asio::ssl,
+                                      with quolnet plain on the same rows in the same run;
+                                      outputs get the prefix tls- (tls-report.md, tls-raw.jsonl,
+                                      tls-extras.json; --report-only --tls rewrites the report);
+                                      with --rows (MODE:SIZE:CONNS of the TLS rows, MODE also
+                                      connect or resume) the prefix tls-rows-
+
+TLS rows: ping-pong 64 B and 1 KiB with 10, 100 and 1000 connections, pipelined 64 B, streaming
+64 KiB, and new connections per second (10 at a time, each one handshake, one 64 B echo and a
+reset) with full and with resumed handshakes. Every TLS side runs OpenSSL with TLS 1.3 only and
+the one cipher suite TLS_AES_128_GCM_SHA256; both servers load the same certificate and key (an
+ECDSA P-256 self-signed pair made for the run by the openssl command, else each server makes
+its own in memory) and issue one session ticket per handshake. The client makes the echo rows'
+handshakes before its warm-up, so those rows time application records only.
 """
 import argparse
 import datetime
@@ -41,6 +58,7 @@ import socket
 import statistics
 import subprocess
 import sys
+import threading
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -53,6 +71,18 @@ SERVERS = [
     ("epoll", "bench_server_epoll", []),
     ("libevent", "bench_server_libevent", []),
     ("asio", "bench_server_asio", []),
+    ("uring", "bench_server_uring", []),  # hand-written io_uring loop; only when liburing is installed
+]
+
+# The TLS rows' servers: label, binary, extra arguments (TLS ones added at run time), whether
+# the client speaks TLS to it.
+TLS_SERVERS = [
+    ("quolnet-tls", "bench_server_quolnet", ["--mode", "peek"], True),
+    ("quolnet-tls-cb", "bench_server_quolnet", ["--mode", "callback"], True),
+    # handshakes not held to a share of the loop's time (ConnectorMgrOptions::handshake_cpu_share 0)
+    ("quolnet-tls-hs0", "bench_server_quolnet", ["--mode", "peek", "--handshake-share", "0"], True),
+    ("asio-tls", "bench_server_asio_tls", [], True),
+    ("quolnet-plain", "bench_server_quolnet", ["--mode", "peek"], False),
 ]
 
 SIZE_NAMES = {64: "64 B", 512: "512 B", 1024: "1 KiB", 16384: "16 KiB", 65536: "64 KiB", 262144: "256 KiB"}
@@ -69,6 +99,18 @@ def full_matrix():
     return rows
 
 
+def tls_matrix():
+    rows = []
+    for size in (64, 1024):
+        for conns in (10, 100, 1000):
+            rows.append({"mode": "pingpong", "size": size, "conns": conns, "depth": 1})
+    rows.append({"mode": "pipeline", "size": 64, "conns": 100, "depth": 16})
+    rows.append({"mode": "stream", "size": 65536, "conns": 1, "depth": 1})
+    rows.append({"mode": "connect", "size": 64, "conns": 10, "depth": 1})
+    rows.append({"mode": "resume", "size": 64, "conns": 10, "depth": 1})
+    return rows
+
+
 def quick_matrix():
     return [
         {"mode": "pingpong", "size": 64, "conns": 10, "depth": 1},
@@ -82,15 +124,16 @@ def selected_rows(args):
     """The rows this run measures: --rows picks rows of the full matrix by MODE:SIZE:CONNS."""
     if args.quick:
         return quick_matrix()
+    matrix = tls_matrix() if getattr(args, "tls", False) else full_matrix()
     if not args.rows:
-        return full_matrix()
+        return matrix
     wanted = []
     for item in args.rows.split(","):
         parts = item.strip().split(":")
         if len(parts) != 3 or not parts[1].isdigit() or not parts[2].isdigit():
             sys.exit("--rows: %r is not MODE:SIZE:CONNS" % item)
         wanted.append((parts[0], int(parts[1]), int(parts[2])))
-    rows = [r for r in full_matrix() if (r["mode"], r["size"], r["conns"]) in wanted]
+    rows = [r for r in matrix if (r["mode"], r["size"], r["conns"]) in wanted]
     missing = [w for w in wanted if w not in [(r["mode"], r["size"], r["conns"]) for r in rows]]
     if missing:
         sys.exit("--rows: not in the matrix: %s" % ", ".join("%s:%d:%d" % m for m in missing))
@@ -98,6 +141,8 @@ def selected_rows(args):
 
 
 def output_prefix(args):
+    if getattr(args, "tls", False):
+        return "tls-rows-" if args.rows else "tls-"
     return "quick-" if args.quick else ("rows-" if args.rows else "")
 
 
@@ -120,6 +165,10 @@ def row_name(r):
         return "ping-pong %s x%d" % (size, r["conns"])
     if r["mode"] == "pipeline":
         return "pipelined %s x%d, %d in flight" % (size, r["conns"], r["depth"])
+    if r["mode"] == "connect":
+        return "new connections/s, full handshake, x%d" % r["conns"]
+    if r["mode"] == "resume":
+        return "new connections/s, resumed handshake, x%d" % r["conns"]
     return "streaming %s x%d" % (size, r["conns"])
 
 
@@ -186,11 +235,11 @@ class Server:
         self.proc = None
 
 
-def run_client(args, client, port, label, row, warmup, duration):
+def run_client(args, client, port, label, row, warmup, duration, client_extra=()):
     cmd = pin(args.client_cpu) + [client, "--port", str(port), "--label", label, "--mode", row["mode"],
                                   "--size", str(row["size"]), "--conns", str(row["conns"]),
                                   "--depth", str(row["depth"]), "--warmup", str(warmup),
-                                  "--duration", str(duration)]
+                                  "--duration", str(duration)] + list(client_extra)
     try:
         out = subprocess.run(cmd, capture_output=True, text=True, timeout=warmup + duration + 30)
     except subprocess.TimeoutExpired:
@@ -218,7 +267,7 @@ def run_iperf3(args, port, warmup, duration):
 def ensure_built(args):
     build = args.build_dir
     targets = ["bench_client", "bench_server_epoll", "bench_server_libevent", "bench_server_asio",
-               "bench_server_quolnet"]
+               "bench_server_quolnet", "bench_server_uring", "bench_server_asio_tls"]
     if args.no_build:
         return
     # Configure every time (cheap) so that targets added since the last configure exist.
@@ -586,8 +635,8 @@ def cpu_table(rows, labels, results):
 def save_extras(outdir, prefix, args, labels, iperf, syscalls, machine, failures):
     """What the report needs beside raw.jsonl, so that --report-only can rewrite it."""
     extras = {
-        "args": {k: getattr(args, k) for k in ("quick", "rows", "runs", "warmup", "duration", "server_cpu",
-                                                "client_cpu", "iperf_len")},
+        "args": {k: getattr(args, k, None) for k in ("quick", "rows", "runs", "warmup", "duration", "server_cpu",
+                                                      "client_cpu", "iperf_len", "tls", "tls_cert")},
         "labels": labels, "iperf": iperf, "machine": machine,
         "syscalls": [[list(k), lab, v] for (k, lab), v in syscalls.items()],
         "failures": [[list(k), lab, errs] for (k, lab), errs in failures.items()],
@@ -611,10 +660,249 @@ def report_only(args):
             results.setdefault((key, res["server"]), []).append(res)
     syscalls = {(tuple(k), lab): v for k, lab, v in extras["syscalls"]}
     failures = {(tuple(k), lab): errs for k, lab, errs in extras["failures"]}
+    if args.tls:
+        log("rewrote " + write_tls_report(args, args.out, prefix, rows, extras["labels"], results,
+                                          extras["machine"], failures))
+        return
     report = write_report(args, args.out, prefix, rows, extras["labels"], results, extras["iperf"], syscalls,
                           extras["machine"], failures)
     write_chart(args.out, prefix, rows, extras["labels"], results)
     log("rewrote " + report)
+
+def tls_credentials(args, outdir):
+    """The certificate and key both TLS servers load: an ECDSA P-256 self-signed pair made with
+    the openssl command into `outdir` (the build directory's bench/, reused when present). Returns the servers' TLS arguments
+    and a description for the report; without the openssl command each server makes its own
+    pair in memory (--tls)."""
+    cert, key = os.path.join(outdir, "tls-cert.pem"), os.path.join(outdir, "tls-key.pem")
+    if not (os.path.exists(cert) and os.path.exists(key)) and shutil.which("openssl"):
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                        "-nodes", "-keyout", key, "-out", cert, "-days", "3650", "-subj", "/CN=localhost"],
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
+    if os.path.exists(cert) and os.path.exists(key):
+        return ["--tls-cert", cert, "--tls-key", key], "the same ECDSA P-256 self-signed certificate (files)"
+    return ["--tls"], "an ECDSA P-256 self-signed certificate each server makes in memory"
+
+
+def run_client_measured(args, client, srv, label, row, client_extra):
+    """run_client with --mark: the server's CPU ticks are also sampled when the client says its
+    measured time begins, so res gets srv_meas_user_ns / srv_meas_sys_ns, the server's CPU per
+    measured packet without the handshakes and the warm-up."""
+    cmd = pin(args.client_cpu) + [client, "--port", str(srv.port), "--label", label, "--mode", row["mode"],
+                                  "--size", str(row["size"]), "--conns", str(row["conns"]),
+                                  "--depth", str(row["depth"]), "--warmup", str(args.warmup),
+                                  "--duration", str(args.duration), "--mark"] + list(client_extra)
+    before = srv.cpu_ticks()
+    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    watchdog = threading.Timer(args.warmup + args.duration + 30, proc.kill)
+    watchdog.start()
+    try:
+        mark, err_lines = None, []
+        for line in proc.stderr:
+            if line.strip() == "measuring" and mark is None:
+                mark = srv.cpu_ticks()
+                break
+            err_lines.append(line)
+        out, rest = proc.communicate()
+        end = srv.cpu_ticks()
+    finally:
+        watchdog.cancel()
+    err = ("".join(err_lines) + rest).strip()
+    if proc.returncode != 0:
+        return None, err or "client failed (status %d)" % proc.returncode
+    res = json.loads(out.strip().splitlines()[-1])
+    add_cpu_per_packet(res, before, end)
+    if mark is not None and end is not None and res.get("packets"):
+        res["srv_meas_user_ns"] = (end[0] - mark[0]) * 1e9 / CLK_TCK / res["packets"]
+        res["srv_meas_sys_ns"] = (end[1] - mark[1]) * 1e9 / CLK_TCK / res["packets"]
+    return res, None
+
+
+def tls_ratio_cell(rows_by_run, num, den):
+    """Median [min-max] of the per-run ratios num/den (the same run index); '-' when none."""
+    ratios = [v[num] / v[den] for v in rows_by_run.values() if num in v and den in v and v[den] > 0]
+    if not ratios:
+        return "-"
+    return "%.2f [%.2f-%.2f]" % (statistics.median(ratios), min(ratios), max(ratios))
+
+
+def write_tls_report(args, outdir, prefix, rows, labels, results, machine, failures):
+    lines = ["# quolnet TLS echo benchmarks", ""]
+    lines.append("Machine: %s, %s cores, kernel %s; commit %s; %s." % (
+        machine["cpu"], machine["cores"], machine["kernel"], machine["commit"], machine["date"]))
+    lines.append("Server pinned to CPU %s, client to CPU %s; %d runs per cell (A/B interleaved), "
+                 "warm-up %.2f s then %.2f s measured per run; cells show the median [min-max]."
+                 % (args.server_cpu, args.client_cpu, args.runs, args.warmup, args.duration))
+    lines.append("TLS: OpenSSL %s, TLS 1.3 only, TLS_AES_128_GCM_SHA256 on every side, key exchange by "
+                 "OpenSSL's default group; servers load %s and issue one session ticket per handshake. "
+                 "The client does not verify the certificate. Echo rows: handshakes before the warm-up. "
+                 "Connection rows: each of 10 client slots connects, handshakes, echoes 64 B and resets, "
+                 "over and over; the resumed row offers the ticket of one untimed first connection every "
+                 "time. quolnet-plain runs the full-handshake row as plain TCP (connect, echo, reset) and "
+                 "has no resumed row." % (machine.get("openssl", "?"), machine.get("tls_cert", "?")))
+    lines.append("")
+    lines.append("Packets/s (connections/s on the connection rows; MiB/s in parentheses on the streaming row):")
+    lines.append("")
+    lines.append("| scenario | " + " | ".join(labels) + " |")
+    lines.append("| --- |" + " ---: |" * len(labels))
+    for r in rows:
+        cells = []
+        for lab in labels:
+            res = results.get((row_key(r), lab), [])
+            pps = summarize([x["pps"] for x in res])
+            if pps is None:
+                cells.append("failed" if (row_key(r), lab) in failures else "-")
+                continue
+            cell = "%s [%s-%s]" % (fmt_num(pps["med"]), fmt_num(pps["min"]), fmt_num(pps["max"]))
+            if r["mode"] == "stream":
+                cell += " (%s MiB/s)" % fmt_num(summarize([x["mib_s"] for x in res])["med"])
+            cells.append(cell)
+        lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    lines.append("")
+    lines.append("Ratios: the ratio of the medians, then the median [min-max] of the per-run ratios (run k of "
+                 "a row measures every server back to back, so the machine's drift between runs cancels). "
+                 "The resumed row's plain figure is the plain full row's (plain TCP has no resumption).")
+    lines.append("")
+    pairs = [(q, d) for q, d in (("quolnet-tls", "asio-tls"), ("quolnet-tls-cb", "asio-tls"),
+                                 ("quolnet-tls-hs0", "asio-tls"), ("quolnet-tls", "quolnet-plain"))
+             if q in labels and d in labels]
+    lines.append("| scenario | " + " | ".join("%s / %s" % p for p in pairs) + " |")
+    lines.append("| --- |" + " ---: |" * len(pairs))
+    for r in rows:
+        cells = []
+        for q, d in pairs:
+            dkey = row_key(r)
+            if d == "quolnet-plain" and r["mode"] == "resume":
+                dkey = ("connect", r["size"], r["conns"], r["depth"])
+            by_run = {}
+            for x in results.get((row_key(r), q), []):
+                by_run.setdefault(x["run"], {})["num"] = x["pps"]
+            for x in results.get((dkey, d), []):
+                by_run.setdefault(x["run"], {})["den"] = x["pps"]
+            nm = summarize([x["pps"] for x in results.get((row_key(r), q), [])])
+            dm = summarize([x["pps"] for x in results.get((dkey, d), [])])
+            med = "%.2f" % (nm["med"] / dm["med"]) if nm and dm and dm["med"] > 0 else "-"
+            cells.append("%s; %s" % (med, tls_ratio_cell(by_run, "num", "den")))
+        lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    cpu_lines = []
+    for r in rows:
+        cells = []
+        for lab in labels:
+            res = [x for x in results.get((row_key(r), lab), []) if "srv_meas_user_ns" in x]
+            if not res:
+                cells.append("-")
+                continue
+            u = statistics.median([x["srv_meas_user_ns"] for x in res])
+            k = statistics.median([x["srv_meas_sys_ns"] for x in res])
+            cells.append("%s + %s" % (fmt_num(u), fmt_num(k)))
+        cpu_lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    lines.append("")
+    lines.append("Server CPU per packet (per connection on the connection rows), median ns, user + kernel, over "
+                 "the measured time alone (from /proc/PID/stat, sampled when the client's measured time "
+                 "begins and after it ends; %d ticks a second, so a cell is good to a few percent):" % CLK_TCK)
+    lines.append("")
+    lines.append("| scenario | " + " | ".join(labels) + " |")
+    lines.append("| --- |" + " ---: |" * len(labels))
+    lines += cpu_lines
+    client_lines = []
+    for r in rows:
+        cells = []
+        for lab in labels:
+            v = [x["client_cpu_pct"] for x in results.get((row_key(r), lab), []) if "client_cpu_pct" in x]
+            cells.append("%.0f%%" % statistics.median(v) if v else "-")
+        client_lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    lines.append("")
+    lines.append("The client's CPU over the measured time, median share of its one core (near 100%: the client "
+                 "may be what limits the row):")
+    lines.append("")
+    lines.append("| scenario | " + " | ".join(labels) + " |")
+    lines.append("| --- |" + " ---: |" * len(labels))
+    lines += client_lines
+    stalled = sorted({(row_name(r), lab) for r in rows for lab in labels
+                      for x in results.get((row_key(r), lab), []) if x.get("stalled_conns")})
+    if stalled:
+        lines.append("")
+        lines.append("Runs where some connections completed no echo while measured: " +
+                     ", ".join("%s on %s" % (lab, name) for name, lab in stalled))
+    if failures:
+        lines.append("")
+        lines.append("Failed runs:")
+        lines.append("")
+        for (key, lab), errs in sorted(failures.items()):
+            lines.append("- %s %s: %s" % (lab, key, errs[0][:200]))
+    path = os.path.join(outdir, prefix + "report.md")
+    with open(path, "w") as f:
+        f.write("\n".join(lines) + "\n")
+    return path
+
+
+def run_tls(args, bindir, client):
+    """The TLS rows (--tls): every TLS_SERVERS entry built, an echo and a sink instance each,
+    visited A/B interleaved as the plain matrix is; writes tls-raw.jsonl, tls-extras.json and
+    tls-report.md."""
+    os.makedirs(args.out, exist_ok=True)
+    tls_args, cert_desc = tls_credentials(args, os.path.join(args.build_dir, "bench"))
+    wanted = set(args.servers.split(",")) if args.servers else None
+    servers = [(lab, os.path.join(bindir, b), extra + (tls_args if tls else []), tls)
+               for lab, b, extra, tls in TLS_SERVERS
+               if os.path.exists(os.path.join(bindir, b)) and (wanted is None or lab in wanted)]
+    if not servers:
+        sys.exit("no TLS server built")
+    labels = [s[0] for s in servers]
+    speaks_tls = {s[0]: s[3] for s in servers}
+    rows = selected_rows(args)
+    prefix = output_prefix(args)
+    log("servers: " + ", ".join(labels))
+    est = len(rows) * len(labels) * args.runs * (args.warmup + args.duration + 0.3)
+    log("%d scenarios x %d servers x %d runs: about %.0f min" % (len(rows), len(labels), args.runs, est / 60 + 0.5))
+    running = {}
+    port = args.base_port
+    for lab, path, extra, _ in servers:
+        for sink in (False, True):
+            srv = Server(lab, path, extra, port, sink, args.server_cpu)
+            port += 1
+            if not srv.start():
+                log("%s%s did not start" % (lab, " --sink" if sink else ""))
+            running[(lab, sink)] = srv
+    results, failures = {}, {}
+    raw = open(os.path.join(args.out, prefix + "raw.jsonl"), "w")
+    started = time.time()
+    try:
+        for i, r in enumerate(rows):
+            key = row_key(r)
+            log("[%d/%d] %s" % (i + 1, len(rows), row_name(r)))
+            row_labels = [lab for lab in labels if speaks_tls[lab] or r["mode"] != "resume"]
+            for run in range(args.runs):
+                order = row_labels[run % len(row_labels):] + row_labels[:run % len(row_labels)]
+                for lab in order:
+                    srv = running[(lab, r["mode"] == "stream")]
+                    if not srv.alive() and not srv.start():
+                        failures.setdefault((key, lab), []).append("server not running")
+                        continue
+                    res, err = run_client_measured(args, client, srv, lab, r, ["--tls"] if speaks_tls[lab] else [])
+                    if res is None:
+                        failures.setdefault((key, lab), []).append(err or "client failed")
+                        log("  %s run %d failed: %s" % (lab, run + 1, (err or "")[:200]))
+                        srv.stop()
+                        continue
+                    res["run"] = run
+                    raw.write(json.dumps(res) + "\n")
+                    results.setdefault((key, lab), []).append(res)
+    finally:
+        for srv in running.values():
+            srv.stop()
+        raw.close()
+    machine = machine_description()
+    machine["tls_cert"] = cert_desc
+    ver = subprocess.run(["openssl", "version"], capture_output=True, text=True).stdout.split() \
+        if shutil.which("openssl") else []
+    machine["openssl"] = ver[1] if len(ver) > 1 else "?"
+    args.tls_cert = cert_desc
+    save_extras(args.out, prefix, args, labels, [], {}, machine, failures)
+    report = write_tls_report(args, args.out, prefix, rows, labels, results, machine, failures)
+    log("done in %.0f s: %s" % (time.time() - started, report))
+    with open(report) as f:
+        print(f.read())
 
 
 def main():
@@ -638,6 +926,9 @@ def main():
     ap.add_argument("--out", default=os.path.join(ROOT, "bench", "results"))
     ap.add_argument("--report-only", action="store_true",
                     help="rewrite report.md and the chart from the raw.jsonl and extras.json of an earlier run")
+    ap.add_argument("--tls", action="store_true",
+                    help="the TLS rows: quolnet over TLS against Asio over asio::ssl, and quolnet plain "
+                         "(outputs prefixed tls-)")
     ap.add_argument("--threads", type=int, default=1,
                     help="event loops of the quolnet servers (CConnectorGroup when above 1); the server "
                          "is then pinned to CPUs 0..N-1 instead of --server-cpu")
@@ -655,6 +946,8 @@ def main():
     client = os.path.join(bindir, "bench_client")
     if not os.path.exists(client):
         sys.exit("bench_client not built in %s" % bindir)
+    if args.tls:
+        return run_tls(args, bindir, client)
     wanted = set(args.servers.split(",")) if args.servers else None
     servers = [(lab, os.path.join(bindir, b), extra) for lab, b, extra in SERVERS
                if os.path.exists(os.path.join(bindir, b)) and (wanted is None or lab in wanted)]

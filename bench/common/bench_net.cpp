@@ -33,6 +33,12 @@ void PrintUsage(FILE* out, const char* prog) {
         "  --mode NAME   server variant (bench_server_quolnet: peek or callback)\n"
         "  --cork on|off bench_server_quolnet: cork replies of one tick (default on)\n"
         "  --threads N   bench_server_quolnet: event loops, 1..256 (default 1)\n"
+        "  --tls         TLS servers: serve TLS 1.3 with a self-signed certificate made in memory\n"
+        "  --tls-cert FILE --tls-key FILE\n"
+        "                TLS servers: serve TLS 1.3 with this PEM certificate chain and key\n"
+        "  --handshake-share PCT\n"
+        "                bench_server_quolnet: share of the loop's time handshakes may take while\n"
+        "                established connections have work, 0..100 (default: the library's)\n"
         "Exit status 2 on a bad argument.\n",
         prog);
 }
@@ -60,7 +66,7 @@ bool ValidIPv4(const char* text) {
     return inet_pton(AF_INET, text, &a) == 1;
 }
 
-ServerOptions ParseServerOptions(int argc, char** argv, const char* prog) {
+ServerOptions ParseServerOptions(int argc, char** argv, const char* prog, bool allow_tls) {
     ServerOptions opt;
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
@@ -80,6 +86,17 @@ ServerOptions ParseServerOptions(int argc, char** argv, const char* prog) {
             opt.threads = std::atoi(argv[++i]);
         } else if (!std::strcmp(a, "--cork") && v != nullptr) {
             opt.cork = argv[++i];
+        } else if (allow_tls && !std::strcmp(a, "--handshake-share") && v != nullptr && std::atoi(v) >= 0 &&
+                   std::atoi(v) <= 100) {
+            opt.handshake_share = std::atoi(argv[++i]);
+        } else if (allow_tls && !std::strcmp(a, "--tls")) {
+            opt.tls = true;
+        } else if (allow_tls && !std::strcmp(a, "--tls-cert") && v != nullptr) {
+            opt.tls = true;
+            opt.tls_cert = argv[++i];
+        } else if (allow_tls && !std::strcmp(a, "--tls-key") && v != nullptr) {
+            opt.tls = true;
+            opt.tls_key = argv[++i];
         } else {
             BadArgument(prog, a);
         }

@@ -36,12 +36,21 @@ struct ServerOptions {
     const char* mode = nullptr;  // server-specific variant (quolnet: peek | callback)
     const char* cork = nullptr;  // quolnet: on (default) | off
     int threads = 1;             // quolnet: event loops (CConnectorGroup when more than one)
+    // TLS servers only: serve over TLS, with the certificate and key of these PEM files, or
+    // with a self-signed pair made in memory when `tls` is set and no file is given.
+    bool tls = false;
+    const char* tls_cert = nullptr;
+    const char* tls_key = nullptr;
+    // bench_server_quolnet: ConnectorMgrOptions::handshake_cpu_share (-1: the library's default).
+    int handshake_share = -1;
 };
 
-// Parses --host, --port, --sink, --mode, --cork and --threads. --help prints the usage on stdout and
-// exits with 0; anything else it cannot use (an unknown flag, a host that is not an IPv4
-// address, a port outside 0..65535) prints the usage on stderr and exits with 2.
-ServerOptions ParseServerOptions(int argc, char** argv, const char* prog);
+// Parses --host, --port, --sink, --mode, --cork and --threads, and with `allow_tls` also --tls,
+// --tls-cert FILE and --tls-key FILE (either file sets `tls`). --help prints the usage on
+// stdout and exits with 0; anything else it cannot use (an unknown flag, a TLS flag when
+// `allow_tls` is false, a host that is not an IPv4 address, a port outside 0..65535) prints
+// the usage on stderr and exits with 2.
+ServerOptions ParseServerOptions(int argc, char** argv, const char* prog, bool allow_tls = false);
 
 // Parses a port number 0..65535 (the whole text); false when it is not one.
 bool ParsePort(const char* text, int* port);

@@ -16,6 +16,11 @@
 // own connection down through TCP.
 //
 //   --cork off       never cork: every reply is a direct Send (to measure what corking buys).
+//
+// TLS (built when quolnet::tls is): --tls-cert FILE --tls-key FILE serves the same echo/sink
+// over TLS 1.3 with that certificate, --tls with a self-signed one made in memory; the one
+// cipher suite allowed is kTlsCipherSuite, as for every TLS side of the benchmark. The
+// listener's SocketOptions::stream carries the TLS context; the handler is the same.
 #include <pthread.h>
 #include <signal.h>
 
@@ -31,6 +36,10 @@
 #include "common/bench_net.h"
 #include "net/connector_group.h"
 #include "net/connector_mgr.h"
+#ifdef QUOLNET_BENCH_TLS
+#include "common/bench_tls.h"
+#include "tls/tls_context.h"
+#endif
 
 using namespace QUOLNET_BENCH;
 
@@ -56,11 +65,32 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
             int ret = m_cork && more ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
             if (ret == 0)
                 return false;  // no room now: offered again shortly
+            if (ret < 0) {
+                // Refused for good (the packet is not echoed): counted, reported on exit.
+                LoopCount* count = Mine();
+                count->refused.store(count->refused.load(std::memory_order_relaxed) + 1,
+                                     std::memory_order_relaxed);
+                count->last_refusal.store(ret, std::memory_order_relaxed);
+                return true;
+            }
         }
         LoopCount* count = Mine();
         count->packets.store(count->packets.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         count->bytes.store(count->bytes.load(std::memory_order_relaxed) + len, std::memory_order_relaxed);
         return true;
+    }
+
+    // Echoes refused with an error over every loop, and the last error. Read after the loops
+    // stopped.
+    std::pair<uint64_t, int> Refused() {
+        std::lock_guard<std::mutex> lock(m_counts_mutex);
+        std::pair<uint64_t, int> out{0, 0};
+        for (auto& c : m_counts) {
+            out.first += c->refused.load(std::memory_order_relaxed);
+            if (c->last_refusal.load(std::memory_order_relaxed) != 0)
+                out.second = c->last_refusal.load(std::memory_order_relaxed);
+        }
+        return out;
     }
 
     // Totals over every loop: packets and bytes. Read after the loops stopped.
@@ -80,6 +110,8 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
     struct alignas(64) LoopCount {
         std::atomic<uint64_t> packets{0};
         std::atomic<uint64_t> bytes{0};
+        std::atomic<uint64_t> refused{0};  // echoes Send refused with an error
+        std::atomic<int> last_refusal{0};  // the last such error (a kSend... result)
     };
     LoopCount* Mine() {
         thread_local LoopCount* t_count = nullptr;  // one handler per process
@@ -97,13 +129,14 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
     std::vector<std::unique_ptr<LoopCount>> m_counts;  // guarded by m_counts_mutex
 };
 
-int RunOne(CEchoHandler* handler, const QUOLNET::ConnectorMgrOptions& options, const std::string& url) {
+int RunOne(CEchoHandler* handler, const QUOLNET::ConnectorMgrOptions& options, const std::string& url,
+           const QUOLNET::SocketOptions& socket) {
     QUOLNET::CConnectorMgr mgr(handler, options);
     if (mgr.Init() != 0) {
         std::perror("bench_server_quolnet: Init");
         return 1;
     }
-    if (mgr.Listen(url.c_str(), 4096) < 0) {
+    if (mgr.Listen(url.c_str(), socket, 4096) < 0) {
         std::fprintf(stderr, "bench_server_quolnet: cannot listen on %s: %s\n", url.c_str(),
                      std::strerror(errno));
         return 1;
@@ -122,7 +155,7 @@ int RunOne(CEchoHandler* handler, const QUOLNET::ConnectorMgrOptions& options, c
 // N loops on N threads; this thread waits for SIGINT/SIGTERM (blocked in every thread and
 // taken with sigwait), then stops the group.
 int RunGroup(CEchoHandler* handler, const QUOLNET::ConnectorMgrOptions& options, int threads,
-             const std::string& url) {
+             const std::string& url, const QUOLNET::SocketOptions& socket) {
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
@@ -136,7 +169,7 @@ int RunGroup(CEchoHandler* handler, const QUOLNET::ConnectorMgrOptions& options,
         std::perror("bench_server_quolnet: Init");
         return 1;
     }
-    if (group.Listen(url.c_str(), 4096) < 0) {
+    if (group.Listen(url.c_str(), socket, 4096) < 0) {
         std::fprintf(stderr, "bench_server_quolnet: cannot listen on %s: %s\n", url.c_str(),
                      std::strerror(errno));
         return 1;
@@ -148,10 +181,43 @@ int RunGroup(CEchoHandler* handler, const QUOLNET::ConnectorMgrOptions& options,
     std::fprintf(stderr, "%s", group.FormatStats().c_str());
     return 0;
 }
+// The listener's socket options: plain TCP, or with --tls* a TLS 1.3 server context. False,
+// with a message on stderr, when the TLS context cannot be made (or TLS is not built).
+bool MakeSocketOptions(const ServerOptions& opt, QUOLNET::SocketOptions* socket) {
+    if (!opt.tls)
+        return true;
+#ifdef QUOLNET_BENCH_TLS
+    QUOLNET::TlsOptions tls;
+    std::string error;
+    if (!LoadServerCredentials(opt.tls_cert, opt.tls_key, &tls.cert_pem, &tls.key_pem, &error)) {
+        std::fprintf(stderr, "bench_server_quolnet: %s\n", error.c_str());
+        return false;
+    }
+    tls.min_version = "1.3";
+    tls.max_version = "1.3";
+    tls.ciphersuites = kTlsCipherSuite;
+    std::shared_ptr<QUOLNET::CTlsContext> context = QUOLNET::CTlsContext::CreateServer(tls, &error);
+    if (context == nullptr) {
+        std::fprintf(stderr, "bench_server_quolnet: TLS: %s\n", error.c_str());
+        return false;
+    }
+    socket->stream = context;
+    return true;
+#else
+    (void)socket;
+    std::fprintf(stderr, "bench_server_quolnet: built without quolnet::tls\n");
+    return false;
+#endif
+}
 }  // namespace
 
 int main(int argc, char** argv) {
-    ServerOptions opt = ParseServerOptions(argc, argv, "bench_server_quolnet");
+#ifdef QUOLNET_BENCH_TLS
+    const bool allow_tls = true;
+#else
+    const bool allow_tls = false;
+#endif
+    ServerOptions opt = ParseServerOptions(argc, argv, "bench_server_quolnet", allow_tls);
     std::string mode = opt.mode ? opt.mode : "peek";
     if (mode != "peek" && mode != "callback") {
         std::fprintf(stderr, "bench_server_quolnet: --mode peek|callback\n");
@@ -168,10 +234,19 @@ int main(int argc, char** argv) {
     options.use_recv_callback = mode == "callback";
     options.pool_blocks = 16384;  // made on demand: 1000 connections x 256 KiB packets fit
     options.max_events = 1024;
+    if (opt.handshake_share >= 0)
+        options.handshake_cpu_share = static_cast<unsigned int>(opt.handshake_share);
     std::string url = std::string("tcp://") + opt.host + ":" + std::to_string(opt.port);
-    int ret =
-        opt.threads > 1 ? RunGroup(&handler, options, opt.threads, url) : RunOne(&handler, options, url);
+    QUOLNET::SocketOptions socket;
+    if (!MakeSocketOptions(opt, &socket))
+        return 1;
+    int ret = opt.threads > 1 ? RunGroup(&handler, options, opt.threads, url, socket)
+                              : RunOne(&handler, options, url, socket);
     std::pair<uint64_t, uint64_t> served = handler.Totals();
     PrintServed(served.first, served.second);
+    std::pair<uint64_t, int> refused = handler.Refused();
+    if (refused.first != 0)
+        std::fprintf(stderr, "echoes refused by Send: %llu (last result %d)\n",
+                     static_cast<unsigned long long>(refused.first), refused.second);
     return ret == 0 ? 0 : 1;
 }
