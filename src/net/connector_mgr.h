@@ -179,12 +179,13 @@ struct ConnectorMgrOptions {
     // Handshake steps one loop tick makes at most; the rest wait for the next tick, so a
     // flood of new handshakes cannot starve the established connections. 0: no bound.
     unsigned int handshakes_per_tick = 64;
-    // The share (percent of the loop's time) that new connections with a stream layer (the
-    // accept, the TLS session, every handshake step: a full TLS handshake is a key exchange
-    // and a signature, far more than a packet) may take while established connections have
-    // work too: a flood of new handshakes then slows down, not the connections already
-    // served. A loop whose established connections have had nothing to do for 100 ms is
-    // not held to it. 0 or 100: no bound.
+    // The share (percent of the loop's busy time) that new connections with a stream layer
+    // (the accept, the TLS session, every handshake step: a full TLS handshake is a key
+    // exchange and a signature, far more than a packet) may take while established
+    // connections have work too: a flood of new handshakes then slows down, not the
+    // connections already served. Time the loop would otherwise spend waiting for events
+    // is theirs besides, and a loop whose established connections have had nothing to do
+    // for 100 ms does not hold them back at all. 0 or 100: no bound.
     unsigned int handshake_cpu_share = 30;
 };
 
@@ -546,9 +547,9 @@ class QUOLNET_EXPORT CConnectorMgr {
     std::vector<OwnedConn*> m_handshakes_run;  // the list RunHandshakes works through
     int64_t m_handshake_credit_ns = 0;
     int64_t m_tick_start_ns = 0;
-    int64_t m_tick_metered_ns = 0;   // accepts and handshake steps of this tick
-    int64_t m_credit_refill_ns = 0;  // when the handshake credit was last refilled
-    int64_t m_other_work_ns = 0;     // the last tick in which established connections had work
+    int64_t m_tick_metered_ns = 0;         // accepts and handshake steps of this tick
+    int64_t m_handshake_phase_end_ns = 0;  // when the last tick's handshake work ended
+    int64_t m_other_work_ns = 0;           // the last tick in which established connections had work
     unsigned int m_tick_other_work = 0;
     bool m_stream_layers_used = false;
     std::vector<OwnedConn*> m_corked;     // connections with corked sends this tick (loop thread)

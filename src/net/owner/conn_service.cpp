@@ -101,12 +101,15 @@ void CConnService::RefillHandshakeCredit() {
     }
     if (now - m_mgr.m_other_work_ns > static_cast<int64_t>(kHandshakeIdleMs) * 1000000) {
         credit = burst;  // no established connection has wanted the loop for a while
-    } else if (m_mgr.m_credit_refill_ns != 0) {
-        // The share of the time that passed: established connections, whose requests may
-        // be in flight between ticks, keep the rest whether or not this tick had any.
-        credit = std::min(burst, credit + (now - m_mgr.m_credit_refill_ns) * share / 100);
+    } else if (m_mgr.m_handshake_phase_end_ns != 0) {
+        // Since the last tick's handshake work: the time the loop waited for events is
+        // free for handshakes; of the time established connections took in this tick,
+        // handshakes get share / (100 - share) as much.
+        int64_t idle = m_mgr.m_tick_start_ns - m_mgr.m_handshake_phase_end_ns;
+        int64_t other = now - m_mgr.m_tick_start_ns - m_mgr.m_tick_metered_ns;
+        int64_t gained = std::max<int64_t>(idle, 0) + std::max<int64_t>(other, 0) * share / (100 - share);
+        credit = std::min(burst, credit + gained);
     }
-    m_mgr.m_credit_refill_ns = now;
 }
 
 int CConnService::HandshakeWaitMs() const {

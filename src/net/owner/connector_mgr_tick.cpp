@@ -156,6 +156,9 @@ void CConnectorMgr::RunTick(const std::vector<size_t>& readable) {
         m_service.RefillHandshakeCredit();
     }
     m_service.RunHandshakes();
+    if (m_tick_start_ns != 0) {
+        m_handshake_phase_end_ns = CConnService::NowNs();
+    }
     DrainWork();
 
     int64_t now = CEventLoop::NowMs();
