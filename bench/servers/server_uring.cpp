@@ -98,10 +98,10 @@ struct Conn {
     bool dirty = false;       // on the flush list
     Bytes pend;               // echo: received bytes; [0, ready) are complete packets
     size_t ready = 0;
-    Bytes fly;                // echo: the bytes of the send in flight
-    size_t fly_off = 0;       // bytes of `fly` already sent
-    uint32_t skip = 0;        // sink: body bytes of the current packet still to drop
-    uint32_t cur_len = 0;     // sink: length of the packet being dropped
+    Bytes fly;             // echo: the bytes of the send in flight
+    size_t fly_off = 0;    // bytes of `fly` already sent
+    uint32_t skip = 0;     // sink: body bytes of the current packet still to drop
+    uint32_t cur_len = 0;  // sink: length of the packet being dropped
 };
 
 struct Loop {
@@ -488,17 +488,17 @@ int main(int argc, char** argv) {
             uint64_t ud = cqe->user_data;
             uint32_t slot = uint32_t(ud);
             switch (Op(ud >> 32)) {
-            case kOpRecv:
-                loop.OnRecv(slot, cqe);
-                break;
-            case kOpSend:
-                loop.OnSend(slot, cqe);
-                break;
-            case kOpAccept:
-                loop.OnAccept(cqe);
-                break;
-            default:  // a failed close or cancel: nothing to do
-                break;
+                case kOpRecv:
+                    loop.OnRecv(slot, cqe);
+                    break;
+                case kOpSend:
+                    loop.OnSend(slot, cqe);
+                    break;
+                case kOpAccept:
+                    loop.OnAccept(cqe);
+                    break;
+                default:  // a failed close or cancel: nothing to do
+                    break;
             }
         }
         io_uring_cq_advance(&loop.ring, seen);
