@@ -185,7 +185,10 @@ struct ConnectorMgrOptions {
     // connections have work too: a flood of new handshakes then slows down, not the
     // connections already served. Time the loop would otherwise spend waiting for events
     // is theirs besides, and a loop whose established connections have had nothing to do
-    // for 100 ms does not hold them back at all. 0 or 100: no bound.
+    // for 100 ms does not hold them back at all. A connection counts as established for
+    // this 100 ms after its handshake: before, its first exchanges are part of the new
+    // connections' load (a client that connects, asks once and leaves is not held back by
+    // its own traffic). 0 or 100: no bound.
     unsigned int handshake_cpu_share = 30;
 };
 

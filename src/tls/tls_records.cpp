@@ -2,10 +2,8 @@
 #include "tls/tls_records.h"
 
 #include <errno.h>
-#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/kdf.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
@@ -73,24 +71,37 @@ const EVP_CIPHER* CipherOf(uint16_t suite) {
     }
 }
 
-const char* DigestOf(uint16_t suite) {
-    return suite == CTlsRecords::kAes256GcmSha384 ? "SHA384" : "SHA256";
+const EVP_MD* DigestOf(uint16_t suite) {
+    static EVP_MD* sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    static EVP_MD* sha384 = EVP_MD_fetch(nullptr, "SHA384", nullptr);
+    return suite == CTlsRecords::kAes256GcmSha384 ? sha384 : sha256;
 }
 
 size_t KeyLength(uint16_t suite) {
     return suite == CTlsRecords::kAes128GcmSha256 ? 16 : 32;
 }
 
-// HKDF-Expand-Label(secret, label, "", out_len) of TLS 1.3 with the suite's hash.
+// HKDF-Expand-Label(secret, label, "", out_len) of TLS 1.3 with the suite's hash, for an
+// out_len of at most the hash's length (keys, ivs, the next secret): then HKDF-Expand is one
+// HMAC, T(1) = HMAC(secret, info | 0x01), computed here over the digest fetched once, because
+// the KDF and MAC interfaces look the digest up by name on every call (a tenth of a resumed
+// handshake's time).
 bool ExpandLabel(uint16_t suite, const uint8_t* secret, size_t secret_len, const char* label, uint8_t* out,
                  size_t out_len) {
-    static EVP_KDF* hkdf = EVP_KDF_fetch(nullptr, "HKDF", nullptr);
-    if (hkdf == nullptr) {
+    const EVP_MD* md = DigestOf(suite);
+    if (md == nullptr) {
+        return false;
+    }
+    const size_t hash_len = static_cast<size_t>(EVP_MD_get_size(md));
+    const size_t block = static_cast<size_t>(EVP_MD_get_block_size(md));
+    uint8_t pad[128];
+    size_t label_len = strlen(label);
+    if (out_len > hash_len || secret_len > block || block > sizeof(pad) || label_len > 249) {
         return false;
     }
     // struct { uint16 length; opaque label<7..255> = "tls13 " + label; opaque context<0..255>; }
-    uint8_t info[2 + 1 + 255 + 1];
-    size_t label_len = strlen(label);
+    // then HKDF-Expand's counter byte.
+    uint8_t info[2 + 1 + 255 + 1 + 1];
     size_t n = 0;
     info[n++] = static_cast<uint8_t>(out_len >> 8);
     info[n++] = static_cast<uint8_t>(out_len);
@@ -100,20 +111,32 @@ bool ExpandLabel(uint16_t suite, const uint8_t* secret, size_t secret_len, const
     memcpy(info + n, label, label_len);
     n += label_len;
     info[n++] = 0;  // no context
-    EVP_KDF_CTX* kctx = EVP_KDF_CTX_new(hkdf);
-    if (kctx == nullptr) {
+    info[n++] = 1;  // T(1)
+    EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+    if (ctx == nullptr) {
         return false;
     }
-    int mode = EVP_KDF_HKDF_MODE_EXPAND_ONLY;
-    OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_int(OSSL_KDF_PARAM_MODE, &mode),
-        OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, const_cast<char*>(DigestOf(suite)), 0),
-        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, const_cast<uint8_t*>(secret), secret_len),
-        OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, info, n),
-        OSSL_PARAM_construct_end(),
+    uint8_t inner[EVP_MAX_MD_SIZE];
+    uint8_t outer[EVP_MAX_MD_SIZE];
+    auto keyed = [&](uint8_t x) {
+        memset(pad, x, block);
+        for (size_t i = 0; i < secret_len; ++i) {
+            pad[i] = static_cast<uint8_t>(secret[i] ^ x);
+        }
     };
-    bool ok = EVP_KDF_derive(kctx, out, out_len, params) == 1;
-    EVP_KDF_CTX_free(kctx);
+    keyed(0x36);
+    bool ok = EVP_DigestInit_ex(ctx, md, nullptr) == 1 && EVP_DigestUpdate(ctx, pad, block) == 1 &&
+              EVP_DigestUpdate(ctx, info, n) == 1 && EVP_DigestFinal_ex(ctx, inner, nullptr) == 1;
+    keyed(0x5c);
+    ok = ok && EVP_DigestInit_ex(ctx, md, nullptr) == 1 && EVP_DigestUpdate(ctx, pad, block) == 1 &&
+         EVP_DigestUpdate(ctx, inner, hash_len) == 1 && EVP_DigestFinal_ex(ctx, outer, nullptr) == 1;
+    EVP_MD_CTX_free(ctx);
+    if (ok) {
+        memcpy(out, outer, out_len);
+    }
+    OPENSSL_cleanse(pad, sizeof(pad));
+    OPENSSL_cleanse(inner, sizeof(inner));
+    OPENSSL_cleanse(outer, sizeof(outer));
     return ok;
 }
 

@@ -503,3 +503,44 @@ TEST_F(TlsTest, APacketThatComesWithTheHandshakeIsOfferedAfterOnConnected) {
 }
 
 }  // namespace
+
+namespace {
+
+// Counts the handshakes completed (OnConnected, either side) in each tick.
+class TickCounter : public Recorder {
+  public:
+    void OnConnected(CConnectorMgr* mgr, ConnId id, const char* url, bool accepted) override {
+        Recorder::OnConnected(mgr, id, url, accepted);
+        ++this_tick;
+        ++total;
+    }
+    void OnTick(CConnectorMgr*) override {
+        most = std::max(most, this_tick);
+        this_tick = 0;
+    }
+    int this_tick = 0;
+    int most = 0;
+    int total = 0;
+};
+
+TEST_F(TlsTest, HandshakeStepsPerTickAreBounded) {
+    m_options.handshakes_per_tick = 1;
+    TickCounter counter;
+    ConnectorMgrOptions o = m_options;
+    o.pool = &m_pool;
+    o.log_cat = m_log.cat();
+    m_mgr.reset(new CConnectorMgr(&counter, o));
+    ASSERT_EQ(0, m_mgr->Init());
+    std::string url = ListenTls(ServerOptions());
+    const int kDials = 8;
+    for (int i = 0; i < kDials; ++i) {
+        ASSERT_NE(0u, DialTls(url, ClientOptions()));
+    }
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return counter.total == 2 * kDials; })) << m_log.Dump();
+    counter.OnTick(m_mgr.get());
+    EXPECT_EQ(1, counter.most) << "one handshake step a tick completes at most one handshake";
+    EXPECT_EQ(static_cast<size_t>(kDials), counter.accepted_ids.size());
+    m_mgr.reset();  // before the handler goes
+}
+
+}  // namespace

@@ -147,6 +147,7 @@ struct OwnedConn {
     int64_t handshake_deadline_ms = 0;  // HANDSHAKE: closed at this time (0: never)
     bool handshake_queued = false;      // in the manager's list for a tick's handshake work
     bool handshake_paused = false;      // its readiness left epoll while it waits there
+    int64_t settled_ns = 0;             // handshake done: counts as established work from then
     std::string close_text;             // the stream layer's message for CloseInfo::text
     bool dead = false;                  // finalised or moved away; freed at the end of the tick
     Relaxed<bool> send_failed;          // set by any thread when Send failed

@@ -64,7 +64,9 @@ void CConnService::Service(OwnedConn* c) {
             ServiceHandshake(c);
             return;
         case CONN_ESTABLISHED:
-            ++m_mgr.m_tick_other_work;
+            if (c->settled_ns <= m_mgr.m_tick_start_ns) {
+                ++m_mgr.m_tick_other_work;  // not just out of a handshake: see RefillHandshakeCredit
+            }
             if (k->GetStatus() == CONNECTOR_STATUS_CONNECTED && k->IsWaitAllocBigBuffer()) {
                 RetryBigWait(c);
             }
@@ -183,6 +185,7 @@ void CConnService::StepHandshake(OwnedConn* c) {
     SetState(c, CONN_ESTABLISHED);
     c->was_established = true;
     c->handshake_deadline_ms = 0;
+    c->settled_ns = NowNs() + static_cast<int64_t>(kHandshakeIdleMs) * 1000000;
     c->progress.Start(CEventLoop::NowMs());
     if (m_mgr.m_handler != nullptr) {
         CConnectorMgr::HandlerScope scope(m_mgr, c);

@@ -27,6 +27,7 @@ class CConnService {
     // The most handshake work (at handshake_cpu_share of it) a loop does at once.
     static constexpr int kHandshakeBurstMs = 20;
     // No established connection had work for this long: handshakes are not held back.
+    // A connection out of its handshake counts as established work after this long too.
     static constexpr int kHandshakeIdleMs = 100;
 
     explicit CConnService(CConnectorMgr& mgr) : m_mgr(mgr) {}
