@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "../common/export.h"
 
@@ -40,8 +41,11 @@ enum class CloseReason : int {
     // The peer's stream ended without the layer's own end (a TLS peer closed its socket
     // without a close_notify): what came may have been cut short; `text` says more
     kTruncated = 10,
+    // The connection went on in another process (CConnectorMgr::OfferHandOver): the peer
+    // saw nothing; this process holds nothing of it any more
+    kHandedOver = 11,
 };
-constexpr int kCloseReasonCount = 11;
+constexpr int kCloseReasonCount = 12;
 
 // Which limit closed a connection (CloseInfo::limit when the reason is kLimit).
 enum class CloseLimit : int {
@@ -141,6 +145,37 @@ class QUOLNET_EXPORT IConnectorHandler {
 
     // Called once at the end of every loop iteration (after packets, accepts and timers).
     virtual void OnTick(CConnectorMgr* mgr) { (void)mgr; }
+
+    // Hand-over to another process (CConnectorMgr::OfferHandOver, TakeOver).
+    // In the old process, for each connection about to go: write what the application keeps
+    // for it into `state` (any bytes; it reaches OnHandIn in the new process). Return false
+    // to keep the connection here, where it drains (see OfferHandOver). After the new
+    // process has taken it, OnClosed reports kHandedOver (the place to free the context).
+    virtual bool OnHandOut(CConnectorMgr* mgr, ConnId id, std::string* state) {
+        (void)mgr;
+        (void)id;
+        (void)state;
+        return true;
+    }
+    // In the new process, for each connection taken over, with its id, peer URL, whether it
+    // was accepted, and OnHandOut's `state`; packets it owes follow through OnPacket. Called
+    // inside TakeOver, on its thread. The default reports it as a new connection
+    // (OnConnected).
+    virtual void OnHandIn(CConnectorMgr* mgr, ConnId id, const char* url, bool accepted,
+                          const std::string& state) {
+        (void)state;
+        OnConnected(mgr, id, url, accepted);
+    }
+    // The application's state for the whole process: written in the old process before
+    // any connection goes, read in the new one (inside TakeOver) before any OnHandIn.
+    virtual void OnHandOutProcess(CConnectorMgr* mgr, std::string* state) {
+        (void)mgr;
+        (void)state;
+    }
+    virtual void OnHandInProcess(CConnectorMgr* mgr, const std::string& state) {
+        (void)mgr;
+        (void)state;
+    }
 };
 
 }  // namespace QUOLNET

@@ -128,6 +128,28 @@
 namespace QUOLNET {
 
 class CConnectorGroup;
+class CProcessHandOver;
+
+// A hand-over to another process (CConnectorMgr::OfferHandOver, TakeOver).
+struct HandOverOptions {
+    int deadline_ms = 10000;  // the whole exchange, from the successor's hello to its last answer
+    // Old side: the connections that stay (see OfferHandOver) drain this long at most, as
+    // with Shutdown; then Run returns.
+    int drain_ms = 30000;
+    // Accept a peer process of another user. By default the peer must run with this
+    // process's effective user id (SO_PEERCRED), besides the socket's owner-only mode.
+    bool any_user = false;
+};
+
+// What a TakeOver brought in.
+struct TakeOverResult {
+    bool complete = false;      // the old process said it has handed over everything it will
+    size_t listeners = 0;       // listening sockets received (taken by Listen on their URL)
+    size_t connections = 0;     // connections taken over
+    uint64_t unsent_bytes = 0;  // of those: queued output that came with them
+    uint64_t unread_bytes = 0;  // received bytes not yet delivered that came with them
+    std::string error;          // why it ended early, "" when complete
+};
 
 // Settings of a manager. The defaults protect a server started as it is, with its own pool
 // of 4096 blocks (256 MiB at most, taken as needed): one connection holds at most 80 blocks
@@ -430,6 +452,50 @@ class QUOLNET_EXPORT CConnectorMgr {
     uint64_t GetTooLargeCount() const { return m_stats.GetTooLargeCount(); }
     // Times the pool ran out of blocks (each logged once at WARN). Any thread.
     uint64_t GetPoolExhaustedCount() const { return m_stats.GetPoolExhaustedCount(); }
+    // ---- Restart without dropping anyone: hand-over to another process ----
+    //
+    // The running process offers (OfferHandOver); a new one, started by the operator, takes
+    // over (TakeOver): the same listening sockets, so nothing in their queues is lost, then
+    // each live connection with its id, its descriptor, the bytes it owes either way (queued
+    // output, received packets not yet delivered, a half-received packet) and the
+    // application's state for it (OnHandOut -> OnHandIn), so the peer sees a pause, nothing
+    // else. What moves: ESTABLISHED connections without a stream layer, accepted or dialled
+    // (a dialled one's reconnect setting stays behind: the new process dials what it needs).
+    // What stays and drains in the old process: TLS connections (their session lives in this
+    // process's OpenSSL), handshakes, dials in progress, connections closing, and those
+    // OnHandOut keeps. Not for a CConnectorGroup's loops yet.
+    //
+    // Offers the hand-over on the Unix socket `path` (created with owner-only permissions;
+    // removed when the offer ends). A successor that connects is checked (same effective
+    // user unless options.any_user; the same wire version) and refused with a reason
+    // otherwise (WARN "hand-over refused: ..."), the offer staying open. The exchange then
+    // runs on the loop thread in one go, bounded by options.deadline_ms, serving nothing
+    // else meanwhile (the pause the peers see): the listeners go (this process accepts no
+    // more), then the connections in batches. A connection is this process's until the
+    // successor confirms it and the successor's from then on: OnClosed reports kHandedOver
+    // here. If the exchange fails midway (the successor dies, refuses, or the deadline
+    // passes), everything not confirmed stays here and is served as before, listeners
+    // included (WARN "hand-over to pid N failed after M of K connections: ..."). After a
+    // complete exchange the listeners are closed here (the successor has them) and what
+    // stayed drains as with Shutdown(options.drain_ms): Run returns when none is left.
+    // Returns 0, -1 when the socket cannot be made (errno kept, ERROR logged), -2 when an
+    // offer is open already, -3 in a group. Loop thread, or before Run.
+    int OfferHandOver(const char* path, const HandOverOptions& options = HandOverOptions());
+    // Whether an offer is open (waiting for a successor), and whether a hand-over has been
+    // completed (the process has passed on what it could; what stayed drains). Any thread.
+    bool IsOfferingHandOver() const { return m_handover_offering.load(); }
+    bool IsHandedOver() const { return m_handed_over.load(); }
+    // Takes over from the process offering on `path`: connects (retrying until the
+    // deadline while nothing offers there yet), checks the peer like the offer does, and
+    // takes what comes: the process state (OnHandInProcess), the listeners (kept for
+    // Listen: call Listen with each URL the old process listened on, after TakeOver; the
+    // ones no Listen takes are closed at the first RunOnce), then the connections (each
+    // reported with OnHandIn, its packets offered once Run runs). Blocks until the old
+    // process says it is done, or fails. Returns 0 when complete; -1 otherwise, with
+    // `result->error` saying why (what was confirmed before stays this manager's). Before
+    // Run, on the thread that will run the loop; after Init.
+    int TakeOver(const char* path, const HandOverOptions& options, TakeOverResult* result);
+
     // In a group: the group and this loop's index; null and 0 for a manager on its own.
     CConnectorGroup* GetGroup() const { return m_group; }
     int GetLoopIndex() const { return m_loop_index; }
@@ -442,6 +508,7 @@ class QUOLNET_EXPORT CConnectorMgr {
     friend class CConnectorGroup;
     friend class CConnMover;
     friend class CConnAdmission;
+    friend class CProcessHandOver;
 
     LogCategory* LogCat() const { return m_options.log_cat; }
     // Names `c` as the connection of the handler calls made during its life (CurrentContext).
@@ -563,8 +630,12 @@ class QUOLNET_EXPORT CConnectorMgr {
     std::vector<ConnId> m_recheck_foreign;  // rechecks asked for by other threads
 
     std::atomic<int> m_shutdown_requested_ms{-1};  // Shutdown's timeout; -1: not asked
-    bool m_shutting_down = false;                  // the drain has begun (loop thread)
-    int64_t m_shutdown_deadline_ms = 0;            // (loop thread)
+    // The hand-over to another process (loop thread), and its state for any thread.
+    std::unique_ptr<CProcessHandOver> m_handover;
+    std::atomic<bool> m_handover_offering{false};
+    std::atomic<bool> m_handed_over{false};
+    bool m_shutting_down = false;        // the drain has begun (loop thread)
+    int64_t m_shutdown_deadline_ms = 0;  // (loop thread)
     std::atomic<uint64_t> m_shutdown_drained{0};
     std::atomic<uint64_t> m_shutdown_aborted{0};
 

@@ -76,6 +76,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <string>
 
 #include "../common/export.h"
 #include "../common/mutex.h"
@@ -330,6 +331,31 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // Neither connector may be in use by another thread.
     int CopyFrom(CTcpConnector& that);
 
+    // What a connection owes either way, as bytes, for a connector in another process to
+    // go on from (ExportCarry, ImportCarry); the socket travels apart.
+    struct Carry {
+        std::string unsent;      // queued output not yet written (a packet partly written
+                                 // goes on from the first byte the peer has not had)
+        std::string unread;      // received bytes not yet delivered: the packets waiting in
+                                 // the ring, the half-received packet, the bytes not framed yet
+        int64_t rx_bytes = 0;    // bytes received before `unread`
+        int64_t tx_bytes = 0;    // bytes written
+        int64_t rx_packets = 0;  // packets delivered (not those in `unread`)
+        int64_t tx_packets = 0;
+    };
+    // Fills `out` from this connector and changes nothing. 0, or -1 when the receive blocks
+    // do not hold what the ring and the half-received packet point at (ERROR "cannot export
+    // received bytes, ..."; never expected). Owner's thread, while no other thread is in
+    // Send, Peek or Drop of this connector (the owner holds them off).
+    int ExportCarry(Carry* out);
+    // Takes `in` into this connector, initialised on the peer's socket and not read or
+    // sent on yet: the unsent bytes are queued (in pool blocks, past the send-queue limit
+    // if need be: they were accepted once), and the unread bytes are read before anything
+    // of the socket, framed again into the same packets. 0, or -1 when the pool has no
+    // block for the unsent bytes (nothing is queued then). Owner's thread, before the
+    // connector is updated.
+    int ImportCarry(Carry&& in);
+
     // ---- URLs ----
     int ParseURL() override;
     int ParseURLV6() override;
@@ -495,6 +521,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // ReadSocket through the stream layer: fills `buf` from it while the layer holds more,
     // so that a short result still means the socket is drained for now.
     int ReadStream(void* buf, int len);
+    // Up to `len` bytes of m_rx_carry (at least one is left): how many.
+    int ReadCarried(void* buf, int len);
     // WriteSocket through the stream layer.
     int WriteStream(const char* buf, int len, LogCategory* log_cat);
     // One step of the layer's handshake (Update): CONNECTED once done, the registration
@@ -724,6 +752,10 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // holder of the sending role, m_rx_bytes by the update thread.
     Relaxed<int64_t> m_tx_bytes;
     Relaxed<int64_t> m_rx_bytes;
+    // Received bytes carried over from another process (ImportCarry), read before the
+    // socket; m_rx_carry_pos of them read so far. Update thread.
+    std::string m_rx_carry;
+    size_t m_rx_carry_pos = 0;
     // Close cause (see GetLastIoResult/GetLastErrno), written by Update.
     Relaxed<int> m_last_io_result;
     Relaxed<int> m_last_errno;

@@ -259,8 +259,9 @@ void CTcpConnector::EnableReadInq() {
 int CTcpConnector::ReadSocket(void* buf, int len, int* inq) {
     QN_LOG(m_log_cat, QN_DEBUG, "enter CTcpConnector::ReadSocket(), url=%s, local_url=%s, len=%d", GetURL(),
            GetLocalURL(), len);
-    if (m_io != nullptr) {
-        return ReadStream(buf, len);
+    if (m_io != nullptr || !m_rx_carry.empty()) {
+        // Bytes carried over from another process come before the socket's.
+        return m_rx_carry.empty() ? ReadStream(buf, len) : ReadCarried(buf, len);
     }
     ssize_t cnt = 0;
     if (inq == nullptr) {

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/stat.h>
@@ -363,6 +364,61 @@ int CTcpListener::Accept(std::string* peer_url) {
         *peer_url = m_unix ? m_url : FormatURL(reinterpret_cast<struct sockaddr*>(&peer));
     }
     return fd;
+}
+
+int CTcpListener::Inherit(int fd, const char* url, LogCategory* log_cat) {
+    m_log_cat = log_cat;
+    int listening = 0;
+    socklen_t optlen = sizeof(listening);
+    struct sockaddr_storage bound;
+    socklen_t bound_len = sizeof(bound);
+    if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &optlen) != 0 || listening == 0 ||
+        getsockname(fd, reinterpret_cast<struct sockaddr*>(&bound), &bound_len) != 0) {
+        m_last_errno = listening == 0 ? EINVAL : errno;
+        QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_ERROR,
+                        "cannot take over %s: fd=%d is not listening, errno=%d", url, fd, m_last_errno);
+        return -2;
+    }
+    int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0) {
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    }
+    if (bound.ss_family == AF_UNIX) {
+        m_unix = true;
+        m_url = FormatUnixURL(reinterpret_cast<struct sockaddr_un*>(&bound), bound_len);
+        const char* path = reinterpret_cast<struct sockaddr_un*>(&bound)->sun_path;
+        m_unix_path = bound_len > offsetof(struct sockaddr_un, sun_path) && path[0] != '\0' ? path : "";
+        m_port = 0;
+    } else {
+        m_url = FormatURL(reinterpret_cast<struct sockaddr*>(&bound));
+        m_port = bound.ss_family == AF_INET6
+                     ? ntohs(reinterpret_cast<struct sockaddr_in6*>(&bound)->sin6_port)
+                     : ntohs(reinterpret_cast<struct sockaddr_in*>(&bound)->sin_port);
+    }
+    m_fd = fd;
+    QN_LISTENER_LOG(m_log_cat, LOG_PRIORITY_INFO, "listening on %s, fd=%d (taken over)", m_url.c_str(), m_fd);
+    return 0;
+}
+
+void CTcpListener::Release() {
+    if (m_fd >= 0) {
+        ::close(m_fd);
+        m_fd = -1;
+    }
+    m_unix = false;
+    m_unix_path.clear();
+}
+
+std::string CTcpListener::CanonicalURL(const char* url) {
+    if (IsUnixURL(url)) {
+        return url;
+    }
+    struct sockaddr_storage addr;
+    socklen_t len = 0;
+    if (ParseURL(url, &addr, &len, nullptr) != 0) {
+        return std::string();
+    }
+    return FormatURL(reinterpret_cast<struct sockaddr*>(&addr));
 }
 
 void CTcpListener::Close() {

@@ -69,6 +69,17 @@ class QUOLNET_EXPORT CTcpListener {
     int Accept(std::string* peer_url);
     // Closes the listening descriptor (idempotent).
     void Close();
+    // Takes `fd`, a socket already listening (handed over by another process), as this
+    // listener's: its URL and port are read from it; a unix:// listener's file is `url`'s,
+    // removed by Close as if bound here. Returns 0, or -2 when `fd` is not a listening
+    // stream socket (errno kept in GetLastErrno(); `fd` is then not taken).
+    int Inherit(int fd, const char* url, LogCategory* log_cat);
+    // Closes the descriptor without removing a unix:// listener's file: the socket lives on
+    // in the process it was handed to.
+    void Release();
+    // The URL a listener opened on `url` reports (GetURL), "" when `url` does not parse:
+    // what an inherited listener is matched with.
+    static std::string CanonicalURL(const char* url);
 
     int GetFd() const { return m_fd; }
     int GetPort() const { return m_port; }

@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -17,7 +18,20 @@ namespace QUOLNET {
 int CAcceptor::Listen(const char* url, int backlog, bool reuse_port, const SocketOptions& socket) {
     std::unique_ptr<CTcpListener> l(new CTcpListener());
     l->SetSocketOptions(socket);
-    int ret = l->Open(url, backlog, m_log_cat, reuse_port);
+    int ret = -1;
+    std::string canonical = m_inherited.empty() ? std::string() : CTcpListener::CanonicalURL(url);
+    for (size_t i = 0; i < m_inherited.size(); ++i) {
+        if (!canonical.empty() && m_inherited[i].first == canonical) {
+            ret = l->Inherit(m_inherited[i].second, url, m_log_cat);
+            if (ret == 0) {
+                m_inherited.erase(m_inherited.begin() + static_cast<std::ptrdiff_t>(i));
+            }
+            break;
+        }
+    }
+    if (ret != 0) {
+        ret = l->Open(url, backlog, m_log_cat, reuse_port);
+    }
     if (ret != 0) {
         return ret;
     }
@@ -160,6 +174,39 @@ void CAcceptor::Resume() {
         ev.data.ptr = m_listeners[i].get();
         epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_MOD, m_listeners[i]->GetFd(), &ev);
         m_paused[i] = false;
+    }
+}
+
+int CAcceptor::CloseUnclaimed() {
+    int n = 0;
+    for (auto& u : m_inherited) {
+        QN_OWNER_LOG(
+            m_log_cat, LOG_PRIORITY_WARN,
+            "taken-over listener %s closed: no Listen asked for it (connections in its queue are refused)",
+            u.first.c_str());
+        ::close(u.second);
+        ++n;
+    }
+    m_inherited.clear();
+    return n;
+}
+
+std::vector<std::pair<std::string, int>> CAcceptor::ListenerFds() const {
+    std::vector<std::pair<std::string, int>> out;
+    for (const auto& l : m_listeners) {
+        if (l->GetFd() >= 0) {
+            out.emplace_back(l->GetURL(), l->GetFd());
+        }
+    }
+    return out;
+}
+
+void CAcceptor::ReleaseAll() {
+    for (auto& l : m_listeners) {
+        if (l->GetFd() >= 0) {
+            epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_DEL, l->GetFd(), nullptr);
+            l->Release();
+        }
     }
 }
 

@@ -85,6 +85,20 @@ class CAcceptor {
     // readable listener left in the level-triggered set would wake every wait meanwhile.
     void PauseFor(size_t idx, int ms) { Pause(idx, ms); }
     void CloseAll();
+
+    // Hand-over between processes.
+    // A listening socket received from the previous process, kept until a Listen on its URL
+    // (CTcpListener::CanonicalURL) takes it instead of binding anew: the same socket, so
+    // nothing in its queue is lost.
+    void AddInherited(const std::string& url, int fd) { m_inherited.emplace_back(url, fd); }
+    // Closes the inherited sockets no Listen took (WARN each: connections in their queues
+    // are refused); how many.
+    int CloseUnclaimed();
+    // Each open listener's URL and descriptor (still this acceptor's).
+    std::vector<std::pair<std::string, int>> ListenerFds() const;
+    // Takes every listener out of the epoll set and closes its descriptor without removing
+    // a unix:// listener's file: the successor serves the sockets now.
+    void ReleaseAll();
     // Pauses at the descriptor limit, and at the connection limit with no room made.
     int GetPauseCount() const { return m_pause_cnt; }
     uint64_t GetLimitPauseCount() const { return m_limit_pause_cnt; }
@@ -109,6 +123,7 @@ class CAcceptor {
     IGate* m_gate;
     std::vector<std::unique_ptr<CTcpListener>> m_listeners;
     std::vector<bool> m_paused;
+    std::vector<std::pair<std::string, int>> m_inherited;  // URL, descriptor (see AddInherited)
     uint64_t m_retry_timer;
     bool m_fd_episode;                    // paused for descriptors since the queue last drained
     Relaxed<int> m_pause_cnt;             // descriptor pauses; written by the loop thread, read by any

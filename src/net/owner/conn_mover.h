@@ -31,8 +31,10 @@ class CConnMover {
     static bool MoveOut(CConnectorMgr& from, ConnId id, CConnectorMgr& to);
     static void Adopt(CConnectorMgr& to, OwnedConn* conn);
 
-  private:
+    // An ESTABLISHED connection that is not closing, whose socket is open both ways.
     static bool Movable(const OwnedConn* c);
+
+  private:
     static OwnedConn* MakeCopy(CConnectorMgr& from, OwnedConn* c, CConnectorMgr& to);
 };
 

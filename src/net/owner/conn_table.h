@@ -30,6 +30,7 @@ class CConnTable {
 
     ConnId NextId() { return ++m_next_id; }
     void SetIdBase(ConnId base) { m_next_id = base; }
+    ConnId LastId() const { return m_next_id; }
     // Adds `c` under its id (given one by NextId when it has none). Takes the lock.
     void Add(OwnedConn* c);
     // Removes `c` from both maps. The caller holds Lock().

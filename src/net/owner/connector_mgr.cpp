@@ -13,6 +13,7 @@
 #include <new>
 
 #include "net/owner/owner_log.h"
+#include "net/owner/process_handover.h"
 
 namespace QUOLNET {
 

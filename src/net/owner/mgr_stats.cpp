@@ -37,6 +37,8 @@ const char* CloseReasonName(CloseReason reason) {
             return "handshake_failed";
         case CloseReason::kTruncated:
             return "truncated";
+        case CloseReason::kHandedOver:
+            return "handed_over";
     }
     return "unknown";
 }

@@ -1,0 +1,622 @@
+// CProcessHandOver: listeners and live connections passed to another process (see
+// process_handover.h for the exchange and why each connection is all or nothing).
+#include "net/owner/process_handover.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <fcntl.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <unordered_set>
+
+#include "net/owner/conn_mover.h"
+#include "net/owner/owner_log.h"
+
+namespace QUOLNET {
+
+using handover::CReader;
+using handover::CWriter;
+using handover::Msg;
+
+namespace {
+
+constexpr int kPollMs = 10;               // how often an open offer looks for a successor
+constexpr size_t kBatchBytes = 8u << 20;  // a batch's payload, about
+constexpr int64_t kAckMarginMs = 100;     // the successor answers no later than this before the deadline
+constexpr uint8_t kFlagAccepted = 1;
+constexpr uint8_t kFlagPaused = 2;
+
+bool FillAddr(const char* path, struct sockaddr_un* addr) {
+    memset(addr, 0, sizeof(*addr));
+    addr->sun_family = AF_UNIX;
+    if (path == nullptr || path[0] == '\0' || strlen(path) >= sizeof(addr->sun_path)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    memcpy(addr->sun_path, path, strlen(path));
+    return true;
+}
+
+void Refuse(int fd, const std::string& why, int64_t deadline) {
+    CWriter w;
+    w.Bytes(why);
+    std::string ignored;
+    handover::Send(fd, handover::kRefuse, w.Out(), {}, deadline, &ignored);
+}
+
+}  // namespace
+
+CProcessHandOver::~CProcessHandOver() {
+    EndOffer();
+}
+
+bool CProcessHandOver::PeerAllowed(int fd, const HandOverOptions& options, std::string* why, int32_t* pid) {
+    uint32_t uid = 0;
+    *pid = 0;
+    if (!handover::PeerCredentials(fd, &uid, pid)) {
+        *why = "the peer's credentials are unknown (SO_PEERCRED failed)";
+        return false;
+    }
+    if (!options.any_user && uid != geteuid()) {
+        *why = "peer pid " + std::to_string(*pid) + " runs as user " + std::to_string(uid) + ", not " +
+               std::to_string(geteuid());
+        return false;
+    }
+    return true;
+}
+
+// ---- the old process --------------------------------------------------------------------
+
+int CProcessHandOver::Offer(const char* path, const HandOverOptions& options) {
+    if (m_mgr.m_group != nullptr) {
+        return -3;
+    }
+    if (m_offer_fd >= 0) {
+        return -2;
+    }
+    struct sockaddr_un addr;
+    int fd = -1;
+    if (FillAddr(path, &addr)) {
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    }
+    if (fd >= 0 && bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0 &&
+        errno == EADDRINUSE) {
+        // A file is in the way: replaced only when it is a socket nobody answers on.
+        struct stat st;
+        int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        bool stale = lstat(path, &st) == 0 && S_ISSOCK(st.st_mode) && probe >= 0 &&
+                     connect(probe, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0 &&
+                     errno == ECONNREFUSED;
+        if (probe >= 0) {
+            ::close(probe);
+        }
+        errno = EADDRINUSE;
+        if (!stale || unlink(path) != 0 ||
+            bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0) {
+            ::close(fd);
+            fd = -1;
+        }
+    } else if (fd >= 0 && errno != 0 && access(path, F_OK) != 0) {
+        // bind failed for another reason (errno kept below)
+    }
+    // Owner-only: the peer's credentials are checked besides.
+    if (fd >= 0 && (chmod(path, S_IRUSR | S_IWUSR) != 0 || listen(fd, 4) != 0)) {
+        int err = errno;
+        ::close(fd);
+        unlink(path);
+        errno = err;
+        fd = -1;
+    }
+    if (fd < 0) {
+        int err = errno;
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_ERROR, "cannot offer a hand-over on %s, errno=%d",
+                     path == nullptr ? "(null)" : path, err);
+        errno = err;
+        return -1;
+    }
+    m_offer_fd = fd;
+    m_offer_path = path;
+    m_options = options;
+    m_mgr.m_handover_offering.store(true);
+    m_timer = m_mgr.m_loop.AddTimer(kPollMs, kPollMs, [this]() { Poll(); });
+    QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_INFO, "offering a hand-over on %s", path);
+    return 0;
+}
+
+void CProcessHandOver::EndOffer() {
+    if (m_timer != 0) {
+        m_mgr.m_loop.CancelTimer(m_timer);
+        m_timer = 0;
+    }
+    if (m_offer_fd >= 0) {
+        ::close(m_offer_fd);
+        m_offer_fd = -1;
+        unlink(m_offer_path.c_str());
+    }
+    m_mgr.m_handover_offering.store(false);
+}
+
+void CProcessHandOver::Poll() {
+    if (m_offer_fd < 0) {
+        return;
+    }
+    int peer = accept4(m_offer_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (peer < 0) {
+        return;
+    }
+    bool done = Exchange(peer);
+    ::close(peer);
+    if (done) {
+        EndOffer();
+        m_mgr.Shutdown(m_options.drain_ms);  // what stayed drains; Run returns after it
+    }
+}
+
+bool CProcessHandOver::Exchange(int peer) {
+    LogCategory* cat = m_mgr.LogCat();
+    const int64_t deadline = CEventLoop::NowMs() + m_options.deadline_ms;
+    std::string why;
+    int32_t pid = 0;
+    if (!PeerAllowed(peer, m_options, &why, &pid)) {
+        Refuse(peer, why, deadline);
+        QN_OWNER_LOG(cat, LOG_PRIORITY_WARN, "hand-over refused: %s", why.c_str());
+        return false;
+    }
+    Msg m;
+    if (!handover::Recv(peer, &m, deadline, &why) || m.type != handover::kHello) {
+        if (why.empty()) {
+            why = "the peer did not begin with a hello";
+        }
+        QN_OWNER_LOG(cat, LOG_PRIORITY_WARN, "hand-over refused: pid %d: %s", pid, why.c_str());
+        return false;
+    }
+    {
+        CReader r(m.payload);
+        uint32_t version = r.U32();
+        if (!r.Ok() || version != handover::kWireVersion) {
+            why = "version " + std::to_string(version) + " is not spoken here (this process speaks " +
+                  std::to_string(handover::kWireVersion) + ")";
+            Refuse(peer, why, deadline);
+            QN_OWNER_LOG(cat, LOG_PRIORITY_WARN, "hand-over refused: pid %d: %s", pid, why.c_str());
+            return false;
+        }
+    }
+    CWriter welcome;
+    welcome.U32(handover::kWireVersion);
+    welcome.U32(static_cast<uint32_t>(getpid()));
+    welcome.U64(m_mgr.m_table.LastId());
+    welcome.I64(deadline);
+    CWriter process;
+    if (m_mgr.m_handler != nullptr) {
+        std::string state;
+        m_mgr.m_handler->OnHandOutProcess(&m_mgr, &state);
+        process.Bytes(state);
+    } else {
+        process.Bytes(std::string());
+    }
+    std::vector<std::pair<std::string, int>> listeners = m_mgr.m_acceptor.ListenerFds();
+    CWriter lw;
+    std::vector<int> lfds;
+    lw.U32(static_cast<uint32_t>(listeners.size()));
+    for (const auto& l : listeners) {
+        lw.Bytes(l.first);
+        lfds.push_back(l.second);
+    }
+    size_t moved = 0;
+    size_t offered = 0;
+    bool ok = handover::Send(peer, handover::kWelcome, welcome.Out(), {}, deadline, &why) &&
+              handover::Send(peer, handover::kProcess, process.Out(), {}, deadline, &why) &&
+              handover::Send(peer, handover::kListeners, lw.Out(), lfds, deadline, &why) &&
+              handover::Recv(peer, &m, deadline, &why);
+    if (ok && m.type != handover::kAck) {
+        why = "the successor did not take the listeners";
+        ok = false;
+    }
+    ok = ok && SendConnections(peer, deadline, &moved, &offered, &why);
+    if (ok) {
+        CWriter done;
+        done.U64(moved);
+        ok = handover::Send(peer, handover::kDone, done.Out(), {}, deadline, &why) &&
+             handover::Recv(peer, &m, deadline, &why);
+        if (ok && m.type != handover::kDoneAck) {
+            why = "the successor did not confirm the end";
+            ok = false;
+        }
+    }
+    if (!ok) {
+        QN_OWNER_LOG(
+            cat, LOG_PRIORITY_WARN,
+            "hand-over to pid %d failed after %zu of %zu connections: %s; this process serves the rest", pid,
+            moved, offered, why.c_str());
+        return false;
+    }
+    m_mgr.m_acceptor.ReleaseAll();  // the successor accepts on them now
+    m_mgr.m_handed_over.store(true);
+    QN_OWNER_LOG(cat, LOG_PRIORITY_INFO,
+                 "handed over %zu listeners and %zu of %zu connections to pid %d; %zu stay and drain",
+                 listeners.size(), moved, offered, pid, m_mgr.m_table.Size());
+    return true;
+}
+
+bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved, size_t* offered,
+                                       std::string* error) {
+    m_mgr.FlushCorked();  // a corked reply is not in the queue the export reads
+    struct Going {
+        OwnedConn* conn;
+        std::string state;
+    };
+    std::vector<Going> going;
+    std::vector<OwnedConn*> all = m_mgr.m_table.SortedById();
+    *offered = all.size();
+    for (OwnedConn* c : all) {
+        if (!CConnMover::Movable(c) || c->connector->GetStreamIo() != nullptr || c->corked) {
+            continue;
+        }
+        std::string state;
+        bool go = true;
+        if (m_mgr.m_handler != nullptr) {
+            CConnectorMgr::HandlerScope scope(m_mgr, c);
+            go = m_mgr.m_handler->OnHandOut(&m_mgr, c->id, &state);
+        }
+        if (go) {
+            going.push_back(Going{c, std::move(state)});
+        }
+    }
+    size_t next = 0;
+    while (next < going.size()) {
+        std::vector<OwnedConn*> batch;
+        std::vector<OwnedConn*> taken;
+        bool ok = true;
+        {
+            // Held until the answer: no other thread may queue bytes behind the export.
+            auto lock = m_mgr.m_table.Lock();
+            CWriter w;
+            std::vector<int> fds;
+            w.U32(0);  // the count, filled in below
+            for (; next < going.size() && fds.size() < handover::kMaxFds && w.Out().size() < kBatchBytes;
+                 ++next) {
+                OwnedConn* c = going[next].conn;
+                if (!CConnMover::Movable(c)) {
+                    continue;  // ended since (the handler closed it)
+                }
+                CTcpConnector::Carry carry;
+                if (c->connector->ExportCarry(&carry) != 0) {
+                    continue;  // stays here
+                }
+                uint8_t flags = (c->accepted ? kFlagAccepted : 0) | (c->app_paused ? kFlagPaused : 0);
+                w.U64(c->id);
+                w.Bytes(c->url);
+                w.U8(flags);
+                w.I64(carry.rx_bytes);
+                w.I64(carry.tx_bytes);
+                w.I64(carry.rx_packets);
+                w.I64(carry.tx_packets);
+                w.Bytes(carry.unsent);
+                w.Bytes(carry.unread);
+                w.Bytes(going[next].state);
+                fds.push_back(c->fd);
+                batch.push_back(c);
+            }
+            if (batch.empty()) {
+                continue;
+            }
+            uint32_t count = static_cast<uint32_t>(batch.size());
+            for (int i = 0; i < 4; ++i) {
+                w.Out()[static_cast<size_t>(i)] = static_cast<char>(count >> (8 * i));
+            }
+            Msg m;
+            ok = handover::Send(peer, handover::kConns, w.Out(), fds, deadline, error);
+            if (ok) {
+                ok = handover::Recv(peer, &m, deadline, error);
+            }
+            if (!ok) {
+                // No more answers may come in; one already written is still read.
+                shutdown(peer, SHUT_RD);
+                std::string ignored;
+                ok = handover::Recv(peer, &m, 0, &ignored);
+                if (ok && m.type == handover::kAck) {
+                    ok = false;  // taken below, then the exchange ends
+                } else {
+                    m.type = 0;
+                }
+            }
+            if (m.type == handover::kAck) {
+                CReader r(m.payload);
+                uint32_t n = r.U32();
+                std::unordered_set<ConnId> ids;
+                for (uint32_t i = 0; i < n && r.Ok(); ++i) {
+                    ids.insert(r.U64());
+                }
+                for (OwnedConn* c : batch) {
+                    if (ids.count(c->id) == 0) {
+                        continue;  // the successor could not take it: served here as before
+                    }
+                    // Out of this loop's epoll (the socket lives on in the successor's), and
+                    // this process's descriptor closed: no shutdown(2), which would end it.
+                    c->connector->SetCloseSocket(false);
+                    c->connector->Disconnect(nullptr);
+                    ::close(c->fd);
+                    c->fd = -1;
+                    m_mgr.m_table.RemoveLocked(c);
+                    taken.push_back(c);
+                }
+            }
+        }
+        for (OwnedConn* c : taken) {
+            ++*moved;
+            if (c->accepted) {
+                m_mgr.m_admission.SourceReleased(c->url);
+            }
+            CloseInfo info;
+            info.reason = CloseReason::kHandedOver;
+            m_mgr.m_stats.CountClose(info);
+            m_mgr.m_stats.AddEnded(CMgrStats::TrafficOf(c->connector.get()));
+            ConnId id = c->id;
+            m_mgr.DestroyConn(c);
+            if (m_mgr.m_handler != nullptr) {
+                CConnectorMgr::HandlerScope scope(m_mgr, c);
+                m_mgr.m_handler->OnClosed(&m_mgr, id, info);
+            }
+        }
+        if (!ok) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// ---- the new process --------------------------------------------------------------------
+
+ConnId CProcessHandOver::Adopt(CReader& in, int fd, std::string* state, std::string* url, bool* accepted,
+                               TakeOverResult* result) {
+    ConnId id = in.U64();
+    *url = in.Bytes();
+    uint8_t flags = in.U8();
+    CTcpConnector::Carry carry;
+    carry.rx_bytes = in.I64();
+    carry.tx_bytes = in.I64();
+    carry.rx_packets = in.I64();
+    carry.tx_packets = in.I64();
+    carry.unsent = in.Bytes();
+    carry.unread = in.Bytes();
+    *state = in.Bytes();
+    *accepted = (flags & kFlagAccepted) != 0;
+    if (!in.Ok() || id == 0 || m_mgr.m_table.Find(id) != nullptr) {
+        ::close(fd);
+        return 0;
+    }
+    OwnedConn* c = m_mgr.NewConn(url->c_str());
+    c->accepted = *accepted;
+    int init = CTcpListener::IsUnixURL(url->c_str())
+                   ? c->connector->InitUnix(url->c_str(), m_mgr.m_parser, m_mgr.GetEpollFd(), fd)
+                   : c->connector->Init(url->c_str(), m_mgr.m_parser, m_mgr.GetEpollFd(), fd);
+    size_t unsent = carry.unsent.size();
+    size_t unread = carry.unread.size();
+    if (init != 0 || c->connector->ImportCarry(std::move(carry)) != 0) {
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_ERROR, "cannot take over connection %llu, url=%s, fd=%d",
+                     static_cast<unsigned long long>(id), url->c_str(), fd);
+        c->connector->SetCloseSocket(false);
+        c->connector->Fini();
+        ::close(fd);
+        delete c;
+        return 0;
+    }
+    c->connector->SetCloseSocket(false);
+    c->fd = fd;
+    c->id = id;
+    c->was_established = true;
+    c->app_paused = (flags & kFlagPaused) != 0;
+    c->progress.Start(CEventLoop::NowMs());
+    if (c->accepted) {
+        m_mgr.m_admission.AdmitSource(c->url);  // counted like an accepted one (over a limit or not)
+    } else {
+        DialOptions plain;
+        plain.reconnect = false;
+        c->dial = std::make_shared<const DialOptions>(plain);
+    }
+    m_mgr.m_service.SetState(c, CONN_ESTABLISHED);
+    m_mgr.m_table.Add(c);
+    m_mgr.m_table.SetIdBase(std::max(m_mgr.m_table.LastId(), id));
+    c->connector->SetEvent(c->app_paused ? EPOLLOUT : EPOLLIN | EPOLLOUT);
+    if (c->app_paused) {
+        c->connector->PauseReading(true);
+    }
+    m_mgr.Queue(c);
+    result->unsent_bytes += unsent;
+    result->unread_bytes += unread;
+    return id;
+}
+
+int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options, TakeOverResult* result) {
+    LogCategory* cat = m_mgr.LogCat();
+    *result = TakeOverResult();
+    const int64_t start = CEventLoop::NowMs();
+    int64_t deadline = start + options.deadline_ms;
+    struct sockaddr_un addr;
+    if (!FillAddr(path, &addr)) {
+        result->error = "bad socket path";
+        return -1;
+    }
+    int fd = -1;
+    for (;;) {
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd >= 0 && connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0) {
+            break;
+        }
+        int err = errno;
+        if (fd >= 0) {
+            ::close(fd);
+            fd = -1;
+        }
+        if ((err != ENOENT && err != ECONNREFUSED) || CEventLoop::NowMs() >= deadline) {
+            result->error = std::string("cannot reach the offer on ") + path + ": " + strerror(err);
+            QN_OWNER_LOG(cat, LOG_PRIORITY_ERROR, "take-over failed: %s", result->error.c_str());
+            return -1;
+        }
+        usleep(10000);  // nothing offers there yet
+    }
+    int flags = fcntl(fd, F_GETFL);
+    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    std::string why;
+    int32_t pid = 0;
+    Msg m;
+    CWriter hello;
+    hello.U32(handover::kWireVersion);
+    bool ok = PeerAllowed(fd, options, &why, &pid) &&
+              handover::Send(fd, handover::kHello, hello.Out(), {}, deadline, &why) &&
+              handover::Recv(fd, &m, deadline, &why);
+    if (ok && m.type == handover::kRefuse) {
+        CReader r(m.payload);
+        why = "refused: " + r.Bytes();
+        ok = false;
+    } else if (ok && m.type == handover::kWelcome) {
+        CReader r(m.payload);
+        uint32_t version = r.U32();
+        r.U32();  // the old process's pid (SO_PEERCRED gave it)
+        m_mgr.m_table.SetIdBase(std::max<ConnId>(m_mgr.m_table.LastId(), r.U64()));
+        int64_t old_deadline = r.I64();
+        if (!r.Ok() || version != handover::kWireVersion) {
+            why = "the old process speaks version " + std::to_string(version);
+            ok = false;
+        }
+        // Answers must reach the old process before its own deadline (the same clock).
+        deadline = std::min(deadline, old_deadline - kAckMarginMs);
+    } else if (ok) {
+        why = "unexpected message";
+        ok = false;
+    }
+    while (ok) {
+        ok = handover::Recv(fd, &m, deadline, &why);
+        if (!ok) {
+            break;
+        }
+        CReader r(m.payload);
+        if (m.type == handover::kProcess) {
+            std::string state = r.Bytes();
+            if (m_mgr.m_handler != nullptr) {
+                m_mgr.m_handler->OnHandInProcess(&m_mgr, state);
+            }
+        } else if (m.type == handover::kListeners) {
+            uint32_t n = r.U32();
+            for (uint32_t i = 0; i < n && i < m.fds.size(); ++i) {
+                m_mgr.m_acceptor.AddInherited(r.Bytes(), m.fds[i]);
+                ++result->listeners;
+            }
+            for (size_t i = n; i < m.fds.size(); ++i) {
+                ::close(m.fds[i]);
+            }
+            CWriter ack;
+            ack.U32(n);
+            ok = handover::Send(fd, handover::kAck, ack.Out(), {}, deadline, &why);
+        } else if (m.type == handover::kConns) {
+            uint32_t n = r.U32();
+            struct In {
+                ConnId id;
+                std::string url;
+                bool accepted;
+                std::string state;
+            };
+            std::vector<In> in;
+            CWriter ack;
+            ack.U32(0);
+            for (uint32_t i = 0; i < m.fds.size(); ++i) {
+                In x;
+                x.id = i < n ? Adopt(r, m.fds[i], &x.state, &x.url, &x.accepted, result) : 0;
+                if (i >= n) {
+                    ::close(m.fds[i]);
+                }
+                if (x.id != 0) {
+                    ack.U64(x.id);
+                    in.push_back(std::move(x));
+                }
+            }
+            uint32_t count = static_cast<uint32_t>(in.size());
+            for (int i = 0; i < 4; ++i) {
+                ack.Out()[static_cast<size_t>(i)] = static_cast<char>(count >> (8 * i));
+            }
+            // Ours once the answer is written whole (see process_handover.h); else the old
+            // process keeps them and these copies go without touching the sockets.
+            ok = CEventLoop::NowMs() < deadline &&
+                 handover::Send(fd, handover::kAck, ack.Out(), {}, deadline, &why);
+            if (!ok) {
+                if (why.empty()) {
+                    why = "the deadline passed";
+                }
+                for (const In& x : in) {
+                    OwnedConn* c = m_mgr.m_table.Find(x.id);
+                    if (c != nullptr) {
+                        c->connector->Disconnect(nullptr);
+                        ::close(c->fd);
+                        c->fd = -1;
+                        if (c->accepted) {
+                            m_mgr.m_admission.SourceReleased(c->url);
+                        }
+                        m_mgr.DestroyConn(c);
+                    }
+                }
+                break;
+            }
+            result->connections += in.size();
+            for (const In& x : in) {
+                OwnedConn* c = m_mgr.m_table.Find(x.id);
+                if (c != nullptr && m_mgr.m_handler != nullptr) {
+                    CConnectorMgr::HandlerScope scope(m_mgr, c);
+                    m_mgr.m_handler->OnHandIn(&m_mgr, x.id, x.url.c_str(), x.accepted, x.state);
+                }
+            }
+        } else if (m.type == handover::kDone) {
+            ok = handover::Send(fd, handover::kDoneAck, std::string(), {}, deadline, &why);
+            result->complete = ok;
+            break;
+        } else {
+            for (int d : m.fds) {
+                ::close(d);
+            }
+            why = "unexpected message";
+            ok = false;
+        }
+    }
+    ::close(fd);
+    if (!result->complete) {
+        result->error = why.empty() ? "the exchange ended early" : why;
+        QN_OWNER_LOG(cat, LOG_PRIORITY_WARN,
+                     "take-over from pid %d incomplete after %zu connections and %zu listeners: %s", pid,
+                     result->connections, result->listeners, result->error.c_str());
+        return -1;
+    }
+    QN_OWNER_LOG(
+        cat, LOG_PRIORITY_INFO,
+        "took over %zu listeners and %zu connections from pid %d in %lld ms (%llu bytes unsent, %llu "
+        "unread)",
+        result->listeners, result->connections, pid, static_cast<long long>(CEventLoop::NowMs() - start),
+        static_cast<unsigned long long>(result->unsent_bytes),
+        static_cast<unsigned long long>(result->unread_bytes));
+    return 0;
+}
+
+// ---- the manager's entry points ---------------------------------------------------------
+
+int CConnectorMgr::OfferHandOver(const char* path, const HandOverOptions& options) {
+    if (m_handover == nullptr) {
+        m_handover.reset(new CProcessHandOver(*this));
+    }
+    return m_handover->Offer(path, options);
+}
+
+int CConnectorMgr::TakeOver(const char* path, const HandOverOptions& options, TakeOverResult* result) {
+    TakeOverResult ignored;
+    if (result == nullptr) {
+        result = &ignored;
+    }
+    if (m_handover == nullptr) {
+        m_handover.reset(new CProcessHandOver(*this));
+    }
+    m_loop.MarkLoopThread();
+    return m_handover->TakeOver(path, options, result);
+}
+
+}  // namespace QUOLNET

@@ -1,0 +1,394 @@
+// Hand-over of listeners and live connections to another manager over a Unix socket
+// (OfferHandOver, TakeOver): every byte owed either way arrives once and in order (a
+// half-received packet, packets waiting in the ring, replies queued and unsent), ids and
+// the application's state travel, and the failures (an incompatible version, a successor
+// that stalls or dies midway, a peer of another user) leave the old manager serving what it
+// kept. Both managers live in this process, each on its own thread, as two processes would
+// run them; the descriptors still travel as SCM_RIGHTS over the real socket.
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "net/connector_mgr.h"
+#include "net/owner/handover_wire.h"
+#include "support/log_capture.h"
+#include "support/mgr_helpers.h"
+#include "support/net_helpers.h"
+
+namespace {
+
+using QUOLNET::CConnectorMgr;
+using QUOLNET::CloseInfo;
+using QUOLNET::CloseReason;
+using QUOLNET::ConnectorMgrOptions;
+using QUOLNET::ConnId;
+using QUOLNET::HandOverOptions;
+using QUOLNET::TakeOverResult;
+namespace wire = QUOLNET::handover;
+
+// Echoes every packet, except those whose payload starts with 'H' while `hold` is set: they
+// stay in the ring (the connection pauses). Records the hand-over's calls.
+class Echo : public QUOLNET::IConnectorHandler {
+  public:
+    bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool) override {
+        if (hold && len > 4 && data[4] == 'H') {
+            return false;
+        }
+        int ret = mgr->Send(id, data, len);
+        return ret != CConnectorMgr::kSendNoRoom;
+    }
+    void OnClosed(CConnectorMgr*, ConnId, const CloseInfo& info) override {
+        if (info.reason == CloseReason::kHandedOver) {
+            ++handed_over;
+        }
+    }
+    bool OnHandOut(CConnectorMgr*, ConnId id, std::string* state) override {
+        *state = "state of " + std::to_string(id);
+        return true;
+    }
+    void OnHandIn(CConnectorMgr* mgr, ConnId id, const char*, bool accepted,
+                  const std::string& state) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        states[id] = state;
+        all_accepted = all_accepted && accepted;
+        mgr->ResumeReading(id);  // packets the old process held are served here
+    }
+    void OnHandOutProcess(CConnectorMgr*, std::string* state) override { *state = "process state"; }
+    void OnHandInProcess(CConnectorMgr*, const std::string& state) override { process_state = state; }
+
+    std::atomic<bool> hold{false};
+    std::atomic<int> handed_over{0};
+    std::mutex mutex;
+    std::map<ConnId, std::string> states;  // guarded by mutex
+    bool all_accepted = true;
+    std::string process_state;
+};
+
+// One manager with its own pool, log and handler.
+struct Server {
+    explicit Server(const char* name) : log(QUOLNET::LOG_PRIORITY_DEBUG, name) {
+        ConnectorMgrOptions o;
+        o.pool = &pool;
+        o.log_cat = log.cat();
+        mgr.reset(new CConnectorMgr(&echo, o));
+        EXPECT_EQ(0, mgr->Init());
+    }
+    ~Server() {
+        if (thread.joinable()) {
+            mgr->Stop();
+            thread.join();
+        }
+    }
+    void Start() {
+        thread = std::thread([this]() { mgr->Run(); });
+    }
+    // Runs `fn` on the loop thread and waits for it.
+    template <typename Fn>
+    void OnLoop(Fn fn) {
+        std::atomic<bool> done{false};
+        mgr->Post([&]() {
+            fn();
+            done = true;
+        });
+        ASSERT_TRUE(qntest::Eventually([&]() { return done.load(); }));
+    }
+
+    qntest::LogCapture log;
+    QUOLNET::CNetBufferMgr pool{1024};
+    Echo echo;
+    std::unique_ptr<CConnectorMgr> mgr;
+    std::thread thread;
+};
+
+std::string SocketPath(const char* name) {
+    return "/tmp/quolnet-handover-" + std::to_string(getpid()) + "-" + name + ".sock";
+}
+
+std::string Payload(char first, size_t len, uint32_t seed) {
+    std::string p(len, '\0');
+    for (size_t i = 0; i < len; ++i) {
+        p[i] = static_cast<char>('a' + (seed + i * 7) % 26);
+    }
+    if (len > 0) {
+        p[0] = first;
+    }
+    return p;
+}
+
+// Sends `packet` and reads its echo.
+void ExpectEcho(int fd, const std::string& packet) {
+    ASSERT_TRUE(qntest::WriteAll(fd, packet.data(), packet.size()));
+    std::string back(packet.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(fd, &back[0], back.size()));
+    EXPECT_EQ(packet, back);
+}
+
+// DialURL with a small receive buffer: the peer's replies back up into its send queue.
+int DialSmallWindow(const std::string& url) {
+    struct sockaddr_storage ss;
+    socklen_t len = 0;
+    if (QUOLNET::CTcpListener::ParseURL(url.c_str(), &ss, &len, nullptr) != 0) {
+        return -1;
+    }
+    int fd = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int size = 16384;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+    if (connect(fd, reinterpret_cast<sockaddr*>(&ss), len) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int ConnectUnix(const std::string& path) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.data(), path.size());
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A hand-written successor: connects and says hello with `version`.
+int Hello(const std::string& path, uint32_t version) {
+    int fd = -1;
+    EXPECT_TRUE(qntest::Eventually([&]() { return (fd = ConnectUnix(path)) >= 0; }));
+    wire::CWriter w;
+    w.U32(version);
+    std::string error;
+    EXPECT_TRUE(wire::Send(fd, wire::kHello, w.Out(), {}, QUOLNET::CEventLoop::NowMs() + 5000, &error))
+        << error;
+    return fd;
+}
+
+bool Next(int fd, wire::Msg* m) {
+    std::string error;
+    bool ok = wire::Recv(fd, m, QUOLNET::CEventLoop::NowMs() + 5000, &error);
+    for (int d : m->fds) {
+        close(d);
+    }
+    return ok;
+}
+
+TEST(ProcessHandOver, MovesListenersAndConnectionsWithEveryByteTheyOwe) {
+    std::string path = SocketPath("move");
+    Server old_server("old");
+    ASSERT_GT(old_server.mgr->Listen("tcp://127.0.0.1:0"), 0);
+    std::string url = old_server.mgr->GetListenURL(0);
+    old_server.Start();
+
+    // a: a packet half received at the hand-over; b: a 1 MiB reply queued and unsent (the
+    // client does not read); c: packets held in the ring; d: idle.
+    int a = qntest::DialURL(url), b = DialSmallWindow(url), c = qntest::DialURL(url),
+        d = qntest::DialURL(url);
+    ASSERT_GE(a, 0);
+    ASSERT_GE(d, 0);
+    for (int fd : {a, b, c, d}) {
+        ExpectEcho(fd, qntest::Packet(Payload('x', 100, static_cast<uint32_t>(fd))));
+    }
+    std::string half = qntest::Packet(Payload('x', 300000, 1));
+    ASSERT_TRUE(qntest::WriteAll(a, half.data(), 150000));
+    std::string big;  // 4 MiB of replies: more than the kernel's buffers hold
+    for (uint32_t i = 0; i < 4; ++i) {
+        big += qntest::Packet(Payload('x', 1 << 20, 2 + i));
+    }
+    ASSERT_TRUE(qntest::WriteAll(b, big.data(), big.size()));
+    old_server.echo.hold = true;
+    std::string held = qntest::Packet(Payload('H', 5000, 3)) + qntest::Packet(Payload('H', 70000, 4));
+    ASSERT_TRUE(qntest::WriteAll(c, held.data(), held.size()));
+    // Everything above has reached the old manager's blocks before the offer.
+    const int64_t expected = 4 * 104 + 150000 + static_cast<int64_t>(big.size() + held.size());
+    ASSERT_TRUE(qntest::Eventually([&]() {
+        int64_t got = 0;
+        old_server.OnLoop([&]() {
+            for (ConnId id : old_server.mgr->ListConnections()) {
+                got += old_server.mgr->GetConnector(id)->GetRecvBytes();
+            }
+        });
+        return got == expected;
+    }));
+    old_server.OnLoop([&]() { ASSERT_EQ(0, old_server.mgr->OfferHandOver(path.c_str())); });
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    EXPECT_EQ(static_cast<mode_t>(S_IRUSR | S_IWUSR), st.st_mode & 0777) << "owner-only";
+
+    Server new_server("new");
+    TakeOverResult result;
+    HandOverOptions options;
+    ASSERT_EQ(0, new_server.mgr->TakeOver(path.c_str(), options, &result)) << result.error;
+    EXPECT_TRUE(result.complete);
+    EXPECT_EQ(1u, result.listeners);
+    EXPECT_EQ(4u, result.connections);
+    EXPECT_GE(result.unread_bytes, 150000u + held.size()) << "the half packet and the held ones came along";
+    EXPECT_GT(result.unsent_bytes, 0u) << "replies came along unsent";
+    EXPECT_EQ("process state", new_server.echo.process_state);
+    ASSERT_GT(new_server.mgr->Listen(url.c_str()), 0) << "the inherited socket, not a new bind";
+    EXPECT_TRUE(new_server.log.HasPrefix(QUOLNET::LOG_PRIORITY_INFO, "listening on " + url + ", fd="));
+    new_server.Start();
+    old_server.thread.join();  // nothing stayed: its Run returns
+    EXPECT_EQ(4, old_server.echo.handed_over.load());
+    EXPECT_EQ(4u, old_server.mgr->GetCloseCount(CloseReason::kHandedOver));
+    EXPECT_TRUE(old_server.mgr->IsHandedOver());
+    {
+        std::lock_guard<std::mutex> lock(new_server.echo.mutex);
+        ASSERT_EQ(4u, new_server.echo.states.size());
+        for (const auto& s : new_server.echo.states) {
+            EXPECT_EQ("state of " + std::to_string(s.first), s.second);
+        }
+        EXPECT_TRUE(new_server.echo.all_accepted);
+    }
+    EXPECT_NE(0, access(path.c_str(), F_OK)) << "the offer's socket file is gone";
+
+    // Every byte owed, once and in order, then more traffic on the new manager.
+    ASSERT_TRUE(qntest::WriteAll(a, half.data() + 150000, half.size() - 150000));
+    std::string back(half.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(a, &back[0], back.size()));
+    EXPECT_TRUE(back == half);
+    back.assign(big.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(b, &back[0], back.size()));
+    EXPECT_TRUE(back == big);
+    back.assign(held.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(c, &back[0], back.size()));
+    EXPECT_TRUE(back == held);
+    for (int fd : {a, b, c, d}) {
+        ExpectEcho(fd, qntest::Packet(Payload('y', 2000, static_cast<uint32_t>(fd))));
+    }
+    int e = qntest::DialURL(url);  // a new connection: accepted by the new manager
+    ASSERT_GE(e, 0);
+    ExpectEcho(e, qntest::Packet(Payload('z', 10, 5)));
+    for (int fd : {a, b, c, d, e}) {
+        close(fd);
+    }
+}
+
+TEST(ProcessHandOver, AnIncompatibleVersionIsRefusedAndTheOfferStaysOpen) {
+    std::string path = SocketPath("version");
+    Server old_server("old");
+    ASSERT_GT(old_server.mgr->Listen("tcp://127.0.0.1:0"), 0);
+    ASSERT_EQ(0, old_server.mgr->OfferHandOver(path.c_str()));
+    old_server.Start();
+    int client = qntest::DialListener(*old_server.mgr);
+    ASSERT_GE(client, 0);
+    int peer = Hello(path, 99);
+    wire::Msg m;
+    ASSERT_TRUE(Next(peer, &m));
+    ASSERT_EQ(wire::kRefuse, m.type);
+    wire::CReader r(m.payload);
+    EXPECT_EQ("version 99 is not spoken here (this process speaks 1)", r.Bytes());
+    close(peer);
+    EXPECT_TRUE(old_server.mgr->IsOfferingHandOver());
+    ExpectEcho(client, qntest::Packet("still served"));
+    EXPECT_TRUE(old_server.log.HasPrefix(QUOLNET::LOG_PRIORITY_WARN, "hand-over refused: pid "));
+    close(client);
+}
+
+// The successor takes the listeners, then stalls, then (second round) dies with a batch of
+// connections unanswered: the old manager keeps serving everything, and a later successor
+// still takes it all.
+TEST(ProcessHandOver, ASuccessorThatStallsOrDiesMidwayLeavesEverythingServed) {
+    std::string path = SocketPath("fail");
+    Server old_server("old");
+    ASSERT_GT(old_server.mgr->Listen("tcp://127.0.0.1:0"), 0);
+    std::string url = old_server.mgr->GetListenURL(0);
+    HandOverOptions options;
+    options.deadline_ms = 300;
+    ASSERT_EQ(0, old_server.mgr->OfferHandOver(path.c_str(), options));
+    old_server.Start();
+    int a = qntest::DialURL(url), b = qntest::DialURL(url);
+    ASSERT_GE(b, 0);
+    ExpectEcho(a, qntest::Packet("a1"));
+    ExpectEcho(b, qntest::Packet("b1"));
+
+    // Stalls: never answers the listeners.
+    int peer = Hello(path, wire::kWireVersion);
+    wire::Msg m;
+    ASSERT_TRUE(Next(peer, &m));
+    EXPECT_EQ(wire::kWelcome, m.type);
+    ASSERT_TRUE(qntest::Eventually(
+        [&]() { return old_server.log.HasPrefix(QUOLNET::LOG_PRIORITY_WARN, "hand-over to pid "); }));
+    close(peer);
+    ExpectEcho(a, qntest::Packet("a2"));
+
+    // Dies: answers the listeners, receives the connections, closes.
+    peer = Hello(path, wire::kWireVersion);
+    int conns = 0;
+    while (Next(peer, &m)) {
+        if (m.type == wire::kListeners) {
+            wire::CWriter ack;
+            ack.U32(1);
+            std::string error;
+            ASSERT_TRUE(
+                wire::Send(peer, wire::kAck, ack.Out(), {}, QUOLNET::CEventLoop::NowMs() + 5000, &error));
+        } else if (m.type == wire::kConns) {
+            wire::CReader r(m.payload);
+            conns = static_cast<int>(r.U32());
+            break;
+        }
+    }
+    EXPECT_EQ(2, conns);
+    close(peer);
+    ASSERT_TRUE(qntest::Eventually(
+        [&]() { return old_server.log.CountPrefix(QUOLNET::LOG_PRIORITY_WARN, "hand-over to pid ") == 2; }));
+    bool named = false;
+    for (const std::string& t : old_server.log.Texts(QUOLNET::LOG_PRIORITY_WARN)) {
+        named = named || t.find("failed after 0 of 2 connections: the peer closed the hand-over socket") !=
+                             std::string::npos;
+    }
+    EXPECT_TRUE(named) << old_server.log.Dump();
+    ExpectEcho(a, qntest::Packet("a3"));
+    ExpectEcho(b, qntest::Packet("b3"));
+    EXPECT_EQ(0, old_server.echo.handed_over.load());
+
+    // A real successor still takes everything.
+    Server new_server("new");
+    TakeOverResult result;
+    ASSERT_EQ(0, new_server.mgr->TakeOver(path.c_str(), HandOverOptions(), &result)) << result.error;
+    EXPECT_EQ(2u, result.connections);
+    ASSERT_GT(new_server.mgr->Listen(url.c_str()), 0);
+    new_server.Start();
+    old_server.thread.join();
+    ExpectEcho(a, qntest::Packet("a4"));
+    ExpectEcho(b, qntest::Packet("b4"));
+    close(a);
+    close(b);
+}
+
+TEST(ProcessHandOver, APeerOfAnotherUserCannotReachTheOffer) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to run a peer as another user";
+    }
+    struct passwd* nobody = getpwnam("nobody");
+    ASSERT_NE(nullptr, nobody);
+    std::string path = SocketPath("user");
+    Server old_server("old");
+    ASSERT_EQ(0, old_server.mgr->OfferHandOver(path.c_str()));
+    pid_t child = fork();
+    if (child == 0) {
+        if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0) {
+            _exit(3);
+        }
+        int fd = ConnectUnix(path);
+        _exit(fd < 0 && errno == EACCES ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the socket is owner-only";
+}
+
+}  // namespace
