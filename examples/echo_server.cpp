@@ -32,6 +32,7 @@ void Usage(FILE* out) {
         "[--threads N] [--workers N] [limits]\n"
         "                   [--tls-cert FILE --tls-key FILE [--tls-ca FILE] [--tls-require-client-cert]\n"
         "                   [--tls-alpn LIST] [--handshake-timeout-ms MS] [--handshake-cpu-share PCT]]\n"
+        "                   [--handover PATH] [--takeover PATH]\n"
         "  --listen URL              where to listen (default tcp://127.0.0.1:7000; port 0 picks a free "
         "port)\n"
         "  --stats SECONDS           print the connector statistics table every SECONDS (default 0: only at "
@@ -87,6 +88,12 @@ void Usage(FILE* out) {
         "  --drain-ms MS             on SIGINT or SIGTERM, drain for at most MS (default 10000): stop\n"
         "                            listening, finish every connection gracefully, abort what is left\n"
         "                            at the deadline; a second signal stops at once\n"
+        "  --handover PATH           on SIGUSR2, offer a hand-over on the Unix socket PATH: a new\n"
+        "                            echo_server started with --takeover PATH takes the listener and\n"
+        "                            every plain connection with the bytes it owes; this process then\n"
+        "                            drains what stayed (TLS connections) and exits 0\n"
+        "  --takeover PATH           start by taking over from the echo_server offering on PATH (the\n"
+        "                            same --listen URL); without --threads and --workers, as --handover\n"
         "Prints how many connections were drained and aborted, and the statistics table, at exit.\n",
         QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen, d.pool_blocks, d.max_send_blocks,
         d.max_recv_blocks, d.send_stall_ms, d.packet_deadline_ms, d.idle_timeout_ms, d.fd_reserve,
@@ -431,6 +438,34 @@ void DrainOnSignals(QUOLNET::CConnectorMgr* mgr) {
     sigaction(SIGTERM, &sa, nullptr);
 }
 
+// --handover PATH: SIGUSR2 asks for the offer; the loop makes it (a timer looks for the
+// request: OfferHandOver is for the loop thread, and a signal handler may only set a flag).
+std::string g_handover_path;
+std::atomic<bool> g_handover_requested{false};
+
+void OnHandOverSignal(int) {
+    g_handover_requested.store(true);
+}
+
+void OfferOnSignal(QUOLNET::CConnectorMgr* mgr) {
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = OnHandOverSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGUSR2, &sa, nullptr);
+    mgr->AddTimer(0, 20, [mgr]() {
+        if (g_handover_requested.exchange(false) && !mgr->IsOfferingHandOver() && !mgr->IsHandedOver()) {
+            if (mgr->OfferHandOver(g_handover_path.c_str()) == 0) {
+                printf("echo_server: offering a hand-over on %s\n", g_handover_path.c_str());
+            } else {
+                printf("echo_server: cannot offer a hand-over on %s: %s\n", g_handover_path.c_str(),
+                       strerror(errno));
+            }
+            fflush(stdout);
+        }
+    });
+}
+
 void PrintDrain(bool drained, uint64_t ok, uint64_t aborted) {
     if (drained) {
         printf("echo_server: drained %llu connections, aborted %llu at the deadline\n",
@@ -506,6 +541,7 @@ int main(int argc, char** argv) {
     const char* url = "tcp://127.0.0.1:7000";
     double stats = 0;
     const char* stats_file = nullptr;
+    const char* takeover_path = nullptr;
     QUOLNET::ConnectorMgrOptions options;
     long long max_packet = options.max_packet_len;
     // Integer options: flag, where it goes, largest value.
@@ -573,6 +609,12 @@ int main(int argc, char** argv) {
             ++i;
         } else if (ti >= 0 && v != nullptr && *v != '\0') {
             *tls_values[ti].field = v;
+            ++i;
+        } else if (strcmp(a, "--handover") == 0 && v != nullptr && *v != '\0') {
+            g_handover_path = v;
+            ++i;
+        } else if (strcmp(a, "--takeover") == 0 && v != nullptr && *v != '\0') {
+            takeover_path = v;
             ++i;
         } else if (strcmp(a, "--tls-require-client-cert") == 0) {
             tls.require_client_cert = true;
@@ -649,6 +691,11 @@ int main(int argc, char** argv) {
     options.max_packet_len = static_cast<unsigned int>(max_packet);
     options.handshake_timeout_ms = static_cast<int>(flags[14].value);
     options.handshake_cpu_share = static_cast<unsigned int>(flags[15].value);
+    if ((!g_handover_path.empty() || takeover_path != nullptr) &&
+        (flags[0].value > 1 || workers != nullptr)) {
+        fprintf(stderr, "echo_server: --handover and --takeover serve one loop without --workers\n");
+        return 2;
+    }
     if (flags[0].value > 1) {
         return RunGroup(handler.get(), workers, options, socket, static_cast<int>(flags[0].value), url,
                         stats_file, stats);
@@ -657,6 +704,22 @@ int main(int argc, char** argv) {
     if (mgr.Init() != 0) {
         fprintf(stderr, "echo_server: cannot set up the event loop\n");
         return 1;
+    }
+    if (takeover_path != nullptr) {
+        // Before Listen: the old process's listening socket is taken, not bound anew.
+        QUOLNET::TakeOverResult result;
+        int64_t start = QUOLNET::CEventLoop::NowMs();
+        if (mgr.TakeOver(takeover_path, QUOLNET::HandOverOptions(), &result) != 0) {
+            fprintf(stderr, "echo_server: take-over from %s incomplete: %s\n", takeover_path,
+                    result.error.c_str());
+        }
+        printf(
+            "echo_server took over %zu connections and %zu listeners from %s in %lld ms (%llu bytes unsent, "
+            "%llu unread)\n",
+            result.connections, result.listeners, takeover_path,
+            static_cast<long long>(QUOLNET::CEventLoop::NowMs() - start),
+            static_cast<unsigned long long>(result.unsent_bytes),
+            static_cast<unsigned long long>(result.unread_bytes));
     }
     int port = mgr.Listen(url, socket);
     if (port < 0) {
@@ -673,10 +736,16 @@ int main(int argc, char** argv) {
     }
     StartMetricsFile(&mgr);
     DrainOnSignals(&mgr);
+    if (!g_handover_path.empty()) {
+        OfferOnSignal(&mgr);
+    }
     if (workers != nullptr) {
         workers->Start(&mgr, nullptr);
     }
     int ret = mgr.Run();
+    if (mgr.IsHandedOver()) {
+        printf("echo_server: handed over to the new process on %s\n", g_handover_path.c_str());
+    }
     if (workers != nullptr) {
         workers->Stop();  // before the manager goes: the workers call it
     }
