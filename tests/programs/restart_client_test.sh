@@ -83,6 +83,10 @@ if [ -z "$verified" ] || [ "$verified" -le 1000 ]; then
     fail "only ${verified:-no} packets verified"
 fi
 [ "$verified" = "$sent" ] || fail "$sent packets sent but $verified verified"
+split=$(sed -n 's/.*"packets_split":\([0-9]*\),.*/\1/p' "$dir/run.json")
+if [ -z "$split" ] || [ "$split" -eq 0 ]; then
+    fail "no packet waited half-sent"
+fi
 # 2 s of 100 ms windows, and the drain.
 windows=$(sed -n 's/.*"timeline_pause_ms":\[\([^]]*\)\].*/\1/p' "$dir/run.json" | tr ',' '\n' | wc -l)
 [ "$windows" -ge 20 ] || fail "the timeline has $windows windows, expected at least 20"
