@@ -94,6 +94,7 @@ class CAcceptor {
     // Closes the inherited sockets no Listen took (WARN each: connections in their queues
     // are refused); how many.
     int CloseUnclaimed();
+    bool HasInherited() const { return !m_inherited.empty(); }
     // Each open listener's URL and descriptor (still this acceptor's).
     std::vector<std::pair<std::string, int>> ListenerFds() const;
     // Takes every listener out of the epoll set and closes its descriptor without removing

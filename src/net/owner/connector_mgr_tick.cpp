@@ -257,6 +257,9 @@ void CConnectorMgr::RunShutdown(int64_t now) {
 
 int CConnectorMgr::RunOnce(int timeout_ms) {
     m_loop.MarkLoopThread();
+    if (m_acceptor.HasInherited()) {
+        m_acceptor.CloseUnclaimed();  // taken over and no Listen asked for them: see TakeOver
+    }
     int n = m_loop.Wait(ComputeWait(timeout_ms));
     if (n < 0) {
         QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR, "epoll_wait() failed, errno=%d", errno);

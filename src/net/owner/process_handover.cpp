@@ -83,8 +83,8 @@ int CProcessHandOver::Offer(const char* path, const HandOverOptions& options) {
     if (FillAddr(path, &addr)) {
         fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     }
-    if (fd >= 0 && bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0 &&
-        errno == EADDRINUSE) {
+    bool bound = fd >= 0 && bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
+    if (fd >= 0 && !bound && errno == EADDRINUSE) {
         // A file is in the way: replaced only when it is a socket nobody answers on.
         struct stat st;
         int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -95,13 +95,14 @@ int CProcessHandOver::Offer(const char* path, const HandOverOptions& options) {
             ::close(probe);
         }
         errno = EADDRINUSE;
-        if (!stale || unlink(path) != 0 ||
-            bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0) {
-            ::close(fd);
-            fd = -1;
-        }
-    } else if (fd >= 0 && errno != 0 && access(path, F_OK) != 0) {
-        // bind failed for another reason (errno kept below)
+        bound = stale && unlink(path) == 0 &&
+                bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
+    }
+    if (fd >= 0 && !bound) {
+        int err = errno;
+        ::close(fd);
+        errno = err;
+        fd = -1;
     }
     // Owner-only: the peer's credentials are checked besides.
     if (fd >= 0 && (chmod(path, S_IRUSR | S_IWUSR) != 0 || listen(fd, 4) != 0)) {
