@@ -254,6 +254,10 @@ void CWriter::U32(uint32_t v) {
     m_out.append(b, 4);
 }
 
+void CWriter::SetU32(size_t at, uint32_t v) {
+    PutU32(&m_out[at], v);
+}
+
 void CWriter::U64(uint64_t v) {
     U32(static_cast<uint32_t>(v));
     U32(static_cast<uint32_t>(v >> 32));

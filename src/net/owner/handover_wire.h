@@ -56,6 +56,8 @@ class CWriter {
     void U64(uint64_t v);
     void I64(int64_t v) { U64(static_cast<uint64_t>(v)); }
     void Bytes(const std::string& s);
+    // Overwrites the U32 written at offset `at` (a count known only once the items are in).
+    void SetU32(size_t at, uint32_t v);
     std::string& Out() { return m_out; }
 
   private:

@@ -305,10 +305,7 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved
             if (batch.empty()) {
                 continue;
             }
-            uint32_t count = static_cast<uint32_t>(batch.size());
-            for (int i = 0; i < 4; ++i) {
-                w.Out()[static_cast<size_t>(i)] = static_cast<char>(count >> (8 * i));
-            }
+            w.SetU32(0, static_cast<uint32_t>(batch.size()));
             Msg m;
             ok = handover::Send(peer, handover::kConns, w.Out(), fds, deadline, error);
             if (ok) {
@@ -535,10 +532,7 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
                     in.push_back(std::move(x));
                 }
             }
-            uint32_t count = static_cast<uint32_t>(in.size());
-            for (int i = 0; i < 4; ++i) {
-                ack.Out()[static_cast<size_t>(i)] = static_cast<char>(count >> (8 * i));
-            }
+            ack.SetU32(0, static_cast<uint32_t>(in.size()));
             // Ours once the answer is written whole (see process_handover.h); else the old
             // process keeps them and these copies go without touching the sockets.
             ok = CEventLoop::NowMs() < deadline &&
