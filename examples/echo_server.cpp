@@ -93,7 +93,8 @@ void Usage(FILE* out) {
         "                            every plain connection with the bytes it owes; this process then\n"
         "                            drains what stayed (TLS connections) and exits 0\n"
         "  --takeover PATH           start by taking over from the echo_server offering on PATH (the\n"
-        "                            same --listen URL); without --threads and --workers, as --handover\n"
+        "                            same --listen URL; any --threads on either side); without\n"
+        "                            --workers, as --handover\n"
         "Prints how many connections were drained and aborted, and the statistics table, at exit.\n",
         QUOLNET::ConnectorMgrOptions::kDefaultMaxPacketLen, d.pool_blocks, d.max_send_blocks,
         d.max_recv_blocks, d.send_stall_ms, d.packet_deadline_ms, d.idle_timeout_ms, d.fd_reserve,
@@ -466,6 +467,23 @@ void OfferOnSignal(QUOLNET::CConnectorMgr* mgr) {
     });
 }
 
+// --takeover PATH: `take` runs the manager's or the group's TakeOver; what came is printed.
+template <typename Take>
+void TakeOverFrom(const char* path, Take take) {
+    QUOLNET::TakeOverResult result;
+    int64_t start = QUOLNET::CEventLoop::NowMs();
+    if (take(path, &result) != 0) {
+        fprintf(stderr, "echo_server: take-over from %s incomplete: %s\n", path, result.error.c_str());
+    }
+    printf(
+        "echo_server took over %zu connections and %zu listeners from %s in %lld ms (%llu bytes unsent, "
+        "%llu unread)\n",
+        result.connections, result.listeners, path,
+        static_cast<long long>(QUOLNET::CEventLoop::NowMs() - start),
+        static_cast<unsigned long long>(result.unsent_bytes),
+        static_cast<unsigned long long>(result.unread_bytes));
+}
+
 void PrintDrain(bool drained, uint64_t ok, uint64_t aborted) {
     if (drained) {
         printf("echo_server: drained %llu connections, aborted %llu at the deadline\n",
@@ -476,15 +494,19 @@ void PrintDrain(bool drained, uint64_t ok, uint64_t aborted) {
 }  // namespace
 
 // --threads N: N loops on N threads; this thread waits for SIGINT/SIGTERM (blocked in every
-// thread and taken with sigwait), then stops the group. `workers` (with --workers) is the
-// handler too.
+// thread and taken with sigtimedwait), then stops the group. With --handover it also takes
+// SIGUSR2 (the offer) and ends when the group has handed over. `workers` (with --workers)
+// is the handler too.
 int RunGroup(echo::EchoServerHandler* handler, WorkerEchoHandler* workers,
              const QUOLNET::ConnectorMgrOptions& options, const QUOLNET::SocketOptions& socket, int threads,
-             const char* url, const char* stats_file, double stats) {
+             const char* url, const char* stats_file, double stats, const char* takeover_path) {
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
+    if (!g_handover_path.empty()) {
+        sigaddset(&stop_signals, SIGUSR2);
+    }
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     QUOLNET::ConnectorGroupOptions go;
     go.threads = threads;
@@ -494,6 +516,11 @@ int RunGroup(echo::EchoServerHandler* handler, WorkerEchoHandler* workers,
     if (group.Init() != 0) {
         fprintf(stderr, "echo_server: cannot set up the event loops\n");
         return 1;
+    }
+    if (takeover_path != nullptr) {
+        TakeOverFrom(takeover_path, [&group](const char* p, QUOLNET::TakeOverResult* r) {
+            return group.TakeOver(p, QUOLNET::HandOverOptions(), r);
+        });
     }
     if (group.Listen(url, socket) < 0) {
         fprintf(stderr, "echo_server: cannot listen on %s: %s\n", url, strerror(errno));
@@ -522,8 +549,26 @@ int RunGroup(echo::EchoServerHandler* handler, WorkerEchoHandler* workers,
         workers->Start(nullptr, &group);
     }
     group.Start();
-    int sig = 0;
-    sigwait(&stop_signals, &sig);
+    for (;;) {
+        struct timespec tick = {0, 20 * 1000 * 1000};
+        int sig = sigtimedwait(&stop_signals, nullptr, &tick);
+        if (sig == SIGUSR2) {
+            if (!group.IsOfferingHandOver() && !group.IsHandedOver()) {
+                if (group.OfferHandOver(g_handover_path.c_str()) == 0) {
+                    printf("echo_server: offering a hand-over on %s\n", g_handover_path.c_str());
+                } else {
+                    printf("echo_server: cannot offer a hand-over on %s: %s\n", g_handover_path.c_str(),
+                           strerror(errno));
+                }
+                fflush(stdout);
+            }
+        } else if (sig == SIGINT || sig == SIGTERM) {
+            break;
+        } else if (group.IsHandedOver()) {
+            printf("echo_server: handed over to the new process on %s\n", g_handover_path.c_str());
+            break;  // the loops drain what stayed; Shutdown waits for them
+        }
+    }
     group.Shutdown(g_drain_ms);  // returns once every loop has drained (or met the deadline)
     if (workers != nullptr) {
         workers->Stop();  // before the group goes: the workers call it
@@ -691,14 +736,14 @@ int main(int argc, char** argv) {
     options.max_packet_len = static_cast<unsigned int>(max_packet);
     options.handshake_timeout_ms = static_cast<int>(flags[14].value);
     options.handshake_cpu_share = static_cast<unsigned int>(flags[15].value);
-    if ((!g_handover_path.empty() || takeover_path != nullptr) &&
-        (flags[0].value > 1 || workers != nullptr)) {
-        fprintf(stderr, "echo_server: --handover and --takeover serve one loop without --workers\n");
+    if ((!g_handover_path.empty() || takeover_path != nullptr) && workers != nullptr) {
+        // A worker's reply to a connection handed over meanwhile would find no one here.
+        fprintf(stderr, "echo_server: --handover and --takeover reply from the loops, without --workers\n");
         return 2;
     }
     if (flags[0].value > 1) {
         return RunGroup(handler.get(), workers, options, socket, static_cast<int>(flags[0].value), url,
-                        stats_file, stats);
+                        stats_file, stats, takeover_path);
     }
     QUOLNET::CConnectorMgr mgr(handler.get(), options);
     if (mgr.Init() != 0) {
@@ -707,19 +752,9 @@ int main(int argc, char** argv) {
     }
     if (takeover_path != nullptr) {
         // Before Listen: the old process's listening socket is taken, not bound anew.
-        QUOLNET::TakeOverResult result;
-        int64_t start = QUOLNET::CEventLoop::NowMs();
-        if (mgr.TakeOver(takeover_path, QUOLNET::HandOverOptions(), &result) != 0) {
-            fprintf(stderr, "echo_server: take-over from %s incomplete: %s\n", takeover_path,
-                    result.error.c_str());
-        }
-        printf(
-            "echo_server took over %zu connections and %zu listeners from %s in %lld ms (%llu bytes unsent, "
-            "%llu unread)\n",
-            result.connections, result.listeners, takeover_path,
-            static_cast<long long>(QUOLNET::CEventLoop::NowMs() - start),
-            static_cast<unsigned long long>(result.unsent_bytes),
-            static_cast<unsigned long long>(result.unread_bytes));
+        TakeOverFrom(takeover_path, [&mgr](const char* p, QUOLNET::TakeOverResult* r) {
+            return mgr.TakeOver(p, QUOLNET::HandOverOptions(), r);
+        });
     }
     int port = mgr.Listen(url, socket);
     if (port < 0) {

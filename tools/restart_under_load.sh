@@ -3,10 +3,12 @@
 # it busy, and reports what the clients saw around each restart.
 #
 # Usage: tools/restart_under_load.sh BUILD_DIR [--conns N] [--restarts R] [--interval SECONDS]
-#            [--depth K] [--sizes LIST] [--exit-timeout SECONDS] [--keep]
+#            [--depth K] [--sizes LIST] [--threads LIST] [--exit-timeout SECONDS] [--keep]
 #
 # BUILD_DIR holds examples/echo_server and tools/restart_client. The run:
-#   1. echo_server --listen tcp://127.0.0.1:PORT --handover DIR/handover.sock, on a free port;
+#   1. echo_server --listen tcp://127.0.0.1:PORT --handover DIR/handover.sock, on a free port
+#      (with --threads LIST, each server in turn runs the next count of loops of LIST: a group
+#      hands over to a group of another size, or to a single loop);
 #   2. restart_client against it for the whole run (never re-establishes a connection, checks
 #      every echoed byte, keeps half-sent packets at any moment); the restarts begin once every
 #      connection is open and --interval seconds of load have passed;
@@ -29,12 +31,13 @@ set -u
 prog=restart_under_load
 usage() {
     echo "usage: $0 BUILD_DIR [--conns N] [--restarts R] [--interval SECONDS] [--depth K] [--sizes LIST]"
-    echo "           [--exit-timeout SECONDS] [--keep]"
+    echo "           [--threads LIST] [--exit-timeout SECONDS] [--keep]"
     echo "  --conns N              client connections (default 1000)"
     echo "  --restarts R           restarts (default 5)"
     echo "  --interval SECONDS     load before the first restart and between restarts (default 2)"
     echo "  --depth K              packets in flight per connection (restart_client's default 4)"
     echo "  --sizes LIST           packet sizes (restart_client's default mix)"
+    echo "  --threads LIST         loops of each server in turn, e.g. 1,2,3 (default 1)"
     echo "  --exit-timeout SECONDS how long an old server may take to exit (default 10)"
     echo "  --keep                 keep the run's directory (logs, client report) even when it passes"
 }
@@ -60,6 +63,7 @@ restarts=5
 interval=2
 exit_timeout=10
 keep=0
+threads_list=(1)
 client_extra=()
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -80,6 +84,10 @@ while [ $# -gt 0 ]; do
         --interval) is_seconds "$2" || bad "bad --interval '$2'"; interval=$2 ;;
         --exit-timeout) is_seconds "$2" || bad "bad --exit-timeout '$2'"; exit_timeout=$2 ;;
         --depth | --sizes) client_extra+=("$1" "$2") ;;
+        --threads)
+            [[ "$2" =~ ^[0-9]+(,[0-9]+)*$ ]] || bad "bad --threads '$2'"
+            IFS=, read -r -a threads_list <<<"$2"
+            ;;
         *) bad "unknown argument '$1'" ;;
     esac
     shift 2
@@ -149,13 +157,16 @@ fail_early() {
     exit 1
 }
 
+# threads_of N: the loops of server N (the list in turn).
+threads_of() { echo "${threads_list[$(($1 % ${#threads_list[@]}))]}"; }
+
 # ---- the first server, on a free port ----
 
 port=
 for _ in $(seq 1 20); do
     try=$((20000 + RANDOM % 40000))
     server_args=(--listen "tcp://127.0.0.1:$try" --handover "$sock")
-    "$server" "${server_args[@]}" >"$dir/server0.out" 2>"$dir/server0.err" &
+    "$server" "${server_args[@]}" --threads "$(threads_of 0)" >"$dir/server0.out" 2>"$dir/server0.err" &
     cur=$!
     pids+=("$cur")
     for i in $(seq 1 200); do
@@ -223,7 +234,7 @@ for r in $(seq 1 "$restarts"); do
             echo "$prog: restart $r: echo_server $old exited without offering $sock; starting the new server anyway"
         fi
     fi
-    "$server" "${server_args[@]}" --takeover "$sock" >"$dir/server$r.out" 2>"$dir/server$r.err" &
+    "$server" "${server_args[@]}" --threads "$(threads_of "$r")" --takeover "$sock" >"$dir/server$r.out" 2>"$dir/server$r.err" &
     new=$!
     pids+=("$new")
     if wait_gone "$old" "$exit_timeout"; then

@@ -126,6 +126,31 @@ class QUOLNET_EXPORT CConnectorGroup {
     uint64_t AddTimer(int loop, int delay_ms, int interval_ms, std::function<void()> fn);
     void CancelTimer(int loop, uint64_t timer_id);
 
+    // ---- Restart without dropping anyone (see CConnectorMgr::OfferHandOver) ----
+    //
+    // The same as a manager's, for every loop at once. The exchange runs on loop 0's thread
+    // while the other loops wait (the pause their peers see); each loop's connections go
+    // from its own thread, so OnHandOut and OnClosed come on the thread of the loop serving
+    // the connection, as always. After a complete exchange every loop releases its
+    // listeners and drains what stayed; each loop's Run returns when it has, and Shutdown
+    // (or Stop) then joins them. Connections still on their way between loops at that
+    // moment (a Move, or one handed out by loop 0) stay and drain.
+    // Returns as CConnectorMgr::OfferHandOver. Any thread: from a loop other than 0 the
+    // offer is posted to loop 0 and 0 returned (a failure is logged).
+    int OfferHandOver(const char* path, const HandOverOptions& options = HandOverOptions());
+    bool IsOfferingHandOver() const;
+    bool IsHandedOver() const;
+    // Takes over from a process offering on `path` (a group of any number of loops, or a
+    // manager): after Init, before Listen and Start, on one thread. Each connection joins
+    // the loop its id names when this group has that loop, else the loops in turn (its id
+    // stays and reaches it, as a moved connection's does); OnHandIn comes on this thread.
+    // The listening sockets wait for Listen on their URL: with SO_REUSEPORT each loop takes
+    // one of the old sockets (a loop takes several when the old group had more loops; the
+    // loops beyond open their own on the port). A socket the old process listened on alone
+    // (no SO_REUSEPORT) cannot share its port: loop 0 takes it and hands out. Returns as
+    // CConnectorMgr::TakeOver.
+    int TakeOver(const char* path, const HandOverOptions& options, TakeOverResult* result);
+
     int GetLoopCount() const { return static_cast<int>(m_loops.size()); }
     CConnectorMgr* GetLoop(int i) { return m_loops[static_cast<size_t>(i)].get(); }
     // The loop serving `id` now (-1 when `id` names no loop of the group).
@@ -155,6 +180,7 @@ class QUOLNET_EXPORT CConnectorGroup {
   private:
     friend class CConnectorMgr;
     friend class CConnMover;
+    friend class CProcessHandOver;
 
     struct Route {
         int loop;                // the loop serving the connection (or receiving it)
@@ -163,6 +189,8 @@ class QUOLNET_EXPORT CConnectorGroup {
         TrafficCounts carried;   // the traffic it had when it left its last loop
     };
 
+    // Loop 0 alone accepts, handing the connections out round-robin (Dispatch).
+    void HandOutFromLoop0();
     int HomeLoop(ConnId id) const;
     // Finds the route of `id`; false when it has never moved.
     bool FindRoute(ConnId id, Route* route);
@@ -179,6 +207,9 @@ class QUOLNET_EXPORT CConnectorGroup {
     bool HoldRouted(ConnId id, int delta);
     // A loop destroyed connection `id`: its route goes.
     void Forget(ConnId id);
+    // Connection `id`, taken over from another process, is served by `loop`, which its id
+    // does not name. Before Start.
+    void AddAdoptedRoute(ConnId id, int loop);
     // The move's two halves, on the loop threads (see CConnMover).
     void SetTransit(OwnedConn* conn, CConnectorMgr* to);
     bool Arrived(ConnId id, int loop);

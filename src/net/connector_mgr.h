@@ -463,7 +463,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     // (a dialled one's reconnect setting stays behind: the new process dials what it needs).
     // What stays and drains in the old process: TLS connections (their session lives in this
     // process's OpenSSL), handshakes, dials in progress, connections closing, and those
-    // OnHandOut keeps. Not for a CConnectorGroup's loops yet.
+    // OnHandOut keeps. A CConnectorGroup offers and takes over for all its loops (see
+    // connector_group.h); its loops' own calls return -3 (offer) and -1 (take over).
     //
     // Offers the hand-over on the Unix socket `path` (created with owner-only permissions;
     // removed when the offer ends). A successor that connects is checked (same effective

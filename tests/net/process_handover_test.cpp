@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "net/connector_group.h"
 #include "net/connector_mgr.h"
 #include "net/owner/handover_wire.h"
 #include "support/log_capture.h"
@@ -29,6 +30,7 @@
 
 namespace {
 
+using QUOLNET::CConnectorGroup;
 using QUOLNET::CConnectorMgr;
 using QUOLNET::CloseInfo;
 using QUOLNET::CloseReason;
@@ -111,6 +113,46 @@ struct Server {
     std::unique_ptr<CConnectorMgr> mgr;
     std::thread thread;
 };
+
+// A group of `threads` loops with its own log and handler (each loop its own pool).
+struct GroupServer {
+    GroupServer(const char* name, int threads) : log(QUOLNET::LOG_PRIORITY_DEBUG, name) {
+        QUOLNET::ConnectorGroupOptions o;
+        o.threads = threads;
+        o.loop.pool_blocks = 2048;
+        o.loop.log_cat = log.cat();
+        group.reset(new CConnectorGroup(&echo, o));
+        EXPECT_EQ(0, group->Init());
+    }
+    ~GroupServer() { group->Stop(); }
+    // Waits for the hand-over to complete and the loops to finish (nothing stays to drain).
+    void AwaitHandedOver() {
+        ASSERT_TRUE(qntest::Eventually([&]() { return group->IsHandedOver(); }));
+        group->Shutdown(5000);
+        EXPECT_EQ(0u, group->GetConnectionCount());
+    }
+
+    qntest::LogCapture log;
+    Echo echo;
+    std::unique_ptr<CConnectorGroup> group;
+};
+
+// Received bytes over every connection of every loop (each loop counts on its thread).
+int64_t ReceivedBytes(CConnectorGroup& group) {
+    std::atomic<int64_t> got{0};
+    std::atomic<int> done{0};
+    for (int i = 0; i < group.GetLoopCount(); ++i) {
+        CConnectorMgr* mgr = group.GetLoop(i);
+        group.Post(i, [mgr, &got, &done]() {
+            for (ConnId id : mgr->ListConnections()) {
+                got += mgr->GetConnector(id)->GetRecvBytes();
+            }
+            ++done;
+        });
+    }
+    EXPECT_TRUE(qntest::Eventually([&]() { return done.load() == group.GetLoopCount(); }));
+    return got.load();
+}
 
 std::string SocketPath(const char* name) {
     return "/tmp/quolnet-handover-" + std::to_string(getpid()) + "-" + name + ".sock";
@@ -389,6 +431,206 @@ TEST(ProcessHandOver, APeerOfAnotherUserCannotReachTheOffer) {
     int status = 0;
     ASSERT_EQ(child, waitpid(child, &status, 0));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the socket is owner-only";
+}
+
+// Three loops hand over to two, and those two to a manager: a connection dialled by loop 2
+// keeps its id and is reached through the group afterwards, a half-received packet and held
+// packets arrive whole, and the three SO_REUSEPORT sockets (each with its own queue) are
+// all taken: loop 0 of the second group takes two, then the manager all three.
+TEST(ProcessHandOver, AGroupHandsEveryLoopToAGroupOfAnotherSizeAndThenToAManager) {
+    std::string path = SocketPath("group");
+    GroupServer first("first", 3);
+    ASSERT_GT(first.group->Listen("tcp://127.0.0.1:0"), 0);
+    ASSERT_TRUE(first.group->IsReusePort());
+    std::string url = first.group->GetListenURL();
+    qntest::Listener upstream;  // a peer loop 2 dials
+    ASSERT_EQ(0, first.group->Start());
+    ConnId dialled = first.group->Dial(upstream.url().c_str(), QUOLNET::DialOptions(), 2);
+    ASSERT_EQ(2, static_cast<int>(dialled >> CConnectorGroup::kLoopShift));
+    int up = upstream.Accept(true);
+    ASSERT_GE(up, 0);
+    ExpectEcho(up, qntest::Packet("upstream"));
+
+    std::vector<int> clients;
+    for (int i = 0; i < 30; ++i) {
+        clients.push_back(qntest::DialURL(url));
+        ASSERT_GE(clients.back(), 0);
+        ExpectEcho(clients.back(), qntest::Packet(Payload('x', 100, static_cast<uint32_t>(i))));
+    }
+    std::string half = qntest::Packet(Payload('x', 300000, 1));
+    ASSERT_TRUE(qntest::WriteAll(clients[0], half.data(), 150000));
+    first.echo.hold = true;
+    std::string held = qntest::Packet(Payload('H', 5000, 3)) + qntest::Packet(Payload('H', 70000, 4));
+    ASSERT_TRUE(qntest::WriteAll(clients[1], held.data(), held.size()));
+    const int64_t expected = 30 * 104 + 12 + 150000 + static_cast<int64_t>(held.size());
+    ASSERT_TRUE(qntest::Eventually([&]() { return ReceivedBytes(*first.group) == expected; }));
+
+    ASSERT_EQ(0, first.group->OfferHandOver(path.c_str()));
+    ASSERT_TRUE(first.group->IsOfferingHandOver());
+    GroupServer second("second", 2);
+    TakeOverResult result;
+    ASSERT_EQ(0, second.group->TakeOver(path.c_str(), HandOverOptions(), &result)) << result.error;
+    EXPECT_EQ(3u, result.listeners);
+    EXPECT_EQ(31u, result.connections);
+    EXPECT_GE(result.unread_bytes, 150000u + held.size());
+    EXPECT_EQ("process state", second.echo.process_state);
+    ASSERT_GT(second.group->Listen(url.c_str()), 0);
+    EXPECT_TRUE(second.group->IsReusePort());
+    EXPECT_EQ(3, second.log.CountPrefix(QUOLNET::LOG_PRIORITY_INFO, "listening on " + url + ", fd="))
+        << "the three sockets taken over, none bound anew";
+    ASSERT_EQ(0, second.group->Start());
+    first.AwaitHandedOver();
+    EXPECT_EQ(31u, first.group->GetCloseCount(CloseReason::kHandedOver));
+    EXPECT_EQ(31, first.echo.handed_over.load());
+    {
+        std::lock_guard<std::mutex> lock(second.echo.mutex);
+        ASSERT_EQ(31u, second.echo.states.size());
+        for (const auto& st : second.echo.states) {
+            EXPECT_EQ("state of " + std::to_string(st.first), st.second);
+        }
+    }
+    std::vector<ConnId> ids = second.group->ListConnections();
+    ASSERT_EQ(31u, ids.size());
+    for (ConnId id : ids) {
+        EXPECT_GE(second.group->LoopOf(id), 0) << id;
+    }
+
+    // Every byte owed, once and in order; the dialled connection, whose id names loop 2, is
+    // reached through the group.
+    ASSERT_TRUE(qntest::WriteAll(clients[0], half.data() + 150000, half.size() - 150000));
+    std::string back(half.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(clients[0], &back[0], back.size()));
+    EXPECT_TRUE(back == half);
+    back.assign(held.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(clients[1], &back[0], back.size()));
+    EXPECT_TRUE(back == held);
+    std::string pushed = qntest::Packet("pushed to a routed id");
+    ASSERT_EQ(static_cast<int>(pushed.size()),
+              second.group->Send(dialled, pushed.data(), static_cast<unsigned int>(pushed.size())));
+    back.assign(pushed.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(up, &back[0], back.size()));
+    EXPECT_EQ(pushed, back);
+    ExpectEcho(up, qntest::Packet("upstream again"));
+    for (int i = 0; i < 10; ++i) {  // new connections, on whichever socket the kernel picks
+        clients.push_back(qntest::DialURL(url));
+        ASSERT_GE(clients.back(), 0);
+    }
+    for (size_t i = 0; i < clients.size(); ++i) {
+        ExpectEcho(clients[i], qntest::Packet(Payload('y', 2000, static_cast<uint32_t>(i))));
+    }
+
+    // The group to a manager: it takes the three sockets.
+    ASSERT_EQ(0, second.group->OfferHandOver(path.c_str()));
+    Server third("third");
+    ASSERT_EQ(0, third.mgr->TakeOver(path.c_str(), HandOverOptions(), &result)) << result.error;
+    EXPECT_EQ(3u, result.listeners);
+    EXPECT_EQ(41u, result.connections);
+    ASSERT_GT(third.mgr->Listen(url.c_str()), 0);
+    EXPECT_EQ(3, third.log.CountPrefix(QUOLNET::LOG_PRIORITY_INFO, "listening on " + url + ", fd="));
+    third.Start();
+    second.AwaitHandedOver();
+    for (int i = 0; i < 10; ++i) {
+        clients.push_back(qntest::DialURL(url));
+        ASSERT_GE(clients.back(), 0);
+    }
+    for (size_t i = 0; i < clients.size(); ++i) {
+        ExpectEcho(clients[i], qntest::Packet(Payload('z', 3000, static_cast<uint32_t>(i))));
+    }
+    ASSERT_EQ(static_cast<int>(pushed.size()),
+              third.mgr->Send(dialled, pushed.data(), static_cast<unsigned int>(pushed.size())));
+    ASSERT_TRUE(qntest::ReadExactly(up, &back[0], back.size()));
+    EXPECT_EQ(pushed, back);
+    for (int fd : clients) {
+        close(fd);
+    }
+    close(up);
+}
+
+// A manager listened alone (no SO_REUSEPORT): a group taking over cannot open sockets of its
+// own beside it, so loop 0 accepts on the one it took and hands the connections out.
+TEST(ProcessHandOver, AGroupTakingOverASocketThatListenedAloneHandsOutFromLoopZero) {
+    std::string path = SocketPath("alone");
+    Server old_server("old");
+    ASSERT_GT(old_server.mgr->Listen("tcp://127.0.0.1:0"), 0);
+    std::string url = old_server.mgr->GetListenURL(0);
+    old_server.Start();
+    int a = qntest::DialURL(url);
+    ASSERT_GE(a, 0);
+    ExpectEcho(a, qntest::Packet("before"));
+    old_server.OnLoop([&]() { ASSERT_EQ(0, old_server.mgr->OfferHandOver(path.c_str())); });
+    GroupServer group("group", 2);
+    TakeOverResult result;
+    ASSERT_EQ(0, group.group->TakeOver(path.c_str(), HandOverOptions(), &result)) << result.error;
+    EXPECT_EQ(1u, result.connections);
+    ASSERT_GT(group.group->Listen(url.c_str()), 0);
+    EXPECT_FALSE(group.group->IsReusePort());
+    ASSERT_EQ(0, group.group->Start());
+    old_server.thread.join();
+    ExpectEcho(a, qntest::Packet("after"));
+    std::vector<int> more;
+    for (int i = 0; i < 6; ++i) {
+        more.push_back(qntest::DialURL(url));
+        ASSERT_GE(more.back(), 0);
+        ExpectEcho(more.back(), qntest::Packet("new"));
+    }
+    EXPECT_GT(group.group->GetLoop(1)->GetConnectionCount(), 0u) << "handed out to loop 1 too";
+    for (int fd : more) {
+        close(fd);
+    }
+    close(a);
+}
+
+// A successor dies with the first loop's batch unanswered: every loop of the old group goes
+// on serving everything (none stays parked), and a real successor then takes it all.
+TEST(ProcessHandOver, AGroupWhoseSuccessorDiesMidwayServesOnOnEveryLoop) {
+    std::string path = SocketPath("groupfail");
+    GroupServer old_group("old", 2);
+    ASSERT_GT(old_group.group->Listen("tcp://127.0.0.1:0"), 0);
+    std::string url = old_group.group->GetListenURL();
+    ASSERT_EQ(0, old_group.group->Start());
+    std::vector<int> clients;
+    for (int i = 0; i < 8; ++i) {
+        clients.push_back(qntest::DialURL(url));
+        ASSERT_GE(clients.back(), 0);
+        ExpectEcho(clients.back(), qntest::Packet("one"));
+    }
+    HandOverOptions options;
+    options.deadline_ms = 2000;
+    ASSERT_EQ(0, old_group.group->OfferHandOver(path.c_str(), options));
+    int peer = Hello(path, wire::kWireVersion);
+    wire::Msg m;
+    bool batch = false;
+    while (!batch && Next(peer, &m)) {
+        if (m.type == wire::kListeners) {
+            wire::CWriter ack;
+            ack.U32(2);
+            std::string error;
+            ASSERT_TRUE(
+                wire::Send(peer, wire::kAck, ack.Out(), {}, QUOLNET::CEventLoop::NowMs() + 5000, &error));
+        }
+        batch = m.type == wire::kConns;
+    }
+    ASSERT_TRUE(batch);
+    close(peer);
+    ASSERT_TRUE(qntest::Eventually(
+        [&]() { return old_group.log.HasPrefix(QUOLNET::LOG_PRIORITY_WARN, "hand-over to pid "); }));
+    for (int fd : clients) {
+        ExpectEcho(fd, qntest::Packet("two"));
+    }
+    EXPECT_EQ(8u, old_group.group->GetConnectionCount());
+    EXPECT_FALSE(old_group.group->IsHandedOver());
+
+    GroupServer new_group("new", 2);
+    TakeOverResult result;
+    ASSERT_EQ(0, new_group.group->TakeOver(path.c_str(), options, &result)) << result.error;
+    EXPECT_EQ(8u, result.connections);
+    ASSERT_GT(new_group.group->Listen(url.c_str()), 0);
+    ASSERT_EQ(0, new_group.group->Start());
+    old_group.AwaitHandedOver();
+    for (int fd : clients) {
+        ExpectEcho(fd, qntest::Packet("three"));
+        close(fd);
+    }
 }
 
 }  // namespace

@@ -16,25 +16,47 @@
 namespace QUOLNET {
 
 int CAcceptor::Listen(const char* url, int backlog, bool reuse_port, const SocketOptions& socket) {
-    std::unique_ptr<CTcpListener> l(new CTcpListener());
-    l->SetSocketOptions(socket);
-    int ret = -1;
     std::string canonical = m_inherited.empty() ? std::string() : CTcpListener::CanonicalURL(url);
-    for (size_t i = 0; i < m_inherited.size(); ++i) {
-        if (!canonical.empty() && m_inherited[i].first == canonical) {
-            ret = l->Inherit(m_inherited[i].second, url, m_log_cat);
-            if (ret == 0) {
-                m_inherited.erase(m_inherited.begin() + static_cast<std::ptrdiff_t>(i));
-            }
-            break;
+    int port = -1;
+    bool took = false;
+    // Every inherited socket on this address is taken (a group that listened with
+    // SO_REUSEPORT passes one per loop, each with its own queue): none is closed unread.
+    for (size_t i = 0; i < m_inherited.size();) {
+        if (canonical.empty() || m_inherited[i].first != canonical) {
+            ++i;
+            continue;
+        }
+        int fd = m_inherited[i].second;
+        m_inherited.erase(m_inherited.begin() + static_cast<std::ptrdiff_t>(i));
+        std::unique_ptr<CTcpListener> l(new CTcpListener());
+        l->SetSocketOptions(socket);
+        int ret = l->Inherit(fd, url, m_log_cat);
+        if (ret != 0) {
+            ::close(fd);
+            continue;
+        }
+        ret = AddListener(std::move(l), url);
+        if (ret < 0) {
+            return ret;
+        }
+        if (!took) {
+            port = ret;
+            took = true;
         }
     }
-    if (ret != 0) {
-        ret = l->Open(url, backlog, m_log_cat, reuse_port);
+    if (took) {
+        return port;
     }
+    std::unique_ptr<CTcpListener> l(new CTcpListener());
+    l->SetSocketOptions(socket);
+    int ret = l->Open(url, backlog, m_log_cat, reuse_port);
     if (ret != 0) {
         return ret;
     }
+    return AddListener(std::move(l), url);
+}
+
+int CAcceptor::AddListener(std::unique_ptr<CTcpListener> l, const char* url) {
     struct epoll_event ev;
     memset(&ev, 0, sizeof(ev));
     ev.events = EPOLLIN;
@@ -52,6 +74,10 @@ int CAcceptor::Listen(const char* url, int backlog, bool reuse_port, const Socke
 
 std::string CAcceptor::GetListenURL(size_t i) const {
     return i < m_listeners.size() ? m_listeners[i]->GetURL() : std::string();
+}
+
+int CAcceptor::GetListenerFd(size_t i) const {
+    return i < m_listeners.size() ? m_listeners[i]->GetFd() : -1;
 }
 
 int CAcceptor::Find(const void* ptr) const {

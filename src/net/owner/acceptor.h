@@ -73,6 +73,8 @@ class CAcceptor {
     // when SO_REUSEPORT was asked for and refused.
     int Listen(const char* url, int backlog, bool reuse_port, const SocketOptions& socket = SocketOptions());
     std::string GetListenURL(size_t i) const;
+    // Listener `i`'s descriptor, or -1.
+    int GetListenerFd(size_t i) const;
     size_t GetListenerCount() const { return m_listeners.size(); }
     // The index of the listener whose epoll data is `ptr`, or -1.
     int Find(const void* ptr) const;
@@ -89,7 +91,8 @@ class CAcceptor {
     // Hand-over between processes.
     // A listening socket received from the previous process, kept until a Listen on its URL
     // (CTcpListener::CanonicalURL) takes it instead of binding anew: the same socket, so
-    // nothing in its queue is lost.
+    // nothing in its queue is lost. A Listen takes every inherited socket on its address
+    // (one per loop of a group that listened with SO_REUSEPORT), each a listener of its own.
     void AddInherited(const std::string& url, int fd) { m_inherited.emplace_back(url, fd); }
     // Closes the inherited sockets no Listen took (WARN each: connections in their queues
     // are refused); how many.
@@ -112,6 +115,8 @@ class CAcceptor {
     static int QueuedCount(int fd);
 
   private:
+    // Adds an open listener to the epoll set and the list. Its port, or -2.
+    int AddListener(std::unique_ptr<CTcpListener> l, const char* url);
     // Takes listener `idx` out of the epoll set until Resume; arms the retry timer (unless
     // one is armed already).
     void Pause(size_t idx, int retry_ms = kAcceptRetryMs);

@@ -38,6 +38,12 @@
 //   same id and all of its state (the application's context included); OnMoved tells the handler, on the new
 //   loop's thread.
 //
+//   Hand-over to another process (OfferHandOver / TakeOver):
+//     old: ESTABLISHED (no stream layer, OnHandOut agreed) --confirmed by the successor--> gone
+//          (OnClosed: handed_over; descriptor closed here without shutdown). Not confirmed:
+//          stays ESTABLISHED, served as before. Every other state stays and drains.
+//     new: (received) --answer written--> ESTABLISHED, with the same id; OnHandIn, then served.
+//
 // Threads: the record belongs to its manager's loop thread, except `id` and `connector`,
 // which other threads reach through the id map under CConnTable's lock, and the Relaxed
 // fields, which foreign Sends set.

@@ -3,6 +3,7 @@
 #include "net/connector_group.h"
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -84,16 +85,18 @@ int CConnectorGroup::Listen(const char* url, const SocketOptions& socket, int ba
     int port =
         m_options.reuse_port && m_loops.size() > 1 ? first.m_acceptor.Listen(url, backlog, true, socket) : -3;
     if (port == -3) {
-        // One acceptor hands the connections out round-robin.
-        first.m_acceptor.SetAdopt(
-            [this](int fd, const std::string& peer, const std::shared_ptr<IStreamIoFactory>& stream) {
-                Dispatch(fd, peer, stream);
-            });
-        first.m_acceptor.SetGate(nullptr);  // each receiving loop makes room for itself
-        m_reuse_port_active = false;
+        HandOutFromLoop0();
         return first.m_acceptor.Listen(url, backlog, false, socket);
     }
     if (port < 0) {
+        return port;
+    }
+    int reuse = 0;
+    socklen_t reuse_len = sizeof(reuse);
+    if (getsockopt(first.m_acceptor.GetListenerFd(idx), SOL_SOCKET, SO_REUSEPORT, &reuse, &reuse_len) == 0 &&
+        reuse == 0) {
+        // A socket taken over from a process that listened alone: it cannot share its port.
+        HandOutFromLoop0();
         return port;
     }
     std::string bound = first.m_acceptor.GetListenURL(idx);  // the port chosen for ":0"
@@ -105,6 +108,16 @@ int CConnectorGroup::Listen(const char* url, const SocketOptions& socket, int ba
     }
     m_reuse_port_active = true;
     return port;
+}
+
+void CConnectorGroup::HandOutFromLoop0() {
+    CConnectorMgr& first = *m_loops[0];
+    first.m_acceptor.SetAdopt(
+        [this](int fd, const std::string& peer, const std::shared_ptr<IStreamIoFactory>& stream) {
+            Dispatch(fd, peer, stream);
+        });
+    first.m_acceptor.SetGate(nullptr);  // each receiving loop makes room for itself
+    m_reuse_port_active = false;
 }
 
 std::string CConnectorGroup::GetListenURL() const {

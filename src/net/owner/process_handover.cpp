@@ -13,6 +13,7 @@
 #include <cstring>
 #include <unordered_set>
 
+#include "net/connector_group.h"
 #include "net/owner/conn_mover.h"
 #include "net/owner/owner_log.h"
 
@@ -51,6 +52,7 @@ void Refuse(int fd, const std::string& why, int64_t deadline) {
 }  // namespace
 
 CProcessHandOver::~CProcessHandOver() {
+    EndParking(false);
     EndOffer();
 }
 
@@ -72,9 +74,6 @@ bool CProcessHandOver::PeerAllowed(int fd, const HandOverOptions& options, std::
 // ---- the old process --------------------------------------------------------------------
 
 int CProcessHandOver::Offer(const char* path, const HandOverOptions& options) {
-    if (m_mgr.m_group != nullptr) {
-        return -3;
-    }
     if (m_offer_fd >= 0) {
         return -2;
     }
@@ -153,8 +152,14 @@ void CProcessHandOver::Poll() {
     ::close(peer);
     if (done) {
         EndOffer();
-        m_mgr.Shutdown(m_options.drain_ms);  // what stayed drains; Run returns after it
+        Finish(m_options.drain_ms);
     }
+}
+
+void CProcessHandOver::Finish(int drain_ms) {
+    m_mgr.m_acceptor.ReleaseAll();  // the successor accepts on them now
+    m_mgr.m_handed_over.store(true);
+    m_mgr.Shutdown(drain_ms);  // what stayed drains; Run returns after it
 }
 
 bool CProcessHandOver::Exchange(int peer) {
@@ -186,10 +191,17 @@ bool CProcessHandOver::Exchange(int peer) {
             return false;
         }
     }
+    // A group's other loops wait from here to the end (see EndParking).
+    if (m_mgr.m_group != nullptr && !ParkLoops(deadline, &why)) {
+        EndParking(false);
+        Refuse(peer, why, deadline);
+        QN_OWNER_LOG(cat, LOG_PRIORITY_WARN, "hand-over refused: pid %d: %s", pid, why.c_str());
+        return false;
+    }
     CWriter welcome;
     welcome.U32(handover::kWireVersion);
     welcome.U32(static_cast<uint32_t>(getpid()));
-    welcome.U64(m_mgr.m_table.LastId());
+    welcome.U64(HighestId());
     welcome.I64(deadline);
     CWriter process;
     if (m_mgr.m_handler != nullptr) {
@@ -199,7 +211,7 @@ bool CProcessHandOver::Exchange(int peer) {
     } else {
         process.Bytes(std::string());
     }
-    std::vector<std::pair<std::string, int>> listeners = m_mgr.m_acceptor.ListenerFds();
+    std::vector<std::pair<std::string, int>> listeners = AllListeners();
     CWriter lw;
     std::vector<int> lfds;
     lw.U32(static_cast<uint32_t>(listeners.size()));
@@ -217,7 +229,10 @@ bool CProcessHandOver::Exchange(int peer) {
         why = "the successor did not take the listeners";
         ok = false;
     }
-    ok = ok && SendConnections(peer, deadline, &moved, &offered, &why);
+    if (ok) {
+        ok = m_mgr.m_group != nullptr ? SendEachLoop(peer, deadline, &moved, &offered, &why)
+                                      : SendConnections(peer, deadline, &moved, &offered, &why);
+    }
     if (ok) {
         CWriter done;
         done.U64(moved);
@@ -233,14 +248,15 @@ bool CProcessHandOver::Exchange(int peer) {
             cat, LOG_PRIORITY_WARN,
             "hand-over to pid %d failed after %zu of %zu connections: %s; this process serves the rest", pid,
             moved, offered, why.c_str());
-        return false;
+    } else {
+        QN_OWNER_LOG(cat, LOG_PRIORITY_INFO,
+                     "handed over %zu listeners and %zu of %zu connections to pid %d; %zu stay and drain",
+                     listeners.size(), moved, offered, pid, offered - moved);
     }
-    m_mgr.m_acceptor.ReleaseAll();  // the successor accepts on them now
-    m_mgr.m_handed_over.store(true);
-    QN_OWNER_LOG(cat, LOG_PRIORITY_INFO,
-                 "handed over %zu listeners and %zu of %zu connections to pid %d; %zu stay and drain",
-                 listeners.size(), moved, offered, pid, m_mgr.m_table.Size());
-    return true;
+    if (m_mgr.m_group != nullptr) {
+        EndParking(ok);  // each other loop finishes as this one does (Poll)
+    }
+    return ok;
 }
 
 bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved, size_t* offered,
@@ -370,7 +386,7 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved
 // ---- the new process --------------------------------------------------------------------
 
 ConnId CProcessHandOver::Adopt(CReader& in, int fd, std::string* state, std::string* url, bool* accepted,
-                               TakeOverResult* result) {
+                               CConnectorMgr** where, TakeOverResult* result) {
     ConnId id = in.U64();
     *url = in.Bytes();
     uint8_t flags = in.U8();
@@ -383,19 +399,24 @@ ConnId CProcessHandOver::Adopt(CReader& in, int fd, std::string* state, std::str
     carry.unread = in.Bytes();
     *state = in.Bytes();
     *accepted = (flags & kFlagAccepted) != 0;
-    if (!in.Ok() || id == 0 || m_mgr.m_table.Find(id) != nullptr) {
+    CConnectorGroup* group = m_mgr.m_group;
+    int serving = group != nullptr ? group->LoopOf(id) : 0;  // -1: no loop here has it
+    if (!in.Ok() || id == 0 ||
+        (serving >= 0 && (group != nullptr ? *group->GetLoop(serving) : m_mgr).m_table.Find(id) != nullptr)) {
         ::close(fd);
         return 0;
     }
-    OwnedConn* c = m_mgr.NewConn(url->c_str());
+    CConnectorMgr& mgr = TargetFor(id);
+    *where = &mgr;
+    OwnedConn* c = mgr.NewConn(url->c_str());
     c->accepted = *accepted;
     int init = CTcpListener::IsUnixURL(url->c_str())
-                   ? c->connector->InitUnix(url->c_str(), m_mgr.m_parser, m_mgr.GetEpollFd(), fd)
-                   : c->connector->Init(url->c_str(), m_mgr.m_parser, m_mgr.GetEpollFd(), fd);
+                   ? c->connector->InitUnix(url->c_str(), mgr.m_parser, mgr.GetEpollFd(), fd)
+                   : c->connector->Init(url->c_str(), mgr.m_parser, mgr.GetEpollFd(), fd);
     size_t unsent = carry.unsent.size();
     size_t unread = carry.unread.size();
     if (init != 0 || c->connector->ImportCarry(std::move(carry)) != 0) {
-        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_ERROR, "cannot take over connection %llu, url=%s, fd=%d",
+        QN_OWNER_LOG(mgr.LogCat(), LOG_PRIORITY_ERROR, "cannot take over connection %llu, url=%s, fd=%d",
                      static_cast<unsigned long long>(id), url->c_str(), fd);
         c->connector->SetCloseSocket(false);
         c->connector->Fini();
@@ -410,20 +431,24 @@ ConnId CProcessHandOver::Adopt(CReader& in, int fd, std::string* state, std::str
     c->app_paused = (flags & kFlagPaused) != 0;
     c->progress.Start(CEventLoop::NowMs());
     if (c->accepted) {
-        m_mgr.m_admission.AdmitSource(c->url);  // counted like an accepted one (over a limit or not)
+        mgr.m_admission.AdmitSource(c->url);  // counted like an accepted one (over a limit or not)
     } else {
         DialOptions plain;
         plain.reconnect = false;
         c->dial = std::make_shared<const DialOptions>(plain);
     }
-    m_mgr.m_service.SetState(c, CONN_ESTABLISHED);
-    m_mgr.m_table.Add(c);
-    m_mgr.m_table.SetIdBase(std::max(m_mgr.m_table.LastId(), id));
+    mgr.m_service.SetState(c, CONN_ESTABLISHED);
+    mgr.m_table.Add(c);
+    if (group == nullptr || mgr.GetLoopIndex() == static_cast<int>(id >> CConnectorGroup::kLoopShift)) {
+        mgr.m_table.SetIdBase(std::max(mgr.m_table.LastId(), id));  // this loop's ids go on above it
+    } else {
+        group->AddAdoptedRoute(id, mgr.GetLoopIndex());  // its id names no loop here
+    }
     c->connector->SetEvent(c->app_paused ? EPOLLOUT : EPOLLIN | EPOLLOUT);
     if (c->app_paused) {
         c->connector->PauseReading(true);
     }
-    m_mgr.Queue(c);
+    mgr.Queue(c);
     result->unsent_bytes += unsent;
     result->unread_bytes += unread;
     return id;
@@ -475,7 +500,10 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
         CReader r(m.payload);
         uint32_t version = r.U32();
         r.U32();  // the old process's pid (SO_PEERCRED gave it)
-        m_mgr.m_table.SetIdBase(std::max<ConnId>(m_mgr.m_table.LastId(), r.U64()));
+        ConnId highest = r.U64();
+        if (m_mgr.m_group == nullptr) {
+            m_mgr.m_table.SetIdBase(std::max(m_mgr.m_table.LastId(), highest));
+        }  // a group's loops go on above the ids they adopt (Adopt)
         int64_t old_deadline = r.I64();
         if (!r.Ok() || version != handover::kWireVersion) {
             why = "the old process speaks version " + std::to_string(version);
@@ -501,7 +529,7 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
         } else if (m.type == handover::kListeners) {
             uint32_t n = r.U32();
             for (uint32_t i = 0; i < n && i < m.fds.size(); ++i) {
-                m_mgr.m_acceptor.AddInherited(r.Bytes(), m.fds[i]);
+                KeepListener(r.Bytes(), m.fds[i]);
                 ++result->listeners;
             }
             for (size_t i = n; i < m.fds.size(); ++i) {
@@ -513,7 +541,8 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
         } else if (m.type == handover::kConns) {
             uint32_t n = r.U32();
             struct In {
-                ConnId id;
+                ConnId id = 0;
+                CConnectorMgr* mgr = nullptr;
                 std::string url;
                 bool accepted;
                 std::string state;
@@ -523,7 +552,7 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
             ack.U32(0);
             for (uint32_t i = 0; i < m.fds.size(); ++i) {
                 In x;
-                x.id = i < n ? Adopt(r, m.fds[i], &x.state, &x.url, &x.accepted, result) : 0;
+                x.id = i < n ? Adopt(r, m.fds[i], &x.state, &x.url, &x.accepted, &x.mgr, result) : 0;
                 if (i >= n) {
                     ::close(m.fds[i]);
                 }
@@ -542,25 +571,25 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
                     why = "the deadline passed";
                 }
                 for (const In& x : in) {
-                    OwnedConn* c = m_mgr.m_table.Find(x.id);
+                    OwnedConn* c = x.mgr->m_table.Find(x.id);
                     if (c != nullptr) {
                         c->connector->Disconnect(nullptr);
                         ::close(c->fd);
                         c->fd = -1;
                         if (c->accepted) {
-                            m_mgr.m_admission.SourceReleased(c->url);
+                            x.mgr->m_admission.SourceReleased(c->url);
                         }
-                        m_mgr.DestroyConn(c);
+                        x.mgr->DestroyConn(c);
                     }
                 }
                 break;
             }
             result->connections += in.size();
             for (const In& x : in) {
-                OwnedConn* c = m_mgr.m_table.Find(x.id);
-                if (c != nullptr && m_mgr.m_handler != nullptr) {
-                    CConnectorMgr::HandlerScope scope(m_mgr, c);
-                    m_mgr.m_handler->OnHandIn(&m_mgr, x.id, x.url.c_str(), x.accepted, x.state);
+                OwnedConn* c = x.mgr->m_table.Find(x.id);
+                if (c != nullptr && x.mgr->m_handler != nullptr) {
+                    CConnectorMgr::HandlerScope scope(*x.mgr, c);
+                    x.mgr->m_handler->OnHandIn(x.mgr, x.id, x.url.c_str(), x.accepted, x.state);
                 }
             }
         } else if (m.type == handover::kDone) {
@@ -596,6 +625,9 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
 // ---- the manager's entry points ---------------------------------------------------------
 
 int CConnectorMgr::OfferHandOver(const char* path, const HandOverOptions& options) {
+    if (m_group != nullptr) {
+        return -3;  // the group offers for all its loops
+    }
     if (m_handover == nullptr) {
         m_handover.reset(new CProcessHandOver(*this));
     }
@@ -606,6 +638,10 @@ int CConnectorMgr::TakeOver(const char* path, const HandOverOptions& options, Ta
     TakeOverResult ignored;
     if (result == nullptr) {
         result = &ignored;
+    }
+    if (m_group != nullptr) {
+        result->error = "a group's loop: the group takes over";
+        return -1;
     }
     if (m_handover == nullptr) {
         m_handover.reset(new CProcessHandOver(*this));

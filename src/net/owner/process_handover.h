@@ -27,9 +27,21 @@
 //
 // Threads: everything on the manager's loop thread (TakeOver on the thread that will run
 // it, before Run). The old process's loop serves nothing during the exchange.
+//
+// A group (CConnectorGroup::OfferHandOver, TakeOver) speaks the same exchange, from loop 0:
+//   old  loop 0 takes the successor and parks every other loop (each waits in a task of its
+//        own, so none reads, writes or accepts meanwhile); the listeners of every loop go
+//        in one message; then each loop sends its own connections on its own thread, in
+//        turn, while loop 0 waits; the end is loop 0's. Every loop then releases its
+//        listeners and drains what stayed, or (on a failure) goes on serving.
+//   new  on the thread calling TakeOver, before Start: each connection joins the loop its id
+//        names when the group has that loop, else the loops in turn (reached through a
+//        route, as a moved connection is); the listening sockets are spread over the
+//        loops that will listen on them.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -52,16 +64,43 @@ class CProcessHandOver {
     // Closes the offer's socket (and removes its file) if one is open.
     void EndOffer();
 
+    // Where loop 0 and the parked loops meet (group_handover.cpp).
+    struct Parking;
+
   private:
     // Polled by a timer while the offer is open: takes a successor and runs the exchange.
     void Poll();
     // The exchange with one successor, on `peer`. True when it completed.
     bool Exchange(int peer);
-    // Sends the connections (after the listeners); true when every batch was answered.
+    // Sends this manager's connections (after the listeners); true when every batch was
+    // answered. This manager's loop thread.
     bool SendConnections(int peer, int64_t deadline, size_t* moved, size_t* offered, std::string* error);
-    // New side: adopts one connection of a kConns batch; its id, or 0 when it could not be.
+    // After a complete exchange: the listeners are the successor's, what stayed drains.
+    // This manager's loop thread.
+    void Finish(int drain_ms);
+
+    // The group's old side (group_handover.cpp), on loop 0's thread. ParkLoops posts the
+    // wait to every other loop and returns once all wait (false, with `why`, when one does
+    // not by the deadline); SendEachLoop runs each loop's SendConnections in turn; EndParking
+    // lets them go, each finishing the hand-over (`success`) or serving on.
+    bool ParkLoops(int64_t deadline, std::string* why);
+    // The wait itself, on another loop's thread (this manager's): see group_handover.cpp.
+    void Park(const std::shared_ptr<Parking>& st, int index);
+    bool SendEachLoop(int peer, int64_t deadline, size_t* moved, size_t* offered, std::string* error);
+    void EndParking(bool success);
+    // Every listener of this manager, or of every loop of its group.
+    std::vector<std::pair<std::string, int>> AllListeners() const;
+    // The highest id this manager, or any loop of its group, has given.
+    ConnId HighestId() const;
+
+    // New side: adopts one connection of a kConns batch into the manager TargetFor chooses
+    // (`*where`); its id, or 0 when it could not be.
     ConnId Adopt(handover::CReader& in, int fd, std::string* state, std::string* url, bool* accepted,
-                 TakeOverResult* result);
+                 CConnectorMgr** where, TakeOverResult* result);
+    // This manager; in a group the loop `id` names, or (naming none here) the next in turn.
+    CConnectorMgr& TargetFor(ConnId id);
+    // Keeps a received listening socket for the Listen that will take it.
+    void KeepListener(const std::string& url, int fd);
     bool PeerAllowed(int fd, const HandOverOptions& options, std::string* why, int32_t* pid);
 
     CConnectorMgr& m_mgr;
@@ -69,6 +108,9 @@ class CProcessHandOver {
     std::string m_offer_path;
     HandOverOptions m_options;
     uint64_t m_timer = 0;
+    std::shared_ptr<Parking> m_parking;  // the other loops' wait, during a group's exchange
+    unsigned int m_next_loop = 0;        // new side, group: the turn for ids naming no loop here
+    std::vector<std::pair<std::string, unsigned int>> m_kept;  // new side, group: sockets per URL so far
 };
 
 }  // namespace QUOLNET
