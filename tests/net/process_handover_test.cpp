@@ -433,6 +433,31 @@ TEST(ProcessHandOver, APeerOfAnotherUserCannotReachTheOffer) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the socket is owner-only";
 }
 
+// A listener taken over that no Listen asks for is closed at the first RunOnce, said at WARN
+// (connections in its queue would be refused): not kept open with nobody accepting.
+TEST(ProcessHandOver, ATakenOverListenerNoListenAsksForIsClosed) {
+    std::string path = SocketPath("unclaimed");
+    Server old_server("old");
+    ASSERT_GT(old_server.mgr->Listen("tcp://127.0.0.1:0"), 0);
+    std::string url = old_server.mgr->GetListenURL(0);
+    old_server.Start();
+    old_server.OnLoop([&]() { ASSERT_EQ(0, old_server.mgr->OfferHandOver(path.c_str())); });
+    Server new_server("new");
+    TakeOverResult result;
+    ASSERT_EQ(0, new_server.mgr->TakeOver(path.c_str(), HandOverOptions(), &result)) << result.error;
+    EXPECT_EQ(1u, result.listeners);
+    ASSERT_GT(new_server.mgr->Listen("tcp://127.0.0.1:0"), 0);  // another address
+    new_server.Start();
+    old_server.thread.join();
+    ASSERT_TRUE(qntest::Eventually([&]() {
+        return new_server.log.Has(
+            QUOLNET::LOG_PRIORITY_WARN,
+            "taken-over listener " + url +
+                " closed: no Listen asked for it (connections in its queue are refused)");
+    }));
+    EXPECT_LT(qntest::DialURL(url), 0) << "nobody listens there any more";
+}
+
 // Three loops hand over to two, and those two to a manager: a connection dialled by loop 2
 // keeps its id and is reached through the group afterwards, a half-received packet and held
 // packets arrive whole, and the three SO_REUSEPORT sockets (each with its own queue) are
