@@ -86,8 +86,7 @@ void CTcpConnector::Reset() {
     m_tx_push_active = false;
     m_tx_bytes = 0;
     m_rx_bytes = 0;
-    std::string().swap(m_rx_carry);
-    m_rx_carry_pos = 0;
+    DropCarried();
     m_last_io_result = 0;
     m_last_errno = 0;
     m_read_errno = 0;
@@ -718,8 +717,10 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
     // The stream layer's session belongs to the socket and goes with it.
     m_io = std::move(that.m_io);
     m_rx_carry = std::move(that.m_rx_carry);  // carried bytes not read yet go first here too
+    m_rx_carry_idx = that.m_rx_carry_idx;
     m_rx_carry_pos = that.m_rx_carry_pos;
-    that.m_rx_carry_pos = 0;
+    m_rx_carry_keep = std::move(that.m_rx_carry_keep);
+    that.DropCarried();
     m_handshaking = that.m_handshaking.load();
     m_handshake_wait = that.m_handshake_wait.load();
     m_rx_wants_write = that.m_rx_wants_write.load();

@@ -77,6 +77,8 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "../common/export.h"
 #include "../common/mutex.h"
@@ -332,28 +334,38 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     int CopyFrom(CTcpConnector& that);
 
     // What a connection owes either way, as bytes, for a connector in another process to
-    // go on from (ExportCarry, ImportCarry); the socket travels apart.
+    // go on from (ExportCarry, ImportCarry); the socket travels apart. The bytes are
+    // pieces of memory, in order, not copies: a hand-over of many connections moves
+    // hundreds of megabytes, and every copy is part of the pause the peers see.
+    typedef std::pair<const char*, size_t> Piece;
     struct Carry {
-        std::string unsent;      // queued output not yet written (a packet partly written
-                                 // goes on from the first byte the peer has not had)
-        std::string unread;      // received bytes not yet delivered: the packets waiting in
-                                 // the ring, the half-received packet, the bytes not framed yet
+        std::vector<Piece> unsent;  // queued output not yet written (a packet partly written
+                                    // goes on from the first byte the peer has not had)
+        std::vector<Piece> unread;  // received bytes not yet delivered: the packets waiting in
+                                    // the ring, the half-received packet, the bytes not framed yet
+        // ImportCarry: owns the memory `unread` points into; the connector keeps it until
+        // it has read those bytes. Unused by ExportCarry.
+        std::shared_ptr<const void> keep;
         int64_t rx_bytes = 0;    // bytes received before `unread`
         int64_t tx_bytes = 0;    // bytes written
         int64_t rx_packets = 0;  // packets delivered (not those in `unread`)
         int64_t tx_packets = 0;
+        static size_t Size(const std::vector<Piece>& pieces);
     };
-    // Fills `out` from this connector and changes nothing. 0, or -1 when the receive blocks
-    // do not hold what the ring and the half-received packet point at (ERROR "cannot export
-    // received bytes, ..."; never expected). Owner's thread, while no other thread is in
-    // Send, Peek or Drop of this connector (the owner holds them off).
+    // Fills `out` from this connector and changes nothing. Its pieces point into this
+    // connector's blocks and stay valid until it next reads, sends or is finished. 0, or -1
+    // when the receive blocks do not hold what the ring and the half-received packet point
+    // at (ERROR "cannot export received bytes, ..."; never expected). Owner's thread, while
+    // no other thread is in Send, Peek or Drop of this connector (the owner holds them off
+    // until it is done with the pieces).
     int ExportCarry(Carry* out);
     // Takes `in` into this connector, initialised on the peer's socket and not read or
-    // sent on yet: the unsent bytes are queued (in pool blocks, past the send-queue limit
-    // if need be: they were accepted once), and the unread bytes are read before anything
-    // of the socket, framed again into the same packets. 0, or -1 when the pool has no
-    // block for the unsent bytes (nothing is queued then). Owner's thread, before the
-    // connector is updated.
+    // sent on yet: the unsent bytes are copied into pool blocks and queued (past the
+    // send-queue limit if need be: they were accepted once), and the unread bytes, left
+    // where they are (`in.keep` keeps them), are read before anything of the socket,
+    // framed again into the same packets. 0, or -1 when the pool has no block for the
+    // unsent bytes (nothing is queued then). Owner's thread, before the connector is
+    // updated.
     int ImportCarry(Carry&& in);
 
     // ---- URLs ----
@@ -523,6 +535,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     int ReadStream(void* buf, int len);
     // Up to `len` bytes of m_rx_carry (at least one is left): how many.
     int ReadCarried(void* buf, int len);
+    // Forgets the carried bytes (and lets their memory go).
+    void DropCarried();
     // WriteSocket through the stream layer.
     int WriteStream(const char* buf, int len, LogCategory* log_cat);
     // One step of the layer's handshake (Update): CONNECTED once done, the registration
@@ -753,9 +767,12 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     Relaxed<int64_t> m_tx_bytes;
     Relaxed<int64_t> m_rx_bytes;
     // Received bytes carried over from another process (ImportCarry), read before the
-    // socket; m_rx_carry_pos of them read so far. Update thread.
-    std::string m_rx_carry;
+    // socket: m_rx_carry_pos bytes of piece m_rx_carry_idx are the next; m_rx_carry_keep
+    // owns their memory. Empty once read. Update thread.
+    std::vector<Piece> m_rx_carry;
+    size_t m_rx_carry_idx = 0;
     size_t m_rx_carry_pos = 0;
+    std::shared_ptr<const void> m_rx_carry_keep;
     // Close cause (see GetLastIoResult/GetLastErrno), written by Update.
     Relaxed<int> m_last_io_result;
     Relaxed<int> m_last_errno;

@@ -18,14 +18,25 @@
 
 namespace QUOLNET {
 
+size_t CTcpConnector::Carry::Size(const std::vector<Piece>& pieces) {
+    size_t n = 0;
+    for (const Piece& p : pieces) {
+        n += p.second;
+    }
+    return n;
+}
+
 int CTcpConnector::ExportCarry(Carry* out) {
     out->unsent.clear();
     out->unread.clear();
+    out->keep.reset();
     {
         AutoLocker locker(&m_tx_mutex);
         for (LIST_NODE* n = m_tx_queue.Head(); n != nullptr; n = n->pNext) {
             const NetBuffer* b = static_cast<const NetBuffer*>(n->pData);
-            out->unsent.append(b->m_buf + b->m_read_pos, static_cast<size_t>(b->ReadRemaining()));
+            if (b->ReadRemaining() > 0) {
+                out->unsent.emplace_back(b->m_buf + b->m_read_pos, static_cast<size_t>(b->ReadRemaining()));
+            }
         }
     }
     int ring = 0;
@@ -59,17 +70,22 @@ int CTcpConnector::ExportCarry(Carry* out) {
             }
             for (; n != nullptr; n = n->pNext) {
                 const NetBuffer* b = static_cast<const NetBuffer*>(n->pData);
-                out->unread.append(b->m_buf + pos, static_cast<size_t>(b->m_write_pos - pos));
+                if (b->m_write_pos > pos) {
+                    out->unread.emplace_back(b->m_buf + pos, static_cast<size_t>(b->m_write_pos - pos));
+                }
                 pos = 0;
             }
         }
     }
     // Bytes not yet taken from an earlier carry are still owed too.
-    if (m_rx_carry_pos < m_rx_carry.size()) {
-        out->unread.append(m_rx_carry, m_rx_carry_pos, std::string::npos);
+    size_t carried = 0;
+    for (size_t i = m_rx_carry_idx; i < m_rx_carry.size(); ++i) {
+        size_t skip = i == m_rx_carry_idx ? m_rx_carry_pos : 0;
+        out->unread.emplace_back(m_rx_carry[i].first + skip, m_rx_carry[i].second - skip);
+        carried += m_rx_carry[i].second - skip;
     }
-    out->rx_bytes = m_rx_bytes - static_cast<int64_t>(out->unread.size()) +
-                    static_cast<int64_t>(m_rx_carry.size() - m_rx_carry_pos);
+    out->rx_bytes =
+        m_rx_bytes - static_cast<int64_t>(Carry::Size(out->unread)) + static_cast<int64_t>(carried);
     out->tx_bytes = m_tx_bytes;
     out->rx_packets = m_rx_packet_cnt - ring;
     out->tx_packets = m_tx_packet_cnt;
@@ -78,20 +94,25 @@ int CTcpConnector::ExportCarry(Carry* out) {
 
 int CTcpConnector::ImportCarry(Carry&& in) {
     CBidirList blocks;
-    size_t off = 0;
-    while (off < in.unsent.size()) {
-        NetBuffer* b = m_net_buf_mgr->Allocate(false, false);
-        if (b == nullptr) {
-            m_net_buf_mgr->Release(blocks);
-            QN_LOG(m_log_cat, QN_ERROR, "cannot import unsent bytes, url=%s, local_url=%s, len=%d", GetURL(),
-                   GetLocalURL(), static_cast<int>(in.unsent.size()));
-            return -1;
+    NetBuffer* b = nullptr;  // the last block, filled up before the next is taken
+    for (const Piece& p : in.unsent) {
+        size_t off = 0;
+        while (off < p.second) {
+            if (b == nullptr || b->WriteRemaining() == 0) {
+                b = m_net_buf_mgr->Allocate(false, false);
+                if (b == nullptr) {
+                    m_net_buf_mgr->Release(blocks);
+                    QN_LOG(m_log_cat, QN_ERROR, "cannot import unsent bytes, url=%s, local_url=%s, len=%zu",
+                           GetURL(), GetLocalURL(), Carry::Size(in.unsent));
+                    return -1;
+                }
+                gettimeofday(&b->m_tv, nullptr);
+                blocks.Insert(&b->m_node);
+            }
+            size_t n = std::min(p.second - off, static_cast<size_t>(b->WriteRemaining()));
+            b->Put(p.first + off, static_cast<int>(n));
+            off += n;
         }
-        size_t n = std::min(in.unsent.size() - off, static_cast<size_t>(NetBuffer::kBlockSize));
-        b->Put(in.unsent.data() + off, static_cast<int>(n));
-        gettimeofday(&b->m_tv, nullptr);
-        blocks.Insert(&b->m_node);
-        off += n;
     }
     if (!blocks.IsEmpty()) {
         AutoLocker locker(&m_tx_mutex);
@@ -103,21 +124,44 @@ int CTcpConnector::ImportCarry(Carry&& in) {
     m_tx_bytes = in.tx_bytes;
     m_rx_packet_cnt = static_cast<long>(in.rx_packets);
     m_tx_packet_cnt = in.tx_packets;
-    m_rx_carry = std::move(in.unread);
-    m_rx_carry_pos = 0;
-    m_events.fetch_or(m_rx_carry.empty() ? 0u : static_cast<unsigned int>(EPOLLIN));
+    DropCarried();
+    for (const Piece& p : in.unread) {
+        if (p.second > 0) {
+            m_rx_carry.push_back(p);
+        }
+    }
+    if (!m_rx_carry.empty()) {
+        m_rx_carry_keep = std::move(in.keep);
+        m_events.fetch_or(static_cast<unsigned int>(EPOLLIN));
+    }
     return 0;
 }
 
 int CTcpConnector::ReadCarried(void* buf, int len) {
-    size_t n = std::min(m_rx_carry.size() - m_rx_carry_pos, static_cast<size_t>(len));
-    memcpy(buf, m_rx_carry.data() + m_rx_carry_pos, n);
-    m_rx_carry_pos += n;
-    if (m_rx_carry_pos == m_rx_carry.size()) {
-        std::string().swap(m_rx_carry);  // its memory too
-        m_rx_carry_pos = 0;
+    char* out = static_cast<char*>(buf);
+    size_t got = 0;
+    while (got < static_cast<size_t>(len) && m_rx_carry_idx < m_rx_carry.size()) {
+        const Piece& p = m_rx_carry[m_rx_carry_idx];
+        size_t n = std::min(p.second - m_rx_carry_pos, static_cast<size_t>(len) - got);
+        memcpy(out + got, p.first + m_rx_carry_pos, n);
+        got += n;
+        m_rx_carry_pos += n;
+        if (m_rx_carry_pos == p.second) {
+            ++m_rx_carry_idx;
+            m_rx_carry_pos = 0;
+        }
     }
-    return static_cast<int>(n);
+    if (m_rx_carry_idx == m_rx_carry.size()) {
+        DropCarried();  // their memory goes too
+    }
+    return static_cast<int>(got);
+}
+
+void CTcpConnector::DropCarried() {
+    std::vector<Piece>().swap(m_rx_carry);
+    m_rx_carry_idx = 0;
+    m_rx_carry_pos = 0;
+    m_rx_carry_keep.reset();
 }
 
 }  // namespace QUOLNET

@@ -268,6 +268,17 @@ void CWriter::Bytes(const std::string& s) {
     m_out.append(s);
 }
 
+void CWriter::Bytes(const std::vector<std::pair<const char*, size_t>>& pieces) {
+    size_t n = 0;
+    for (const auto& p : pieces) {
+        n += p.second;
+    }
+    U64(n);
+    for (const auto& p : pieces) {
+        m_out.append(p.first, p.second);
+    }
+}
+
 bool CReader::Need(size_t n) {
     if (!m_ok || m_in.size() - m_pos < n) {
         m_ok = false;
@@ -293,6 +304,16 @@ uint64_t CReader::U64() {
     uint64_t lo = U32();
     uint64_t hi = U32();
     return lo | (hi << 32);
+}
+
+std::pair<const char*, size_t> CReader::BytesView() {
+    uint64_t n = U64();
+    if (!Need(n)) {
+        return std::make_pair(nullptr, 0);
+    }
+    std::pair<const char*, size_t> v(m_in.data() + m_pos, n);
+    m_pos += n;
+    return v;
 }
 
 std::string CReader::Bytes() {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace QUOLNET {
@@ -56,6 +57,11 @@ class CWriter {
     void U64(uint64_t v);
     void I64(int64_t v) { U64(static_cast<uint64_t>(v)); }
     void Bytes(const std::string& s);
+    // One byte string made of `pieces` in order (pointer, length).
+    void Bytes(const std::vector<std::pair<const char*, size_t>>& pieces);
+    // Empties the output, keeping its memory for the next message.
+    void Clear() { m_out.clear(); }
+    void Reserve(size_t n) { m_out.reserve(n); }
     // Overwrites the U32 written at offset `at` (a count known only once the items are in).
     void SetU32(size_t at, uint32_t v);
     std::string& Out() { return m_out; }
@@ -73,6 +79,9 @@ class CReader {
     uint64_t U64();
     int64_t I64() { return static_cast<int64_t>(U64()); }
     std::string Bytes();
+    // A byte string left where it is in the payload: (pointer, length), valid as long as
+    // the payload.
+    std::pair<const char*, size_t> BytesView();
     bool Ok() const { return m_ok; }
     bool AtEnd() const { return m_pos == m_in.size(); }
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
 #include <unordered_set>
 
 #include "net/connector_group.h"
@@ -27,6 +28,7 @@ namespace {
 
 constexpr int kPollMs = 10;               // how often an open offer looks for a successor
 constexpr size_t kBatchBytes = 8u << 20;  // a batch's payload, about
+constexpr size_t kBatchesInFlight = 2;    // sent and not yet answered
 constexpr int64_t kAckMarginMs = 100;     // the successor answers no later than this before the deadline
 constexpr uint8_t kFlagAccepted = 1;
 constexpr uint8_t kFlagPaused = 2;
@@ -283,110 +285,121 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved
             going.push_back(Going{c, std::move(state)});
         }
     }
-    size_t next = 0;
-    while (next < going.size()) {
-        std::vector<OwnedConn*> batch;
-        std::vector<OwnedConn*> taken;
-        bool ok = true;
-        {
-            // Held until the answer: no other thread may queue bytes behind the export.
-            auto lock = m_mgr.m_table.Lock();
-            CWriter w;
-            std::vector<int> fds;
-            w.U32(0);  // the count, filled in below
-            for (; next < going.size() && fds.size() < handover::kMaxFds && w.Out().size() < kBatchBytes;
-                 ++next) {
-                OwnedConn* c = going[next].conn;
-                if (!CConnMover::Movable(c)) {
-                    continue;  // ended since (the handler closed it)
-                }
-                CTcpConnector::Carry carry;
-                if (c->connector->ExportCarry(&carry) != 0) {
-                    continue;  // stays here
-                }
-                uint8_t flags = (c->accepted ? kFlagAccepted : 0) | (c->app_paused ? kFlagPaused : 0);
-                w.U64(c->id);
-                w.Bytes(c->url);
-                w.U8(flags);
-                w.I64(carry.rx_bytes);
-                w.I64(carry.tx_bytes);
-                w.I64(carry.rx_packets);
-                w.I64(carry.tx_packets);
-                w.Bytes(carry.unsent);
-                w.Bytes(carry.unread);
-                w.Bytes(going[next].state);
-                fds.push_back(c->fd);
-                batch.push_back(c);
+    std::vector<OwnedConn*> taken;
+    bool ok = true;
+    {
+        // Held to the last answer: no other thread may queue bytes behind an export, or
+        // touch the blocks an export's pieces point into.
+        auto lock = m_mgr.m_table.Lock();
+        std::deque<std::vector<OwnedConn*>> unanswered;  // batches sent, oldest first
+        // What the successor's answer to the oldest batch names is its own from now on.
+        auto answered = [&](const Msg& ack) {
+            CReader r(ack.payload);
+            uint32_t n = r.U32();
+            std::unordered_set<ConnId> ids;
+            for (uint32_t i = 0; i < n && r.Ok(); ++i) {
+                ids.insert(r.U64());
             }
-            if (batch.empty()) {
+            for (OwnedConn* c : unanswered.front()) {
+                if (ids.count(c->id) == 0) {
+                    continue;  // the successor could not take it: served here as before
+                }
+                // Out of this loop's epoll (the socket lives on in the successor's), and
+                // this process's descriptor closed: no shutdown(2), which would end it.
+                c->connector->SetCloseSocket(false);
+                c->connector->Disconnect(nullptr);
+                ::close(c->fd);
+                c->fd = -1;
+                m_mgr.m_table.RemoveLocked(c);
+                taken.push_back(c);
+            }
+            unanswered.pop_front();
+        };
+        CWriter w;
+        w.Reserve(kBatchBytes + kBatchBytes / 4);  // one buffer for every batch
+        size_t next = 0;
+        Msg m;
+        while (ok && (next < going.size() || !unanswered.empty())) {
+            if (next < going.size() && unanswered.size() < kBatchesInFlight) {
+                // The next batch goes out while the successor takes in the one before.
+                std::vector<OwnedConn*> batch;
+                std::vector<int> fds;
+                w.Clear();
+                w.U32(0);  // the count, filled in below
+                for (; next < going.size() && fds.size() < handover::kMaxFds && w.Out().size() < kBatchBytes;
+                     ++next) {
+                    OwnedConn* c = going[next].conn;
+                    if (!CConnMover::Movable(c)) {
+                        continue;  // ended since (the handler closed it)
+                    }
+                    CTcpConnector::Carry carry;
+                    if (c->connector->ExportCarry(&carry) != 0) {
+                        continue;  // stays here
+                    }
+                    uint8_t flags = (c->accepted ? kFlagAccepted : 0) | (c->app_paused ? kFlagPaused : 0);
+                    w.U64(c->id);
+                    w.Bytes(c->url);
+                    w.U8(flags);
+                    w.I64(carry.rx_bytes);
+                    w.I64(carry.tx_bytes);
+                    w.I64(carry.rx_packets);
+                    w.I64(carry.tx_packets);
+                    w.Bytes(carry.unsent);
+                    w.Bytes(carry.unread);
+                    w.Bytes(going[next].state);
+                    fds.push_back(c->fd);
+                    batch.push_back(c);
+                }
+                if (batch.empty()) {
+                    continue;
+                }
+                w.SetU32(0, static_cast<uint32_t>(batch.size()));
+                ok = handover::Send(peer, handover::kConns, w.Out(), fds, deadline, error);
+                unanswered.push_back(std::move(batch));
                 continue;
             }
-            w.SetU32(0, static_cast<uint32_t>(batch.size()));
-            Msg m;
-            ok = handover::Send(peer, handover::kConns, w.Out(), fds, deadline, error);
+            ok = handover::Recv(peer, &m, deadline, error);
+            if (ok && m.type != handover::kAck) {
+                *error = "the successor answered a batch with message type " + std::to_string(m.type);
+                ok = false;
+            }
             if (ok) {
-                ok = handover::Recv(peer, &m, deadline, error);
-            }
-            if (!ok) {
-                // No more answers may come in; one already written is still read.
-                shutdown(peer, SHUT_RD);
-                std::string ignored;
-                ok = handover::Recv(peer, &m, 0, &ignored);
-                if (ok && m.type == handover::kAck) {
-                    ok = false;  // taken below, then the exchange ends
-                } else {
-                    m.type = 0;
-                }
-            }
-            if (m.type == handover::kAck) {
-                CReader r(m.payload);
-                uint32_t n = r.U32();
-                std::unordered_set<ConnId> ids;
-                for (uint32_t i = 0; i < n && r.Ok(); ++i) {
-                    ids.insert(r.U64());
-                }
-                for (OwnedConn* c : batch) {
-                    if (ids.count(c->id) == 0) {
-                        continue;  // the successor could not take it: served here as before
-                    }
-                    // Out of this loop's epoll (the socket lives on in the successor's), and
-                    // this process's descriptor closed: no shutdown(2), which would end it.
-                    c->connector->SetCloseSocket(false);
-                    c->connector->Disconnect(nullptr);
-                    ::close(c->fd);
-                    c->fd = -1;
-                    m_mgr.m_table.RemoveLocked(c);
-                    taken.push_back(c);
-                }
-            }
-        }
-        for (OwnedConn* c : taken) {
-            ++*moved;
-            if (c->accepted) {
-                m_mgr.m_admission.SourceReleased(c->url);
-            }
-            CloseInfo info;
-            info.reason = CloseReason::kHandedOver;
-            m_mgr.m_stats.CountClose(info);
-            m_mgr.m_stats.AddEnded(CMgrStats::TrafficOf(c->connector.get()));
-            ConnId id = c->id;
-            m_mgr.DestroyConn(c);
-            if (m_mgr.m_handler != nullptr) {
-                CConnectorMgr::HandlerScope scope(m_mgr, c);
-                m_mgr.m_handler->OnClosed(&m_mgr, id, info);
+                answered(m);
             }
         }
         if (!ok) {
-            return false;
+            // No more answers may come in; those already written are still read.
+            shutdown(peer, SHUT_RD);
+            std::string ignored;
+            while (!unanswered.empty() && handover::Recv(peer, &m, 0, &ignored) && m.type == handover::kAck) {
+                answered(m);
+            }
         }
     }
-    return true;
+    for (OwnedConn* c : taken) {
+        ++*moved;
+        if (c->accepted) {
+            m_mgr.m_admission.SourceReleased(c->url);
+        }
+        CloseInfo info;
+        info.reason = CloseReason::kHandedOver;
+        m_mgr.m_stats.CountClose(info);
+        m_mgr.m_stats.AddEnded(CMgrStats::TrafficOf(c->connector.get()));
+        ConnId id = c->id;
+        m_mgr.DestroyConn(c);
+        if (m_mgr.m_handler != nullptr) {
+            CConnectorMgr::HandlerScope scope(m_mgr, c);
+            m_mgr.m_handler->OnClosed(&m_mgr, id, info);
+        }
+    }
+    return ok;
 }
 
 // ---- the new process --------------------------------------------------------------------
 
-ConnId CProcessHandOver::Adopt(CReader& in, int fd, std::string* state, std::string* url, bool* accepted,
-                               CConnectorMgr** where, TakeOverResult* result) {
+ConnId CProcessHandOver::Adopt(CReader& in, const std::shared_ptr<const std::string>& payload, int fd,
+                               std::string* state, std::string* url, bool* accepted, CConnectorMgr** where,
+                               TakeOverResult* result) {
     ConnId id = in.U64();
     *url = in.Bytes();
     uint8_t flags = in.U8();
@@ -395,8 +408,9 @@ ConnId CProcessHandOver::Adopt(CReader& in, int fd, std::string* state, std::str
     carry.tx_bytes = in.I64();
     carry.rx_packets = in.I64();
     carry.tx_packets = in.I64();
-    carry.unsent = in.Bytes();
-    carry.unread = in.Bytes();
+    carry.unsent.push_back(in.BytesView());
+    carry.unread.push_back(in.BytesView());
+    carry.keep = payload;  // the received bytes are read from the message itself
     *state = in.Bytes();
     *accepted = (flags & kFlagAccepted) != 0;
     CConnectorGroup* group = m_mgr.m_group;
@@ -413,8 +427,8 @@ ConnId CProcessHandOver::Adopt(CReader& in, int fd, std::string* state, std::str
     int init = CTcpListener::IsUnixURL(url->c_str())
                    ? c->connector->InitUnix(url->c_str(), mgr.m_parser, mgr.GetEpollFd(), fd)
                    : c->connector->Init(url->c_str(), mgr.m_parser, mgr.GetEpollFd(), fd);
-    size_t unsent = carry.unsent.size();
-    size_t unread = carry.unread.size();
+    size_t unsent = carry.unsent[0].second;
+    size_t unread = carry.unread[0].second;
     if (init != 0 || c->connector->ImportCarry(std::move(carry)) != 0) {
         QN_OWNER_LOG(mgr.LogCat(), LOG_PRIORITY_ERROR, "cannot take over connection %llu, url=%s, fd=%d",
                      static_cast<unsigned long long>(id), url->c_str(), fd);
@@ -520,7 +534,9 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
         if (!ok) {
             break;
         }
-        CReader r(m.payload);
+        // Shared: the connections of a batch read their received bytes from it (Adopt).
+        auto payload = std::make_shared<const std::string>(std::move(m.payload));
+        CReader r(*payload);
         if (m.type == handover::kProcess) {
             std::string state = r.Bytes();
             if (m_mgr.m_handler != nullptr) {
@@ -552,7 +568,7 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
             ack.U32(0);
             for (uint32_t i = 0; i < m.fds.size(); ++i) {
                 In x;
-                x.id = i < n ? Adopt(r, m.fds[i], &x.state, &x.url, &x.accepted, &x.mgr, result) : 0;
+                x.id = i < n ? Adopt(r, payload, m.fds[i], &x.state, &x.url, &x.accepted, &x.mgr, result) : 0;
                 if (i >= n) {
                     ::close(m.fds[i]);
                 }

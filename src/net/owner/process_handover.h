@@ -95,8 +95,10 @@ class CProcessHandOver {
 
     // New side: adopts one connection of a kConns batch into the manager TargetFor chooses
     // (`*where`); its id, or 0 when it could not be.
-    ConnId Adopt(handover::CReader& in, int fd, std::string* state, std::string* url, bool* accepted,
-                 CConnectorMgr** where, TakeOverResult* result);
+    // The received bytes stay in `payload` (the batch's message, which `in` reads).
+    ConnId Adopt(handover::CReader& in, const std::shared_ptr<const std::string>& payload, int fd,
+                 std::string* state, std::string* url, bool* accepted, CConnectorMgr** where,
+                 TakeOverResult* result);
     // This manager; in a group the loop `id` names, or (naming none here) the next in turn.
     CConnectorMgr& TargetFor(ConnId id);
     // Keeps a received listening socket for the Listen that will take it.
