@@ -63,6 +63,9 @@ void Usage(FILE* out) {
         "                            newcomers wait for a close instead)\n"
         "  --max-per-source N        connections from one address at most; more are refused at accept\n"
         "                            (default 0: no cap)\n"
+        "  --sndbuf BYTES            each accepted socket's kernel send buffer (SO_SNDBUF; default 0:\n"
+        "                            the kernel's, auto-tuned); a small one keeps replies to slow\n"
+        "                            readers in the server's own send queue\n"
         "  --threads N               event loops, one thread each (default 1); above 1 each loop listens\n"
         "                            with SO_REUSEPORT (or loop 0 hands connections out) and has its own\n"
         "                            pool of pool-blocks/N blocks\n"
@@ -611,6 +614,7 @@ int main(int argc, char** argv) {
         {"--drain-ms", 10000, 1 << 30},
         {"--handshake-timeout-ms", options.handshake_timeout_ms, 1 << 30},
         {"--handshake-cpu-share", options.handshake_cpu_share, 100},
+        {"--sndbuf", 0, 1 << 28},
     };
     echo::TlsFlags tls;
     // TLS flags that take a value, and where it goes.
@@ -690,6 +694,7 @@ int main(int argc, char** argv) {
     }
     g_drain_ms = static_cast<int>(flags[13].value);
     QUOLNET::SocketOptions socket;
+    socket.send_buffer = static_cast<int>(flags[16].value);
     if (!tls.cert.empty() || !tls.key.empty() || !tls.ca.empty() || !tls.alpn.empty() ||
         tls.require_client_cert) {
         if (tls.cert.empty() || tls.key.empty()) {

@@ -24,6 +24,11 @@
 // a pause includes the time echoes queue behind each other, and the client's own turns: the
 // longest turn of its loop is reported too (client_stall_max_ms).
 //
+// With --slow-readers P, P of every 100 connections read slowly (a small receive buffer and at
+// most kSlowReadPerWindow bytes per 100 ms window), so the server's replies back up in its send
+// queue: a restart then has unsent replies to carry. Their pauses are their own doing and are
+// left out of the pause figures (their bytes are checked like every other's).
+//
 // The run: connect (at most --connect-window connects in progress), send for --duration
 // seconds (or until SIGINT/SIGTERM), then stop starting packets, finish the half-sent ones and
 // wait (at most --drain-timeout seconds) for every echo, close, report. A second signal stops
@@ -60,10 +65,12 @@ const uint32_t kSmallPacket = 4096;    // up to this, a packet is written whole 
 const uint32_t kMaxPiece = 64 * 1024;  // the longest piece of a big packet
 // What one connection may do per turn of the loop, small enough that a turn over every
 // connection stays short (the client's own delay would count in the pauses it measures).
-const size_t kIoChunk = 64 * 1024;      // one send or recv at most
-const size_t kPassBudget = 128 * 1024;  // bytes one connection writes per turn
-const int kReadsPerEvent = 2;           // recv calls per readiness (level-triggered: it comes back)
-const int64_t kWindowUs = 100 * 1000;   // the timeline's window
+const size_t kIoChunk = 64 * 1024;             // one send or recv at most
+const size_t kPassBudget = 128 * 1024;         // bytes one connection writes per turn
+const size_t kSlowReadPerWindow = 256 * 1024;  // what a slow reader reads per 100 ms window
+const int kSlowRcvBuf = 8192;                  // a slow reader's receive buffer
+const int kReadsPerEvent = 2;                  // recv calls per readiness (level-triggered: it comes back)
+const int64_t kWindowUs = 100 * 1000;          // the timeline's window
 const int64_t kConnectTimeoutUs = 5000000;
 const uint64_t kGolden = 0x9E3779B97F4A7C15ull;
 
@@ -149,6 +156,7 @@ struct Options {
     double drain = 5;
     std::string report;
     bool quiet = false;
+    int slow_readers = 0;  // of every 100 connections
 };
 
 const char* kDefaultSizes = "16,64,512,4096,65536,1048576";
@@ -157,7 +165,7 @@ void Usage(FILE* out) {
     fprintf(out,
             "usage: restart_client [--host ADDR] [--port N] [--conns N] [--depth K] [--sizes LIST]\n"
             "                      [--duration SECONDS] [--connect-window N] [--drain-timeout SECONDS]\n"
-            "                      [--report FILE] [--quiet]\n"
+            "                      [--slow-readers PERCENT] [--report FILE] [--quiet]\n"
             "Keeps an echo server of the length-prefixed protocol busy while it is restarted: opens N\n"
             "connections, never re-establishes one, keeps K packets in flight on each with half-sent\n"
             "packets at any moment, checks every echoed byte, and measures how long echoes paused.\n"
@@ -174,6 +182,9 @@ void Usage(FILE* out) {
             "  --connect-window N        connects in progress at once (default 200)\n"
             "  --drain-timeout SECONDS   after sending, how long to wait for the outstanding echoes\n"
             "                            (default 5)\n"
+            "  --slow-readers PERCENT    that many of every 100 connections read slowly (256 KiB per\n"
+            "                            100 ms, a small receive buffer): the server's replies to them\n"
+            "                            queue up; their pauses are left out of the figures (default 0)\n"
             "  --report FILE             also write the JSON report to FILE\n"
             "  --quiet                   no progress or summary on stderr\n"
             "Prints one JSON line on stdout at the end: connections opened, refused, dropped, packets\n"
@@ -319,6 +330,9 @@ int ParseOptions(int argc, char** argv, Options* opt) {
             opt->window = static_cast<int>(n);
         } else if (strcmp(a, "--drain-timeout") == 0) {
             ok = ok && ParseSeconds(v, 0.01, &opt->drain);
+        } else if (strcmp(a, "--slow-readers") == 0) {
+            ok = ok && ParseLong(v, 0, 100, &n);
+            opt->slow_readers = static_cast<int>(n);
         } else if (strcmp(a, "--report") == 0) {
             ok = ok && *v != '\0';
             if (ok) {
@@ -490,6 +504,9 @@ class CRestartClient {
         int64_t max_pause_us = 0;
         bool out_armed = false;  // EPOLLOUT is in the interest set
         bool deferred = false;   // on m_deferred: writes on at the next turn
+        bool slow = false;       // a slow reader (--slow-readers)
+        bool in_paused = false;  // a slow reader that has read its window's share: no EPOLLIN
+        size_t read_left = 0;    // what a slow reader may still read in this window
     };
 
     uint32_t Index(const Conn& c) const { return static_cast<uint32_t>(&c - m_conns.data()); }
@@ -515,6 +532,10 @@ class CRestartClient {
     // Checks `n` echoed bytes against what was written; a mismatch fails the connection.
     void Echoed(Conn& c, const unsigned char* data, size_t n, int64_t now);
     void SetOut(Conn& c, bool on);
+    // The interest set of `c` as its flags say (EPOLLIN unless paused, EPOLLOUT when armed).
+    void Rearm(Conn& c);
+    // A new window: every slow reader may read its share again.
+    void RefillSlowReaders();
     void Defer(Conn& c);
     void RecordPause(Conn& c, int64_t from_us, int64_t to_us);
     // Ends `c` as dropped (it ended without our asking), describing why.
@@ -631,6 +652,12 @@ void CRestartClient::StartConnects(int64_t now) {
             continue;
         }
         QUOLNET_BENCH::SetNoDelay(c.fd);
+        c.slow = static_cast<int>(Index(c) % 100) < m_opt.slow_readers;
+        if (c.slow) {
+            c.read_left = kSlowReadPerWindow;
+            setsockopt(c.fd, SOL_SOCKET, SO_RCVBUF, &kSlowRcvBuf,
+                       sizeof(kSlowRcvBuf));  // before connect: the window
+        }
         ++m_live;
         if (connect(c.fd, reinterpret_cast<const sockaddr*>(&m_opt.addr), m_opt.addr_len) == 0) {
             Connected(c, now);
@@ -734,12 +761,29 @@ void CRestartClient::SetOut(Conn& c, bool on) {
     if (c.out_armed == on || c.state != State::kOpen) {
         return;
     }
+    c.out_armed = on;
+    Rearm(c);
+}
+
+void CRestartClient::Rearm(Conn& c) {
     epoll_event ev;
     memset(&ev, 0, sizeof(ev));
-    ev.events = EPOLLIN | (on ? EPOLLOUT : 0u);
+    ev.events = (c.in_paused ? 0u : static_cast<uint32_t>(EPOLLIN)) | (c.out_armed ? EPOLLOUT : 0u);
     ev.data.u32 = Index(c);
     epoll_ctl(m_ep, EPOLL_CTL_MOD, c.fd, &ev);
-    c.out_armed = on;
+}
+
+void CRestartClient::RefillSlowReaders() {
+    for (Conn& c : m_conns) {
+        if (!c.slow) {
+            continue;
+        }
+        c.read_left = kSlowReadPerWindow;
+        if (c.in_paused && c.state == State::kOpen) {
+            c.in_paused = false;
+            Rearm(c);
+        }
+    }
 }
 
 void CRestartClient::Defer(Conn& c) {
@@ -823,10 +867,22 @@ void CRestartClient::Pump(Conn& c) {
 
 void CRestartClient::Receive(Conn& c) {
     for (int r = 0; r < kReadsPerEvent && c.state == State::kOpen; ++r) {
-        ssize_t n = recv(c.fd, m_rx.data(), m_rx.size(), 0);
+        size_t want = m_rx.size();
+        if (c.slow) {
+            want = std::min(want, std::max<size_t>(c.read_left, 1));  // 1: an end of stream still shows
+        }
+        ssize_t n = recv(c.fd, m_rx.data(), want, 0);
         if (n > 0) {
             Echoed(c, m_rx.data(), static_cast<size_t>(n), NowUs());
-            if (static_cast<size_t>(n) < m_rx.size()) {
+            if (c.slow) {
+                c.read_left -= std::min(c.read_left, static_cast<size_t>(n));
+                if (c.read_left == 0 && c.state == State::kOpen) {
+                    c.in_paused = true;  // until the next window
+                    Rearm(c);
+                    break;
+                }
+            }
+            if (static_cast<size_t>(n) < want) {
                 break;
             }
             continue;
@@ -912,8 +968,8 @@ void CRestartClient::Echoed(Conn& c, const unsigned char* data, size_t n, int64_
 
 void CRestartClient::RecordPause(Conn& c, int64_t from_us, int64_t to_us) {
     const int64_t len = to_us - from_us;
-    if (len <= 0) {
-        return;
+    if (len <= 0 || c.slow) {
+        return;  // a slow reader's pauses are its own
     }
     c.max_pause_us = std::max(c.max_pause_us, len);
     if (len > m_max_pause_us) {
@@ -1069,6 +1125,7 @@ int CRestartClient::Run() {
         StartConnects(now);
         if (now - last_tick_us >= kWindowUs) {
             last_tick_us = now;
+            RefillSlowReaders();
             CheckConnectTimeouts(now);
             StartConnects(now);
             Progress(now);
@@ -1161,6 +1218,7 @@ std::string CRestartClient::JsonReport(const Totals& t, int64_t end_us) const {
     j.Num("port", static_cast<uint64_t>(m_opt.port));
     j.Num("conns", m_conns.size());
     j.Num("depth", static_cast<uint64_t>(m_opt.depth));
+    j.Num("slow_readers_percent", static_cast<uint64_t>(m_opt.slow_readers));
     std::string sizes = "[";
     std::string weights = "[";
     for (size_t i = 0; i < m_opt.sizes.size(); ++i) {

@@ -3,7 +3,8 @@
 # it busy, and reports what the clients saw around each restart.
 #
 # Usage: tools/restart_under_load.sh BUILD_DIR [--conns N] [--restarts R] [--interval SECONDS]
-#            [--depth K] [--sizes LIST] [--threads LIST] [--exit-timeout SECONDS] [--keep]
+#            [--depth K] [--sizes LIST] [--slow-readers PERCENT] [--sndbuf BYTES]
+#            [--threads LIST] [--exit-timeout SECONDS] [--keep]
 #
 # BUILD_DIR holds examples/echo_server and tools/restart_client. The run:
 #   1. echo_server --listen tcp://127.0.0.1:PORT --handover DIR/handover.sock, on a free port
@@ -31,12 +32,15 @@ set -u
 prog=restart_under_load
 usage() {
     echo "usage: $0 BUILD_DIR [--conns N] [--restarts R] [--interval SECONDS] [--depth K] [--sizes LIST]"
-    echo "           [--threads LIST] [--exit-timeout SECONDS] [--keep]"
+    echo "           [--slow-readers PERCENT] [--sndbuf BYTES] [--threads LIST] [--exit-timeout SECONDS] [--keep]"
     echo "  --conns N              client connections (default 1000)"
     echo "  --restarts R           restarts (default 5)"
     echo "  --interval SECONDS     load before the first restart and between restarts (default 2)"
     echo "  --depth K              packets in flight per connection (restart_client's default 4)"
     echo "  --sizes LIST           packet sizes (restart_client's default mix)"
+    echo "  --slow-readers PERCENT connections that read slowly, so replies queue up unsent (default 0)"
+    echo "  --sndbuf BYTES         every server's SO_SNDBUF: replies to slow readers then wait in the"
+    echo "                         server's own queue, which the hand-over carries (default: the kernel's)"
     echo "  --threads LIST         loops of each server in turn, e.g. 1,2,3 (default 1)"
     echo "  --exit-timeout SECONDS how long an old server may take to exit (default 10)"
     echo "  --keep                 keep the run's directory (logs, client report) even when it passes"
@@ -64,6 +68,7 @@ interval=2
 exit_timeout=10
 keep=0
 threads_list=(1)
+server_extra=()
 client_extra=()
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -83,7 +88,8 @@ while [ $# -gt 0 ]; do
         --restarts) is_count "$2" 0 1000 || bad "bad --restarts '$2'"; restarts=$2 ;;
         --interval) is_seconds "$2" || bad "bad --interval '$2'"; interval=$2 ;;
         --exit-timeout) is_seconds "$2" || bad "bad --exit-timeout '$2'"; exit_timeout=$2 ;;
-        --depth | --sizes) client_extra+=("$1" "$2") ;;
+        --depth | --sizes | --slow-readers) client_extra+=("$1" "$2") ;;
+        --sndbuf) is_count "$2" 1 268435456 || bad "bad --sndbuf '$2'"; server_extra+=("$1" "$2") ;;
         --threads)
             [[ "$2" =~ ^[0-9]+(,[0-9]+)*$ ]] || bad "bad --threads '$2'"
             IFS=, read -r -a threads_list <<<"$2"
@@ -165,7 +171,7 @@ threads_of() { echo "${threads_list[$(($1 % ${#threads_list[@]}))]}"; }
 port=
 for _ in $(seq 1 20); do
     try=$((20000 + RANDOM % 40000))
-    server_args=(--listen "tcp://127.0.0.1:$try" --handover "$sock")
+    server_args=(--listen "tcp://127.0.0.1:$try" --handover "$sock" "${server_extra[@]}")
     "$server" "${server_args[@]}" --threads "$(threads_of 0)" >"$dir/server0.out" 2>"$dir/server0.err" &
     cur=$!
     pids+=("$cur")
