@@ -56,6 +56,7 @@
 #include <vector>
 
 #include "common/bench_net.h"
+#include "tool_args.h"
 
 namespace {
 
@@ -196,34 +197,6 @@ void Usage(FILE* out) {
             kMaxPacketLen, kDefaultSizes);
 }
 
-bool ParseLong(const char* text, long lo, long hi, long* out) {
-    if (text == nullptr || *text == '\0') {
-        return false;
-    }
-    char* end = nullptr;
-    errno = 0;
-    long v = strtol(text, &end, 10);
-    if (errno != 0 || *end != '\0' || v < lo || v > hi) {
-        return false;
-    }
-    *out = v;
-    return true;
-}
-
-bool ParseSeconds(const char* text, double lo, double* out) {
-    if (text == nullptr || *text == '\0') {
-        return false;
-    }
-    char* end = nullptr;
-    errno = 0;
-    double v = strtod(text, &end);
-    if (errno != 0 || *end != '\0' || !(v >= lo && v <= 86400)) {
-        return false;
-    }
-    *out = v;
-    return true;
-}
-
 // Parses "16,64:3,4096" into sizes and weights (sorted by size); items without a weight get
 // 2^(n-1-rank) among the unweighted ones, so the smallest is the most frequent.
 bool ParseSizes(const char* text, std::vector<SizeChoice>* out) {
@@ -240,10 +213,11 @@ bool ParseSizes(const char* text, std::vector<SizeChoice>* out) {
         size_t colon = item.find(':');
         long size = 0;
         long weight = 0;
-        if (!ParseLong(item.substr(0, colon).c_str(), kHeaderLen, kMaxPacketLen, &size)) {
+        if (!tools_args::ParseLong(item.substr(0, colon).c_str(), kHeaderLen, kMaxPacketLen, &size)) {
             return false;
         }
-        if (colon != std::string::npos && !ParseLong(item.substr(colon + 1).c_str(), 1, 1000000, &weight)) {
+        if (colon != std::string::npos &&
+            !tools_args::ParseLong(item.substr(colon + 1).c_str(), 1, 1000000, &weight)) {
             return false;
         }
         SizeChoice c;
@@ -273,22 +247,7 @@ bool ParseSizes(const char* text, std::vector<SizeChoice>* out) {
 }
 
 bool ParseHost(const std::string& host, int port, Options* opt) {
-    memset(&opt->addr, 0, sizeof(opt->addr));
-    sockaddr_in* v4 = reinterpret_cast<sockaddr_in*>(&opt->addr);
-    sockaddr_in6* v6 = reinterpret_cast<sockaddr_in6*>(&opt->addr);
-    if (inet_pton(AF_INET, host.c_str(), &v4->sin_addr) == 1) {
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(static_cast<uint16_t>(port));
-        opt->addr_len = sizeof(sockaddr_in);
-        return true;
-    }
-    if (inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) == 1) {
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(static_cast<uint16_t>(port));
-        opt->addr_len = sizeof(sockaddr_in6);
-        return true;
-    }
-    return false;
+    return tools_args::ParseAddress(host, port, &opt->addr, &opt->addr_len);
 }
 
 // Returns 0 and fills `opt`, 1 after --help, 2 on a bad argument (message and usage printed).
@@ -311,12 +270,12 @@ int ParseOptions(int argc, char** argv, Options* opt) {
                 opt->host = v;
             }
         } else if (strcmp(a, "--port") == 0) {
-            ok = ok && ParseLong(v, 1, 65535, &n);
+            ok = ok && tools_args::ParseLong(v, 1, 65535, &n);
             opt->port = static_cast<int>(n);
         } else if (strcmp(a, "--conns") == 0) {
-            ok = ok && ParseLong(v, 1, 1000000, &opt->conns);
+            ok = ok && tools_args::ParseLong(v, 1, 1000000, &opt->conns);
         } else if (strcmp(a, "--depth") == 0) {
-            ok = ok && ParseLong(v, 1, 1024, &n);
+            ok = ok && tools_args::ParseLong(v, 1, 1024, &n);
             opt->depth = static_cast<int>(n);
         } else if (strcmp(a, "--sizes") == 0) {
             ok = ok && ParseSizes(v, &opt->sizes);
@@ -324,14 +283,14 @@ int ParseOptions(int argc, char** argv, Options* opt) {
                 sizes = v;
             }
         } else if (strcmp(a, "--duration") == 0) {
-            ok = ok && ParseSeconds(v, 0.01, &opt->duration);
+            ok = ok && tools_args::ParseSeconds(v, 0.01, &opt->duration);
         } else if (strcmp(a, "--connect-window") == 0) {
-            ok = ok && ParseLong(v, 1, 1000000, &n);
+            ok = ok && tools_args::ParseLong(v, 1, 1000000, &n);
             opt->window = static_cast<int>(n);
         } else if (strcmp(a, "--drain-timeout") == 0) {
-            ok = ok && ParseSeconds(v, 0.01, &opt->drain);
+            ok = ok && tools_args::ParseSeconds(v, 0.01, &opt->drain);
         } else if (strcmp(a, "--slow-readers") == 0) {
-            ok = ok && ParseLong(v, 0, 100, &n);
+            ok = ok && tools_args::ParseLong(v, 0, 100, &n);
             opt->slow_readers = static_cast<int>(n);
         } else if (strcmp(a, "--report") == 0) {
             ok = ok && *v != '\0';

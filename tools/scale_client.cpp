@@ -58,6 +58,7 @@
 #include <vector>
 
 #include "common/bench_net.h"
+#include "tool_args.h"
 #include "tls_peer.h"
 
 namespace {
@@ -146,34 +147,6 @@ void Usage(FILE* out) {
             "arguments.\n");
 }
 
-bool ParseLong(const char* text, long lo, long hi, long* out) {
-    if (text == nullptr || *text == '\0') {
-        return false;
-    }
-    char* end = nullptr;
-    errno = 0;
-    long v = strtol(text, &end, 10);
-    if (errno != 0 || *end != '\0' || v < lo || v > hi) {
-        return false;
-    }
-    *out = v;
-    return true;
-}
-
-bool ParseSeconds(const char* text, double lo, double* out) {
-    if (text == nullptr || *text == '\0') {
-        return false;
-    }
-    char* end = nullptr;
-    errno = 0;
-    double v = strtod(text, &end);
-    if (errno != 0 || *end != '\0' || !(v >= lo && v <= 86400)) {
-        return false;
-    }
-    *out = v;
-    return true;
-}
-
 // Parses "tcp://a.b.c.d:port" or "tcp://[v6]:port" (port 1..65535).
 bool ParseURL(const char* url, Target* t) {
     std::string s = url;
@@ -198,24 +171,14 @@ bool ParseURL(const char* url, Target* t) {
         port = s.substr(colon + 1);
     }
     long p = 0;
-    if (!ParseLong(port.c_str(), 1, 65535, &p)) {
+    if (!tools_args::ParseLong(port.c_str(), 1, 65535, &p)) {
         return false;
     }
-    memset(&t->addr, 0, sizeof(t->addr));
-    sockaddr_in* v4 = reinterpret_cast<sockaddr_in*>(&t->addr);
-    sockaddr_in6* v6 = reinterpret_cast<sockaddr_in6*>(&t->addr);
-    if (inet_pton(AF_INET, host.c_str(), &v4->sin_addr) == 1) {
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(static_cast<uint16_t>(p));
-        t->len = sizeof(sockaddr_in);
-        t->loopback_v4 = (ntohl(v4->sin_addr.s_addr) >> 24) == 127;
-    } else if (inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) == 1) {
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(static_cast<uint16_t>(p));
-        t->len = sizeof(sockaddr_in6);
-    } else {
+    if (!tools_args::ParseAddress(host, static_cast<int>(p), &t->addr, &t->len)) {
         return false;
     }
+    const sockaddr_in* v4 = reinterpret_cast<const sockaddr_in*>(&t->addr);
+    t->loopback_v4 = t->addr.ss_family == AF_INET && (ntohl(v4->sin_addr.s_addr) >> 24) == 127;
     t->url = url;
     t->host = host;
     return true;
@@ -256,28 +219,28 @@ int ParseOptions(int argc, char** argv, Options* opt) {
                 return 2;
             }
         } else if (strcmp(a, "--conns") == 0) {
-            ok = ok && ParseLong(v, 1, 10000000, &opt->conns);
+            ok = ok && tools_args::ParseLong(v, 1, 10000000, &opt->conns);
         } else if (strcmp(a, "--procs") == 0) {
-            ok = ok && ParseLong(v, 1, 256, &n);
+            ok = ok && tools_args::ParseLong(v, 1, 256, &n);
             opt->procs = static_cast<int>(n);
         } else if (strcmp(a, "--sources") == 0) {
-            ok = ok && ParseLong(v, 1, 254, &n);
+            ok = ok && tools_args::ParseLong(v, 1, 254, &n);
             opt->sources = static_cast<int>(n);
         } else if (strcmp(a, "--size") == 0) {
-            ok = ok && ParseLong(v, kHeaderLen, kMaxSize, &n);
+            ok = ok && tools_args::ParseLong(v, kHeaderLen, kMaxSize, &n);
             opt->size = static_cast<uint32_t>(n);
         } else if (strcmp(a, "--idle") == 0) {
-            ok = ok && ParseSeconds(v, 0, &opt->idle);
+            ok = ok && tools_args::ParseSeconds(v, 0, &opt->idle);
         } else if (strcmp(a, "--phase-timeout") == 0) {
-            ok = ok && ParseSeconds(v, 0.001, &opt->phase_timeout);
+            ok = ok && tools_args::ParseSeconds(v, 0.001, &opt->phase_timeout);
         } else if (strcmp(a, "--connect-window") == 0) {
-            ok = ok && ParseLong(v, 1, 1000000, &n);
+            ok = ok && tools_args::ParseLong(v, 1, 1000000, &n);
             opt->window = static_cast<int>(n);
         } else if (strcmp(a, "--close") == 0) {
             ok = ok && (strcmp(v, "fin") == 0 || strcmp(v, "rst") == 0);
             opt->rst = ok && strcmp(v, "rst") == 0;
         } else if (strcmp(a, "--server-pid") == 0) {
-            ok = ok && ParseLong(v, 1, 0x7fffffff, &opt->server_pid);
+            ok = ok && tools_args::ParseLong(v, 1, 0x7fffffff, &opt->server_pid);
         } else if (strcmp(a, "--server-metrics") == 0) {
             ok = ok && *v != '\0';
             if (ok) {

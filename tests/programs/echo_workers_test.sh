@@ -23,13 +23,7 @@ cleanup() {
     rm -rf "$dir"
 }
 trap cleanup EXIT
-fail() {
-    echo "FAIL: $*"
-    for f in "$dir"/*.txt; do
-        [ -f "$f" ] && { echo "--- $f"; cat "$f"; }
-    done
-    exit 1
-}
+. "$(dirname "$0")/test_lib.sh"  # fail, require
 
 mkfifo "$dir/out"
 "$server" --listen tcp://127.0.0.1:0 --workers 2 --worker-queue 1 "$@" >"$dir/out" 2>"$dir/server-stderr.txt" &

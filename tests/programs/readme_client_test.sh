@@ -19,13 +19,7 @@ cleanup() {
     rm -rf "$dir"
 }
 trap cleanup EXIT
-fail() {
-    echo "FAIL: $*"
-    for f in "$dir"/*.txt; do
-        [ -f "$f" ] && { echo "--- $f"; cat "$f"; }
-    done
-    exit 1
-}
+. "$(dirname "$0")/test_lib.sh"  # fail, require
 
 # The peer's standard output goes through a FIFO, so its first line is awaited, not polled for.
 mkfifo "$dir/out"

@@ -26,21 +26,7 @@ cleanup() {
     rm -rf "$dir"
 }
 trap cleanup EXIT
-fail() {
-    echo "FAIL: $*"
-    for f in "$dir"/*.txt; do
-        [ -f "$f" ] && { echo "--- $f"; cat "$f"; }
-    done
-    exit 1
-}
-# require FILE PATTERN...: each pattern is in FILE (a fixed string).
-require() {
-    file=$1
-    shift
-    for want in "$@"; do
-        grep -qF -- "$want" "$file" || fail "$(basename "$file") lacks $want"
-    done
-}
+. "$(dirname "$0")/test_lib.sh"  # fail, require
 
 # Starts echo_server on a free port: sets pid and port.
 start_server() {

@@ -27,13 +27,7 @@ cleanup() {
     rm -rf "$dir"
 }
 trap cleanup EXIT
-fail() {
-    echo "FAIL: $*"
-    for f in "$dir"/*.out "$dir"/*.err; do
-        [ -f "$f" ] && { echo "--- $f"; cat "$f"; }
-    done
-    exit 1
-}
+. "$(dirname "$0")/test_lib.sh"  # fail, require
 
 # A certificate for localhost and 127.0.0.1, self-signed: it is its own CA.
 cert() {  # cert NAME [openssl req options...]

@@ -80,29 +80,32 @@ bool SendAll(int fd, const char* p, size_t len, int64_t deadline_ms, std::string
     return true;
 }
 
+// After `call` read nothing (`n` is 0 or -1): true to read again (interrupted, or readable
+// again before the deadline), false with `*error` set.
+bool ReadAgain(ssize_t n, int fd, int64_t deadline_ms, const char* call, std::string* error) {
+    if (n == 0) {
+        *error = "the peer closed the hand-over socket";
+        return false;
+    }
+    if (errno == EINTR) {
+        return true;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        return WaitFor(fd, POLLIN, deadline_ms, error);
+    }
+    *error = std::string(call) + ": " + strerror(errno);
+    return false;
+}
+
 bool RecvAll(int fd, char* p, size_t len, int64_t deadline_ms, std::string* error) {
     while (len > 0) {
         ssize_t n = ::recv(fd, p, len, 0);
         if (n > 0) {
             p += n;
             len -= static_cast<size_t>(n);
-            continue;
-        }
-        if (n == 0) {
-            *error = "the peer closed the hand-over socket";
+        } else if (!ReadAgain(n, fd, deadline_ms, "recv", error)) {
             return false;
         }
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (!WaitFor(fd, POLLIN, deadline_ms, error)) {
-                return false;
-            }
-            continue;
-        }
-        *error = std::string("recv: ") + strerror(errno);
-        return false;
     }
     return true;
 }
@@ -214,21 +217,9 @@ bool Recv(int fd, Msg* out, int64_t deadline_ms, std::string* error) {
             }
             return true;
         }
-        if (n == 0) {
-            *error = "the peer closed the hand-over socket";
+        if (!ReadAgain(n, fd, deadline_ms, "recvmsg", error)) {
             return false;
         }
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (!WaitFor(fd, POLLIN, deadline_ms, error)) {
-                return false;
-            }
-            continue;
-        }
-        *error = std::string("recvmsg: ") + strerror(errno);
-        return false;
     }
     for (int d : out->fds) {
         ::close(d);
