@@ -480,11 +480,12 @@ void TakeOverFrom(const char* path, Take take) {
     }
     printf(
         "echo_server took over %zu connections and %zu listeners from %s in %lld ms (%llu bytes unsent, "
-        "%llu unread)\n",
+        "%llu unread, %llu in all)\n",
         result.connections, result.listeners, path,
         static_cast<long long>(QUOLNET::CEventLoop::NowMs() - start),
         static_cast<unsigned long long>(result.unsent_bytes),
-        static_cast<unsigned long long>(result.unread_bytes));
+        static_cast<unsigned long long>(result.unread_bytes),
+        static_cast<unsigned long long>(result.batch_bytes));
 }
 
 void PrintDrain(bool drained, uint64_t ok, uint64_t aborted) {

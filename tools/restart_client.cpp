@@ -24,6 +24,10 @@
 // a pause includes the time echoes queue behind each other, and the client's own turns: the
 // longest turn of its loop is reported too (client_stall_max_ms).
 //
+// With --idle N, N more connections stay open and silent the whole run, as most of a real
+// server's connections are; once sending stops each sends one 16-byte packet and must get its
+// echo, so one that did not survive a restart is caught. They are left out of the pauses.
+//
 // With --slow-readers P, P of every 100 connections read slowly (a small receive buffer and at
 // most kSlowReadPerWindow bytes per 100 ms window), so the server's replies back up in its send
 // queue: a restart then has unsent replies to carry. Their pauses are their own doing and are
@@ -68,6 +72,7 @@ const uint32_t kMaxPiece = 64 * 1024;  // the longest piece of a big packet
 // connection stays short (the client's own delay would count in the pauses it measures).
 const size_t kIoChunk = 64 * 1024;             // one send or recv at most
 const size_t kPassBudget = 128 * 1024;         // bytes one connection writes per turn
+const uint32_t kIdlePing = 16;                 // an idle connection's one packet
 const size_t kSlowReadPerWindow = 256 * 1024;  // what a slow reader reads per 100 ms window
 const int kSlowRcvBuf = 8192;                  // a slow reader's receive buffer
 const int kReadsPerEvent = 2;                  // recv calls per readiness (level-triggered: it comes back)
@@ -158,6 +163,7 @@ struct Options {
     std::string report;
     bool quiet = false;
     int slow_readers = 0;  // of every 100 connections
+    long idle = 0;         // silent connections besides the `conns` busy ones
 };
 
 const char* kDefaultSizes = "16,64,512,4096,65536,1048576";
@@ -166,7 +172,7 @@ void Usage(FILE* out) {
     fprintf(out,
             "usage: restart_client [--host ADDR] [--port N] [--conns N] [--depth K] [--sizes LIST]\n"
             "                      [--duration SECONDS] [--connect-window N] [--drain-timeout SECONDS]\n"
-            "                      [--slow-readers PERCENT] [--report FILE] [--quiet]\n"
+            "                      [--idle N] [--slow-readers PERCENT] [--report FILE] [--quiet]\n"
             "Keeps an echo server of the length-prefixed protocol busy while it is restarted: opens N\n"
             "connections, never re-establishes one, keeps K packets in flight on each with half-sent\n"
             "packets at any moment, checks every echoed byte, and measures how long echoes paused.\n"
@@ -183,6 +189,8 @@ void Usage(FILE* out) {
             "  --connect-window N        connects in progress at once (default 200)\n"
             "  --drain-timeout SECONDS   after sending, how long to wait for the outstanding echoes\n"
             "                            (default 5)\n"
+            "  --idle N                  N more connections that stay silent until sending stops, then\n"
+            "                            send one 16-byte packet each and await its echo (default 0)\n"
             "  --slow-readers PERCENT    that many of every 100 connections read slowly (256 KiB per\n"
             "                            100 ms, a small receive buffer): the server's replies to them\n"
             "                            queue up; their pauses are left out of the figures (default 0)\n"
@@ -289,6 +297,8 @@ int ParseOptions(int argc, char** argv, Options* opt) {
             opt->window = static_cast<int>(n);
         } else if (strcmp(a, "--drain-timeout") == 0) {
             ok = ok && tools_args::ParseSeconds(v, 0.01, &opt->drain);
+        } else if (strcmp(a, "--idle") == 0) {
+            ok = ok && tools_args::ParseLong(v, 0, 1000000, &opt->idle);
         } else if (strcmp(a, "--slow-readers") == 0) {
             ok = ok && tools_args::ParseLong(v, 0, 100, &n);
             opt->slow_readers = static_cast<int>(n);
@@ -464,6 +474,8 @@ class CRestartClient {
         bool out_armed = false;  // EPOLLOUT is in the interest set
         bool deferred = false;   // on m_deferred: writes on at the next turn
         bool slow = false;       // a slow reader (--slow-readers)
+        bool idle = false;       // silent until sending stops (--idle), then one packet
+        bool pinged = false;     // an idle one has started its packet
         bool in_paused = false;  // a slow reader that has read its window's share: no EPOLLIN
         size_t read_left = 0;    // what a slow reader may still read in this window
     };
@@ -560,7 +572,7 @@ class CRestartClient {
 
 CRestartClient::CRestartClient(const Options& opt)
     : m_opt(opt),
-      m_conns(static_cast<size_t>(opt.conns)),
+      m_conns(static_cast<size_t>(opt.conns + opt.idle)),
       m_tx(kIoChunk),
       m_rx(kIoChunk),
       m_expect(kIoChunk),
@@ -611,7 +623,8 @@ void CRestartClient::StartConnects(int64_t now) {
             continue;
         }
         QUOLNET_BENCH::SetNoDelay(c.fd);
-        c.slow = static_cast<int>(Index(c) % 100) < m_opt.slow_readers;
+        c.idle = Index(c) >= static_cast<uint32_t>(m_opt.conns);
+        c.slow = !c.idle && static_cast<int>(Index(c) % 100) < m_opt.slow_readers;
         if (c.slow) {
             c.read_left = kSlowReadPerWindow;
             setsockopt(c.fd, SOL_SOCKET, SO_RCVBUF, &kSlowRcvBuf,
@@ -757,11 +770,13 @@ void CRestartClient::Pump(Conn& c) {
     size_t budget = kPassBudget;
     while (c.state == State::kOpen) {
         if (!c.tx_busy) {
-            if (!m_sending || c.count >= c.ring.size()) {
+            const bool start = c.idle ? !m_sending && !c.pinged : m_sending && c.count < c.ring.size();
+            if (!start) {
                 break;
             }
+            c.pinged = c.idle;
             const uint64_t seed = PacketSeed(Index(c), c.started++);
-            c.ring[(c.head + c.count) % c.ring.size()] = Packet{seed, ChooseSize(seed)};
+            c.ring[(c.head + c.count) % c.ring.size()] = Packet{seed, c.idle ? kIdlePing : ChooseSize(seed)};
             ++c.count;
             c.tx_busy = true;
             c.tx_split = false;
@@ -927,8 +942,8 @@ void CRestartClient::Echoed(Conn& c, const unsigned char* data, size_t n, int64_
 
 void CRestartClient::RecordPause(Conn& c, int64_t from_us, int64_t to_us) {
     const int64_t len = to_us - from_us;
-    if (len <= 0 || c.slow) {
-        return;  // a slow reader's pauses are its own
+    if (len <= 0 || c.slow || c.idle) {
+        return;  // a slow reader's pauses are its own; an idle one's wait is not a pause
     }
     c.max_pause_us = std::max(c.max_pause_us, len);
     if (len > m_max_pause_us) {
@@ -1045,6 +1060,11 @@ int CRestartClient::Run() {
             m_sending = false;
             drain_end_us = now + static_cast<int64_t>(m_opt.drain * 1e6);
             GiveUpConnects(now);
+            for (Conn& c : m_conns) {
+                if (c.idle && c.state == State::kOpen && !c.out_armed) {
+                    Pump(c);  // its one packet: still served?
+                }
+            }
             if (!m_opt.quiet) {
                 fprintf(stderr, "restart_client: %.1f s: sending stopped%s, waiting for the echoes\n",
                         Seconds(now), g_signals > 0 ? " by a signal" : "");
@@ -1176,6 +1196,7 @@ std::string CRestartClient::JsonReport(const Totals& t, int64_t end_us) const {
     j.Text("host", m_opt.host);
     j.Num("port", static_cast<uint64_t>(m_opt.port));
     j.Num("conns", m_conns.size());
+    j.Num("idle_conns", static_cast<uint64_t>(m_opt.idle));
     j.Num("depth", static_cast<uint64_t>(m_opt.depth));
     j.Num("slow_readers_percent", static_cast<uint64_t>(m_opt.slow_readers));
     std::string sizes = "[";
@@ -1236,9 +1257,9 @@ int main(int argc, char** argv) {
     QUOLNET_BENCH::RaiseFdLimit();
     rlimit rl;
     if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY &&
-        long(rl.rlim_cur) < opt.conns + 16) {
-        fprintf(stderr, "restart_client: warning: %ld connections but a descriptor limit of %ld\n", opt.conns,
-                long(rl.rlim_cur));
+        long(rl.rlim_cur) < opt.conns + opt.idle + 16) {
+        fprintf(stderr, "restart_client: warning: %ld connections but a descriptor limit of %ld\n",
+                opt.conns + opt.idle, long(rl.rlim_cur));
     }
     CRestartClient client(opt);
     return client.Run();

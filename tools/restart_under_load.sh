@@ -3,7 +3,7 @@
 # it busy, and reports what the clients saw around each restart.
 #
 # Usage: tools/restart_under_load.sh BUILD_DIR [--conns N] [--restarts R] [--interval SECONDS]
-#            [--depth K] [--sizes LIST] [--slow-readers PERCENT] [--sndbuf BYTES]
+#            [--depth K] [--sizes LIST] [--idle N] [--slow-readers PERCENT] [--sndbuf BYTES]
 #            [--threads LIST] [--exit-timeout SECONDS] [--keep]
 #
 # BUILD_DIR holds examples/echo_server and tools/restart_client. The run:
@@ -32,12 +32,14 @@ set -u
 prog=restart_under_load
 usage() {
     echo "usage: $0 BUILD_DIR [--conns N] [--restarts R] [--interval SECONDS] [--depth K] [--sizes LIST]"
-    echo "           [--slow-readers PERCENT] [--sndbuf BYTES] [--threads LIST] [--exit-timeout SECONDS] [--keep]"
+    echo "           [--idle N] [--slow-readers PERCENT] [--sndbuf BYTES] [--threads LIST] [--exit-timeout SECONDS]"
+    echo "           [--keep]"
     echo "  --conns N              client connections (default 1000)"
     echo "  --restarts R           restarts (default 5)"
     echo "  --interval SECONDS     load before the first restart and between restarts (default 2)"
     echo "  --depth K              packets in flight per connection (restart_client's default 4)"
     echo "  --sizes LIST           packet sizes (restart_client's default mix)"
+    echo "  --idle N               N more connections, silent until the end, then one echo each (default 0)"
     echo "  --slow-readers PERCENT connections that read slowly, so replies queue up unsent (default 0)"
     echo "  --sndbuf BYTES         every server's SO_SNDBUF: replies to slow readers then wait in the"
     echo "                         server's own queue, which the hand-over carries (default: the kernel's)"
@@ -69,6 +71,7 @@ exit_timeout=10
 keep=0
 threads_list=(1)
 server_extra=()
+idle=0
 client_extra=()
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -89,6 +92,7 @@ while [ $# -gt 0 ]; do
         --interval) is_seconds "$2" || bad "bad --interval '$2'"; interval=$2 ;;
         --exit-timeout) is_seconds "$2" || bad "bad --exit-timeout '$2'"; exit_timeout=$2 ;;
         --depth | --sizes | --slow-readers) client_extra+=("$1" "$2") ;;
+        --idle) is_count "$2" 0 1000000 || bad "bad --idle '$2'"; idle=$2; client_extra+=("$1" "$2") ;;
         --sndbuf) is_count "$2" 1 268435456 || bad "bad --sndbuf '$2'"; server_extra+=("$1" "$2") ;;
         --threads)
             [[ "$2" =~ ^[0-9]+(,[0-9]+)*$ ]] || bad "bad --threads '$2'"
@@ -314,7 +318,8 @@ longest() {
 }
 
 echo
-echo "$prog: $done_restarts of $restarts restarts of echo_server on tcp://127.0.0.1:$port under $conns connections"
+echo "$prog: $done_restarts of $restarts restarts of echo_server on tcp://127.0.0.1:$port under $conns busy connections" \
+    "and $idle idle ones"
 if [ -z "$start" ] || [ -z "$pauses" ]; then
     echo "$prog: no client report ($dir/client.json)"
     ok=0

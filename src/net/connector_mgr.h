@@ -148,6 +148,7 @@ struct TakeOverResult {
     size_t connections = 0;     // connections taken over
     uint64_t unsent_bytes = 0;  // of those: queued output that came with them
     uint64_t unread_bytes = 0;  // received bytes not yet delivered that came with them
+    uint64_t batch_bytes = 0;   // message bytes the connections came in (the above included)
     std::string error;          // why it ended early, "" when complete
 };
 

@@ -28,8 +28,7 @@ struct CProcessHandOver::Parking {
     int peer = -1;
     int64_t deadline = 0;
     bool ok = true;
-    size_t moved = 0;
-    size_t offered = 0;
+    Tally tally;
     std::string why;
 };
 
@@ -54,14 +53,12 @@ void CProcessHandOver::Park(const std::shared_ptr<Parking>& st, int index) {
         int peer = st->peer;
         int64_t deadline = st->deadline;
         lock.unlock();
-        size_t moved = 0;
-        size_t offered = 0;
+        Tally tally;
         std::string why;
-        bool ok = SendConnections(peer, deadline, &moved, &offered, &why);
+        bool ok = SendConnections(peer, deadline, &tally, &why);
         lock.lock();
         st->ok = ok;
-        st->moved = moved;
-        st->offered = offered;
+        st->tally = tally;
         st->why = why;
         st->turn = -1;
         st->turn_done = true;
@@ -99,9 +96,8 @@ bool CProcessHandOver::ParkLoops(int64_t deadline, std::string* why) {
     return true;
 }
 
-bool CProcessHandOver::SendEachLoop(int peer, int64_t deadline, size_t* moved, size_t* offered,
-                                    std::string* error) {
-    if (!SendConnections(peer, deadline, moved, offered, error)) {
+bool CProcessHandOver::SendEachLoop(int peer, int64_t deadline, Tally* tally, std::string* error) {
+    if (!SendConnections(peer, deadline, tally, error)) {
         return false;
     }
     const std::shared_ptr<Parking>& st = m_parking;
@@ -114,8 +110,7 @@ bool CProcessHandOver::SendEachLoop(int peer, int64_t deadline, size_t* moved, s
         st->cv.notify_all();
         // Not bounded here: the loop's own I/O is, and the socket is its alone until it ends.
         st->cv.wait(lock, [&]() { return st->turn_done; });
-        *moved += st->moved;
-        *offered += st->offered;
+        tally->Add(st->tally);
         if (!st->ok) {
             *error = st->why;
             return false;

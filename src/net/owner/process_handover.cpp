@@ -166,7 +166,8 @@ void CProcessHandOver::Finish(int drain_ms) {
 
 bool CProcessHandOver::Exchange(int peer) {
     LogCategory* cat = m_mgr.LogCat();
-    const int64_t deadline = CEventLoop::NowMs() + m_options.deadline_ms;
+    const int64_t start = CEventLoop::NowMs();
+    const int64_t deadline = start + m_options.deadline_ms;
     std::string why;
     int32_t pid = 0;
     if (!PeerAllowed(peer, m_options, &why, &pid)) {
@@ -221,8 +222,7 @@ bool CProcessHandOver::Exchange(int peer) {
         lw.Bytes(l.first);
         lfds.push_back(l.second);
     }
-    size_t moved = 0;
-    size_t offered = 0;
+    Tally tally;
     bool ok = handover::Send(peer, handover::kWelcome, welcome.Out(), {}, deadline, &why) &&
               handover::Send(peer, handover::kProcess, process.Out(), {}, deadline, &why) &&
               handover::Send(peer, handover::kListeners, lw.Out(), lfds, deadline, &why) &&
@@ -232,12 +232,12 @@ bool CProcessHandOver::Exchange(int peer) {
         ok = false;
     }
     if (ok) {
-        ok = m_mgr.m_group != nullptr ? SendEachLoop(peer, deadline, &moved, &offered, &why)
-                                      : SendConnections(peer, deadline, &moved, &offered, &why);
+        ok = m_mgr.m_group != nullptr ? SendEachLoop(peer, deadline, &tally, &why)
+                                      : SendConnections(peer, deadline, &tally, &why);
     }
     if (ok) {
         CWriter done;
-        done.U64(moved);
+        done.U64(tally.moved);
         ok = handover::Send(peer, handover::kDone, done.Out(), {}, deadline, &why) &&
              handover::Recv(peer, &m, deadline, &why);
         if (ok && m.type != handover::kDoneAck) {
@@ -249,11 +249,15 @@ bool CProcessHandOver::Exchange(int peer) {
         QN_OWNER_LOG(
             cat, LOG_PRIORITY_WARN,
             "hand-over to pid %d failed after %zu of %zu connections: %s; this process serves the rest", pid,
-            moved, offered, why.c_str());
+            tally.moved, tally.offered, why.c_str());
     } else {
         QN_OWNER_LOG(cat, LOG_PRIORITY_INFO,
-                     "handed over %zu listeners and %zu of %zu connections to pid %d; %zu stay and drain",
-                     listeners.size(), moved, offered, pid, offered - moved);
+                     "handed over %zu listeners and %zu of %zu connections to pid %d in %lld ms (%llu bytes, "
+                     "%llu of them owed by the connections); %zu stay and drain",
+                     listeners.size(), tally.moved, tally.offered, pid,
+                     static_cast<long long>(CEventLoop::NowMs() - start),
+                     static_cast<unsigned long long>(tally.bytes),
+                     static_cast<unsigned long long>(tally.owed), tally.offered - tally.moved);
     }
     if (m_mgr.m_group != nullptr) {
         EndParking(ok);  // each other loop finishes as this one does (Poll)
@@ -261,8 +265,7 @@ bool CProcessHandOver::Exchange(int peer) {
     return ok;
 }
 
-bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved, size_t* offered,
-                                       std::string* error) {
+bool CProcessHandOver::SendConnections(int peer, int64_t deadline, Tally* tally, std::string* error) {
     m_mgr.FlushCorked();  // a corked reply is not in the queue the export reads
     struct Going {
         OwnedConn* conn;
@@ -270,7 +273,7 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved
     };
     std::vector<Going> going;
     std::vector<OwnedConn*> all = m_mgr.m_table.SortedById();
-    *offered = all.size();
+    tally->offered += all.size();
     for (OwnedConn* c : all) {
         if (!CConnMover::Movable(c) || c->connector->GetStreamIo() != nullptr || c->corked) {
             continue;
@@ -346,6 +349,8 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved
                     w.I64(carry.tx_packets);
                     w.Bytes(carry.unsent);
                     w.Bytes(carry.unread);
+                    tally->owed +=
+                        CTcpConnector::Carry::Size(carry.unsent) + CTcpConnector::Carry::Size(carry.unread);
                     w.Bytes(going[next].state);
                     fds.push_back(c->fd);
                     batch.push_back(c);
@@ -355,6 +360,7 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved
                 }
                 w.SetU32(0, static_cast<uint32_t>(batch.size()));
                 ok = handover::Send(peer, handover::kConns, w.Out(), fds, deadline, error);
+                tally->bytes += w.Out().size();
                 unanswered.push_back(std::move(batch));
                 continue;
             }
@@ -377,7 +383,7 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, size_t* moved
         }
     }
     for (OwnedConn* c : taken) {
-        ++*moved;
+        ++tally->moved;
         if (c->accepted) {
             m_mgr.m_admission.SourceReleased(c->url);
         }
@@ -555,6 +561,7 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
             ack.U32(n);
             ok = handover::Send(fd, handover::kAck, ack.Out(), {}, deadline, &why);
         } else if (m.type == handover::kConns) {
+            result->batch_bytes += payload->size();
             uint32_t n = r.U32();
             struct In {
                 ConnId id = 0;

@@ -68,13 +68,27 @@ class CProcessHandOver {
     struct Parking;
 
   private:
+    // What the connections' part of an exchange did, summed over a group's loops.
+    struct Tally {
+        size_t moved = 0;    // connections the successor confirmed
+        size_t offered = 0;  // connections the manager held
+        uint64_t bytes = 0;  // message bytes sent for them
+        uint64_t owed = 0;   // of those, bytes the connections owed (unsent and unread)
+        void Add(const Tally& t) {
+            moved += t.moved;
+            offered += t.offered;
+            bytes += t.bytes;
+            owed += t.owed;
+        }
+    };
+
     // Polled by a timer while the offer is open: takes a successor and runs the exchange.
     void Poll();
     // The exchange with one successor, on `peer`. True when it completed.
     bool Exchange(int peer);
     // Sends this manager's connections (after the listeners); true when every batch was
     // answered. This manager's loop thread.
-    bool SendConnections(int peer, int64_t deadline, size_t* moved, size_t* offered, std::string* error);
+    bool SendConnections(int peer, int64_t deadline, Tally* tally, std::string* error);
     // After a complete exchange: the listeners are the successor's, what stayed drains.
     // This manager's loop thread.
     void Finish(int drain_ms);
@@ -86,7 +100,7 @@ class CProcessHandOver {
     bool ParkLoops(int64_t deadline, std::string* why);
     // The wait itself, on another loop's thread (this manager's): see group_handover.cpp.
     void Park(const std::shared_ptr<Parking>& st, int index);
-    bool SendEachLoop(int peer, int64_t deadline, size_t* moved, size_t* offered, std::string* error);
+    bool SendEachLoop(int peer, int64_t deadline, Tally* tally, std::string* error);
     void EndParking(bool success);
     // Every listener of this manager, or of every loop of its group.
     std::vector<std::pair<std::string, int>> AllListeners() const;
