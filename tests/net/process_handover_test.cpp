@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -58,7 +59,8 @@ class Echo : public QUOLNET::IConnectorHandler {
     }
     bool OnHandOut(CConnectorMgr*, ConnId id, std::string* state) override {
         *state = "state of " + std::to_string(id);
-        return true;
+        std::lock_guard<std::mutex> lock(mutex);
+        return keep.count(id) == 0;
     }
     void OnHandIn(CConnectorMgr* mgr, ConnId id, const char*, bool accepted,
                   const std::string& state) override {
@@ -74,6 +76,7 @@ class Echo : public QUOLNET::IConnectorHandler {
     std::atomic<int> handed_over{0};
     std::mutex mutex;
     std::map<ConnId, std::string> states;  // guarded by mutex
+    std::set<ConnId> keep;                 // OnHandOut keeps these; guarded by mutex
     bool all_accepted = true;
     std::string process_state;
 };
@@ -456,6 +459,58 @@ TEST(ProcessHandOver, ATakenOverListenerNoListenAsksForIsClosed) {
                 " closed: no Listen asked for it (connections in its queue are refused)");
     }));
     EXPECT_LT(qntest::DialURL(url), 0) << "nobody listens there any more";
+}
+
+// Connections the handler keeps (OnHandOut false; TLS ones stay the same way) drain in the old
+// manager: the reply to what they sent comes, then the end of stream; one whose peer ends too
+// is drained, one whose peer never does is aborted at drain_ms, and Run returns after both.
+TEST(ProcessHandOver, ConnectionsThatStayDrainAndTheOldManagerEndsByTheDrainDeadline) {
+    std::string path = SocketPath("stay");
+    Server old_server("old");
+    ASSERT_GT(old_server.mgr->Listen("tcp://127.0.0.1:0"), 0);
+    std::string url = old_server.mgr->GetListenURL(0);
+    old_server.Start();
+    int a = qntest::DialURL(url), b = qntest::DialURL(url), c = qntest::DialURL(url);
+    ASSERT_GE(c, 0);
+    for (int fd : {a, b, c}) {
+        ExpectEcho(fd, qntest::Packet(Payload('x', 100, static_cast<uint32_t>(fd))));
+    }
+    old_server.OnLoop([&]() {
+        std::vector<ConnId> ids = old_server.mgr->ListConnections();  // ascending: a, b, c
+        ASSERT_EQ(3u, ids.size());
+        std::lock_guard<std::mutex> lock(old_server.echo.mutex);
+        old_server.echo.keep = {ids[1], ids[2]};
+    });
+    std::string last = qntest::Packet(Payload('x', 200000, 9));  // in flight at the hand-over
+    ASSERT_TRUE(qntest::WriteAll(b, last.data(), last.size()));
+    HandOverOptions options;
+    options.drain_ms = 300;
+    old_server.OnLoop([&]() { ASSERT_EQ(0, old_server.mgr->OfferHandOver(path.c_str(), options)); });
+    Server new_server("new");
+    TakeOverResult result;
+    ASSERT_EQ(0, new_server.mgr->TakeOver(path.c_str(), options, &result)) << result.error;
+    EXPECT_EQ(1u, result.connections) << "a moved; b and c stayed";
+    ASSERT_GT(new_server.mgr->Listen(url.c_str()), 0);
+    new_server.Start();
+
+    std::string back(last.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(b, &back[0], back.size()));
+    EXPECT_TRUE(back == last) << "the reply in flight came whole";
+    char byte;
+    EXPECT_EQ(0, read(b, &byte, 1)) << "then the end of stream";
+    close(b);  // b's end: drained
+    EXPECT_EQ(0, read(c, &byte, 1)) << "c is told the end too, and never answers it";
+    old_server.thread.join();  // by the drain deadline at the latest
+    EXPECT_EQ(1u, old_server.mgr->GetShutdownDrainedCount());
+    EXPECT_EQ(1u, old_server.mgr->GetShutdownAbortedCount());
+    EXPECT_EQ(1u, old_server.mgr->GetCloseCount(CloseReason::kHandedOver));
+    ExpectEcho(a, qntest::Packet("a, served by the new manager"));
+    int d = qntest::DialURL(url);
+    ASSERT_GE(d, 0);
+    ExpectEcho(d, qntest::Packet("a new connection, too"));
+    for (int fd : {a, c, d}) {
+        close(fd);
+    }
 }
 
 // Three loops hand over to two, and those two to a manager: a connection dialled by loop 2

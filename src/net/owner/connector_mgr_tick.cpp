@@ -46,7 +46,9 @@ int CConnectorMgr::ComputeWait(int timeout_ms) {
         bound(0);
     }
     if (m_shutting_down) {
-        bound(m_shutdown_deadline_ms - now);
+        // The last connection may have ended in this tick (drained, or aborted at the
+        // deadline): the next tick's RunShutdown then stops the loop, without a wait between.
+        bound(m_table.Size() == 0 ? 0 : m_shutdown_deadline_ms - now);
     } else if (m_shutdown_requested_ms.load() >= 0) {
         bound(0);
     }
