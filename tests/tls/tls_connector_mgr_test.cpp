@@ -1,7 +1,8 @@
 // TLS connections of a CConnectorMgr (quolnet::tls): echo in both delivery modes with packets
 // up to 1 MiB, pipelined records, the negotiated details, certificate failures each with its
 // reason and OpenSSL's message, mutual TLS, truncation, close_notify on Close, garbage and
-// silence instead of a ClientHello, and the handshake budget. Certificates are made at test
+// silence instead of a ClientHello, the handshake budget, and a TLS connection left to drain
+// by a hand-over to another process. Certificates are made at test
 // time (test_certs.h).
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -9,9 +10,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "net/connector_mgr.h"
@@ -541,6 +544,96 @@ TEST_F(TlsTest, HandshakeStepsPerTickAreBounded) {
     EXPECT_EQ(1, counter.most) << "one handshake step a tick completes at most one handshake";
     EXPECT_EQ(static_cast<size_t>(kDials), counter.accepted_ids.size());
     m_mgr.reset();  // before the handler goes
+}
+
+}  // namespace
+
+namespace {
+
+// Echoes every packet; for the servers that run on threads of their own below.
+class ThreadEcho : public QUOLNET::IConnectorHandler {
+  public:
+    bool OnPacket(CConnectorMgr* mgr, ConnId id, const char* data, unsigned int len, bool) override {
+        return mgr->Send(id, data, len) != CConnectorMgr::kSendNoRoom;
+    }
+};
+
+// A TLS connection cannot move to another process (its session lives in this one's OpenSSL):
+// at a hand-over it stays in the old manager and drains there. The reply to what the client
+// sent comes, then a clean end (close_notify, not truncation), and the old manager's Run
+// returns once it has ended; the plain connection and the listeners move, so the next TLS
+// client reaches the new manager.
+TEST_F(TlsTest, AHandOverLeavesATlsConnectionToDrainCleanly) {
+    std::string path = "/tmp/quolnet-tls-handover-" + std::to_string(getpid()) + ".sock";
+    ThreadEcho echo;
+    QUOLNET::CNetBufferMgr old_pool(256);
+    QUOLNET::CNetBufferMgr new_pool(256);
+    ConnectorMgrOptions so;
+    so.log_cat = m_log.cat();
+    so.pool = &old_pool;
+    CConnectorMgr old_mgr(&echo, so);
+    ASSERT_EQ(0, old_mgr.Init());
+    std::string error;
+    SocketOptions tls;
+    tls.stream = CTlsContext::CreateServer(ServerOptions(), &error);
+    ASSERT_NE(nullptr, tls.stream) << error;
+    ASSERT_GT(old_mgr.Listen("tcp://127.0.0.1:0", tls), 0);
+    ASSERT_GT(old_mgr.Listen("tcp://127.0.0.1:0"), 0);
+    std::string tls_url = old_mgr.GetListenURL(0);
+    std::string plain_url = old_mgr.GetListenURL(1);
+    std::thread old_thread([&]() { old_mgr.Run(); });
+
+    ConnId id = Connect(tls_url, ClientOptions());
+    ASSERT_NE(0u, id) << m_log.Dump();
+    int plain = qntest::DialURL(plain_url);
+    ASSERT_GE(plain, 0);
+    std::string ping = Packet("plain");
+    ASSERT_TRUE(qntest::WriteAll(plain, ping.data(), ping.size()));
+    std::string back(ping.size(), '\0');
+    ASSERT_TRUE(qntest::ReadExactly(plain, &back[0], back.size()));
+    std::string last = Packet(std::string(100000, 'l'));  // on its way at the hand-over
+    ASSERT_EQ(static_cast<int>(last.size()),
+              Mgr().Send(id, last.data(), static_cast<unsigned int>(last.size())));
+    Mgr().RunOnce(0);
+
+    QUOLNET::HandOverOptions options;
+    options.drain_ms = 5000;
+    std::atomic<int> offered{1};
+    old_mgr.Post([&]() { offered = old_mgr.OfferHandOver(path.c_str(), options); });
+    so.pool = &new_pool;
+    CConnectorMgr new_mgr(&echo, so);
+    ASSERT_EQ(0, new_mgr.Init());
+    QUOLNET::TakeOverResult result;
+    ASSERT_EQ(0, new_mgr.TakeOver(path.c_str(), options, &result)) << result.error;
+    EXPECT_EQ(0, offered.load());
+    EXPECT_EQ(1u, result.connections) << "the plain one; the TLS one stays";
+    EXPECT_EQ(2u, result.listeners);
+    ASSERT_GT(new_mgr.Listen(tls_url.c_str(), tls), 0);
+    ASSERT_GT(new_mgr.Listen(plain_url.c_str()), 0);
+    std::thread new_thread([&]() { new_mgr.Run(); });
+
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return !m_rec.closes.empty(); })) << m_log.Dump();
+    ASSERT_EQ(1u, m_rec.received.size());
+    EXPECT_TRUE(m_rec.received[0] == last) << "the reply came whole before the end";
+    EXPECT_EQ(CloseReason::kPeerClosed, m_rec.closes[0].reason) << "a clean end, not truncation";
+    old_thread.join();  // Run returns once the TLS connection has ended
+    EXPECT_EQ(1u, old_mgr.GetCloseCount(CloseReason::kHandedOver));
+    EXPECT_EQ(1u, old_mgr.GetShutdownDrainedCount());
+    EXPECT_EQ(0u, old_mgr.GetShutdownAbortedCount());
+
+    int connects = m_rec.connects;
+    ConnId again = DialTls(tls_url, ClientOptions());
+    ASSERT_TRUE(Pump(Mgr(), [&]() { return m_rec.connects > connects || m_rec.closes.size() > 1; }));
+    EXPECT_EQ(connects + 1, m_rec.connects) << "a new TLS client reaches the new manager" << m_log.Dump();
+    EXPECT_EQ(1u, new_mgr.GetAcceptCount());
+    ASSERT_TRUE(qntest::WriteAll(plain, ping.data(), ping.size()));
+    ASSERT_TRUE(qntest::ReadExactly(plain, &back[0], back.size()));
+    EXPECT_EQ(ping, back);
+    close(plain);
+    Mgr().Close(again);
+    Pump(Mgr(), [&]() { return m_rec.closes.size() == 2; });
+    new_mgr.Stop();
+    new_thread.join();
 }
 
 }  // namespace
