@@ -2,8 +2,7 @@
 // up to 1 MiB, pipelined records, the negotiated details, certificate failures each with its
 // reason and OpenSSL's message, mutual TLS, truncation, close_notify on Close, garbage and
 // silence instead of a ClientHello, the handshake budget, and a TLS connection left to drain
-// by a hand-over to another process. Certificates are made at test
-// time (test_certs.h).
+// by a hand-over to another process. Certificates are made at test time (test_certs.h).
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
