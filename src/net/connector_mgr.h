@@ -470,18 +470,19 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Offers the hand-over on the Unix socket `path` (created with owner-only permissions;
     // removed when the offer ends). A successor that connects is checked (same effective
     // user unless options.any_user; the same wire version) and refused with a reason
-    // otherwise (WARN "hand-over refused: ..."), the offer staying open. The exchange then
-    // runs on the loop thread in one go, bounded by options.deadline_ms, serving nothing
-    // else meanwhile (the pause the peers see): the listeners go (this process accepts no
-    // more), then the connections in batches. A connection is this process's until the
-    // successor confirms it and the successor's from then on: OnClosed reports kHandedOver
-    // here. If the exchange fails midway (the successor dies, refuses, or the deadline
-    // passes), everything not confirmed stays here and is served as before, listeners
-    // included (WARN "hand-over to pid N failed after M of K connections: ..."). After a
-    // complete exchange the listeners are closed here (the successor has them) and what
-    // stayed drains as with Shutdown(options.drain_ms): Run returns when none is left.
-    // Returns 0, -1 when the socket cannot be made (errno kept, ERROR logged), -2 when an
-    // offer is open already, -3 in a group. Loop thread, or before Run.
+    // otherwise (WARN "hand-over refused: ..."), the offer staying open. This process serves
+    // on while the successor makes ready the pool blocks the connections' bytes will need
+    // (it is told how many); once the successor says it is ready, the exchange runs on the
+    // loop thread in one go, serving nothing else meanwhile (the pause the peers see): the
+    // listeners go (this process accepts no more), then the connections in batches. All of
+    // it is bounded by options.deadline_ms from the successor's arrival. A connection is this process's until
+    // the successor confirms it and the successor's from then on: OnClosed reports kHandedOver here. If the
+    // exchange fails midway (the successor dies, refuses, or the deadline passes), everything not confirmed
+    // stays here and is served as before, listeners included (WARN "hand-over to pid N failed after M of K
+    // connections: ..."). After a complete exchange the listeners are closed here (the successor has them)
+    // and what stayed drains as with Shutdown(options.drain_ms): Run returns when none is left. Returns 0, -1
+    // when the socket cannot be made (errno kept, ERROR logged), -2 when an offer is open already, -3 in a
+    // group. Loop thread, or before Run.
     int OfferHandOver(const char* path, const HandOverOptions& options = HandOverOptions());
     // Whether an offer is open (waiting for a successor), and whether a hand-over has been
     // completed (the process has passed on what it could; what stayed drains). Any thread.

@@ -222,6 +222,13 @@ int Hello(const std::string& path, uint32_t version) {
     return fd;
 }
 
+// A hand-written successor's kReady (after the welcome): the old manager stops serving.
+void Ready(int fd) {
+    std::string error;
+    EXPECT_TRUE(wire::Send(fd, wire::kReady, std::string(), {}, QUOLNET::CEventLoop::NowMs() + 5000, &error))
+        << error;
+}
+
 bool Next(int fd, wire::Msg* m) {
     std::string error;
     bool ok = wire::Recv(fd, m, QUOLNET::CEventLoop::NowMs() + 5000, &error);
@@ -283,6 +290,9 @@ TEST(ProcessHandOver, MovesListenersAndConnectionsWithEveryByteTheyOwe) {
     EXPECT_GE(result.unread_bytes, 150000u + held.size()) << "the half packet and the held ones came along";
     EXPECT_GT(result.unsent_bytes, 0u) << "replies came along unsent";
     EXPECT_EQ("process state", new_server.echo.process_state);
+    // The blocks that held the carried bytes in the old manager were made here before the pause.
+    EXPECT_GE(new_server.pool.GetFreeCount() + new_server.pool.GetUsedCount(),
+              (result.unsent_bytes + result.unread_bytes) / QUOLNET::NetBuffer::kBlockSize);
     ASSERT_GT(new_server.mgr->Listen(url.c_str()), 0) << "the inherited socket, not a new bind";
     EXPECT_TRUE(new_server.log.HasPrefix(QUOLNET::LOG_PRIORITY_INFO, "listening on " + url + ", fd="));
     new_server.Start();
@@ -343,9 +353,10 @@ TEST(ProcessHandOver, AnIncompatibleVersionIsRefusedAndTheOfferStaysOpen) {
     close(client);
 }
 
-// The successor takes the listeners, then stalls, then (second round) dies with a batch of
-// connections unanswered: the old manager keeps serving everything, and a later successor
-// still takes it all.
+// A successor stalls before it is ready (the old manager serves on meanwhile), then one stalls
+// after it (not taking the listeners), then one dies with a batch of connections unanswered:
+// each is ended by the deadline or its end, the old manager keeps serving everything, and a
+// later successor still takes it all.
 TEST(ProcessHandOver, ASuccessorThatStallsOrDiesMidwayLeavesEverythingServed) {
     std::string path = SocketPath("fail");
     Server old_server("old");
@@ -360,11 +371,23 @@ TEST(ProcessHandOver, ASuccessorThatStallsOrDiesMidwayLeavesEverythingServed) {
     ExpectEcho(a, qntest::Packet("a1"));
     ExpectEcho(b, qntest::Packet("b1"));
 
-    // Stalls: never answers the listeners.
+    // Never says it is ready: served on meanwhile, refused at the deadline.
     int peer = Hello(path, wire::kWireVersion);
     wire::Msg m;
     ASSERT_TRUE(Next(peer, &m));
     EXPECT_EQ(wire::kWelcome, m.type);
+    ExpectEcho(a, qntest::Packet("a while the successor gets ready"));
+    ASSERT_TRUE(qntest::Eventually([&]() {
+        return old_server.log.CountPrefix(QUOLNET::LOG_PRIORITY_WARN, "hand-over refused: pid ") == 1;
+    }));
+    EXPECT_NE(std::string::npos, old_server.log.Dump().find(": it did not say it was ready in time"));
+    close(peer);
+
+    // Ready, then never answers the listeners.
+    peer = Hello(path, wire::kWireVersion);
+    ASSERT_TRUE(Next(peer, &m));
+    EXPECT_EQ(wire::kWelcome, m.type);
+    Ready(peer);
     ASSERT_TRUE(qntest::Eventually(
         [&]() { return old_server.log.HasPrefix(QUOLNET::LOG_PRIORITY_WARN, "hand-over to pid "); }));
     close(peer);
@@ -374,7 +397,9 @@ TEST(ProcessHandOver, ASuccessorThatStallsOrDiesMidwayLeavesEverythingServed) {
     peer = Hello(path, wire::kWireVersion);
     int conns = 0;
     while (Next(peer, &m)) {
-        if (m.type == wire::kListeners) {
+        if (m.type == wire::kWelcome) {
+            Ready(peer);
+        } else if (m.type == wire::kListeners) {
             wire::CWriter ack;
             ack.U32(1);
             std::string error;
@@ -681,7 +706,9 @@ TEST(ProcessHandOver, AGroupWhoseSuccessorDiesMidwayServesOnOnEveryLoop) {
     wire::Msg m;
     bool batch = false;
     while (!batch && Next(peer, &m)) {
-        if (m.type == wire::kListeners) {
+        if (m.type == wire::kWelcome) {
+            Ready(peer);
+        } else if (m.type == wire::kListeners) {
             wire::CWriter ack;
             ack.U32(2);
             std::string error;

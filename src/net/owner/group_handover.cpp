@@ -3,6 +3,7 @@
 // of what it takes over (see process_handover.h for the exchange itself).
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <future>
@@ -155,6 +156,56 @@ ConnId CProcessHandOver::HighestId() const {
         highest = std::max(highest, m_mgr.m_group->GetLoop(i)->m_table.LastId());
     }
     return highest;
+}
+
+namespace {
+
+// The pools of `mgr`, or of every loop of its group, each once.
+std::vector<CNetBufferMgr*> PoolsOf(CConnectorMgr& mgr) {
+    std::vector<CNetBufferMgr*> pools;
+    CConnectorGroup* group = mgr.GetGroup();
+    int n = group != nullptr ? group->GetLoopCount() : 1;
+    for (int i = 0; i < n; ++i) {
+        CNetBufferMgr* pool = group != nullptr ? group->GetLoop(i)->GetPool() : mgr.GetPool();
+        if (pool != nullptr && std::find(pools.begin(), pools.end(), pool) == pools.end()) {
+            pools.push_back(pool);
+        }
+    }
+    return pools;
+}
+
+}  // namespace
+
+uint64_t CProcessHandOver::BlocksInUse() const {
+    uint64_t n = 0;
+    for (CNetBufferMgr* pool : PoolsOf(m_mgr)) {
+        n += pool->GetUsedCount();
+    }
+    return n;
+}
+
+void CProcessHandOver::WarmPools(uint64_t blocks) {
+    std::vector<CNetBufferMgr*> pools = PoolsOf(m_mgr);
+    if (pools.empty() || blocks == 0) {
+        return;
+    }
+    const uint64_t each = blocks / pools.size() + 1;
+    for (CNetBufferMgr* pool : pools) {
+        uint64_t room = pool->GetMaxBlockNum() - std::min(pool->GetMaxBlockNum(), pool->GetUsedCount());
+        uint64_t n = std::min(each, room);
+        CBidirList warm;
+        for (uint64_t i = 0; i < n; ++i) {
+            NetBuffer* b = pool->Allocate(false, false);
+            if (b == nullptr) {
+                break;
+            }
+            for (int off = 0; off < NetBuffer::kBlockSize; off += 4096) {
+                b->m_buf[off] = 0;  // the page's first touch
+            }
+            warm.Insert(&b->m_node);
+        }
+        pool->Release(warm);  // made, and kept by the pool for the bytes to come
+    }
 }
 
 // ---- the new group, on the thread calling TakeOver (before Start) ------------------------

@@ -23,7 +23,7 @@ constexpr uint32_t kMaxPayload = 1u << 30;
 
 enum MsgType : uint16_t {
     kHello = 1,      // new -> old: version
-    kWelcome = 2,    // old -> new: version, pid, highest id
+    kWelcome = 2,    // old -> new: version, pid, highest id, deadline, blocks in use
     kRefuse = 3,     // either way: why (text); the exchange ends
     kProcess = 4,    // old -> new: the application's blob for the whole process
     kListeners = 5,  // old -> new: each listener's URL; the descriptors
@@ -31,6 +31,7 @@ enum MsgType : uint16_t {
     kAck = 7,        // new -> old: the ids (of kConns) or count (of kListeners) taken
     kDone = 8,       // old -> new: nothing more; totals
     kDoneAck = 9,    // new -> old
+    kReady = 10,     // new -> old: made ready (its pool warmed); the old process stops serving now
 };
 
 struct Msg {

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -130,6 +131,10 @@ int CProcessHandOver::Offer(const char* path, const HandOverOptions& options) {
 }
 
 void CProcessHandOver::EndOffer() {
+    if (m_peer >= 0) {
+        ::close(m_peer);  // a successor that was getting ready
+        m_peer = -1;
+    }
     if (m_timer != 0) {
         m_mgr.m_loop.CancelTimer(m_timer);
         m_timer = 0;
@@ -146,12 +151,44 @@ void CProcessHandOver::Poll() {
     if (m_offer_fd < 0) {
         return;
     }
-    int peer = accept4(m_offer_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (peer < 0) {
+    if (m_peer < 0) {
+        int peer = accept4(m_offer_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (peer < 0) {
+            return;
+        }
+        m_start_ms = CEventLoop::NowMs();
+        m_deadline_ms = m_start_ms + m_options.deadline_ms;
+        if (Greet(peer)) {
+            m_peer = peer;  // served on while the successor gets ready
+        } else {
+            ::close(peer);
+        }
         return;
     }
-    bool done = Exchange(peer);
-    ::close(peer);
+    // Waiting for the successor's kReady: this process serves as before meanwhile.
+    struct pollfd p;
+    p.fd = m_peer;
+    p.events = POLLIN;
+    p.revents = 0;
+    bool readable = poll(&p, 1, 0) > 0;
+    if (!readable && CEventLoop::NowMs() < m_deadline_ms) {
+        return;
+    }
+    Msg m;
+    std::string why;
+    bool ready = readable && handover::Recv(m_peer, &m, m_deadline_ms, &why) && m.type == handover::kReady;
+    bool done = false;
+    if (!ready) {
+        if (why.empty()) {
+            why = readable ? "it did not say it was ready" : "it did not say it was ready in time";
+        }
+        QN_OWNER_LOG(m_mgr.LogCat(), LOG_PRIORITY_WARN, "hand-over refused: pid %d: %s", m_peer_pid,
+                     why.c_str());
+    } else {
+        done = Exchange(m_peer);
+    }
+    ::close(m_peer);
+    m_peer = -1;
     if (done) {
         EndOffer();
         Finish(m_options.drain_ms);
@@ -164,10 +201,9 @@ void CProcessHandOver::Finish(int drain_ms) {
     m_mgr.Shutdown(drain_ms);  // what stayed drains; Run returns after it
 }
 
-bool CProcessHandOver::Exchange(int peer) {
+bool CProcessHandOver::Greet(int peer) {
     LogCategory* cat = m_mgr.LogCat();
-    const int64_t start = CEventLoop::NowMs();
-    const int64_t deadline = start + m_options.deadline_ms;
+    const int64_t deadline = m_deadline_ms;
     std::string why;
     int32_t pid = 0;
     if (!PeerAllowed(peer, m_options, &why, &pid)) {
@@ -194,6 +230,27 @@ bool CProcessHandOver::Exchange(int peer) {
             return false;
         }
     }
+    CWriter welcome;
+    welcome.U32(handover::kWireVersion);
+    welcome.U32(static_cast<uint32_t>(getpid()));
+    welcome.U64(HighestId());
+    welcome.I64(deadline);
+    welcome.U64(BlocksInUse());  // what the successor makes ready before it says kReady
+    if (!handover::Send(peer, handover::kWelcome, welcome.Out(), {}, deadline, &why)) {
+        QN_OWNER_LOG(cat, LOG_PRIORITY_WARN, "hand-over refused: pid %d: %s", pid, why.c_str());
+        return false;
+    }
+    m_peer_pid = pid;
+    return true;
+}
+
+bool CProcessHandOver::Exchange(int peer) {
+    LogCategory* cat = m_mgr.LogCat();
+    const int64_t start = m_start_ms;
+    const int64_t deadline = m_deadline_ms;
+    const int32_t pid = m_peer_pid;
+    std::string why;
+    Msg m;
     // A group's other loops wait from here to the end (see EndParking).
     if (m_mgr.m_group != nullptr && !ParkLoops(deadline, &why)) {
         EndParking(false);
@@ -201,11 +258,6 @@ bool CProcessHandOver::Exchange(int peer) {
         QN_OWNER_LOG(cat, LOG_PRIORITY_WARN, "hand-over refused: pid %d: %s", pid, why.c_str());
         return false;
     }
-    CWriter welcome;
-    welcome.U32(handover::kWireVersion);
-    welcome.U32(static_cast<uint32_t>(getpid()));
-    welcome.U64(HighestId());
-    welcome.I64(deadline);
     CWriter process;
     if (m_mgr.m_handler != nullptr) {
         std::string state;
@@ -223,8 +275,7 @@ bool CProcessHandOver::Exchange(int peer) {
         lfds.push_back(l.second);
     }
     Tally tally;
-    bool ok = handover::Send(peer, handover::kWelcome, welcome.Out(), {}, deadline, &why) &&
-              handover::Send(peer, handover::kProcess, process.Out(), {}, deadline, &why) &&
+    bool ok = handover::Send(peer, handover::kProcess, process.Out(), {}, deadline, &why) &&
               handover::Send(peer, handover::kListeners, lw.Out(), lfds, deadline, &why) &&
               handover::Recv(peer, &m, deadline, &why);
     if (ok && m.type != handover::kAck) {
@@ -525,12 +576,19 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
             m_mgr.m_table.SetIdBase(std::max(m_mgr.m_table.LastId(), highest));
         }  // a group's loops go on above the ids they adopt (Adopt)
         int64_t old_deadline = r.I64();
+        uint64_t blocks = r.U64();
         if (!r.Ok() || version != handover::kWireVersion) {
             why = "the old process speaks version " + std::to_string(version);
             ok = false;
         }
         // Answers must reach the old process before its own deadline (the same clock).
         deadline = std::min(deadline, old_deadline - kAckMarginMs);
+        if (ok) {
+            // The old process serves on until kReady: the first touch of the blocks its bytes
+            // will need is paid now, not in the pause its peers see.
+            WarmPools(blocks);
+            ok = handover::Send(fd, handover::kReady, std::string(), {}, deadline, &why);
+        }
     } else if (ok) {
         why = "unexpected message";
         ok = false;

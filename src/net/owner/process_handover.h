@@ -6,7 +6,10 @@
 //
 //   old (offering)                                  new (TakeOver)
 //     <- kHello {version}
-//     kWelcome {version, pid, highest id} ->           (or kRefuse {why}: the offer stays open)
+//     kWelcome {version, pid, highest id,              (or kRefuse {why}: the offer stays open)
+//               deadline, blocks in use} ->
+//     ... the old process serves on ...              warms its pool for that many blocks
+//     <- kReady                                      (the pause its peers see begins here)
 //     kProcess {OnHandOutProcess state} ->           OnHandInProcess
 //     kListeners {URLs} + descriptors ->             kept for Listen
 //     <- kAck {count}
@@ -84,7 +87,10 @@ class CProcessHandOver {
 
     // Polled by a timer while the offer is open: takes a successor and runs the exchange.
     void Poll();
-    // The exchange with one successor, on `peer`. True when it completed.
+    // A successor's first steps, on `peer`: its credentials and hello checked, the welcome
+    // sent. True when it may get ready; false (logged, refused) otherwise.
+    bool Greet(int peer);
+    // The rest of the exchange, once the successor is ready. True when it completed.
     bool Exchange(int peer);
     // Sends this manager's connections (after the listeners); true when every batch was
     // answered. This manager's loop thread.
@@ -106,6 +112,11 @@ class CProcessHandOver {
     std::vector<std::pair<std::string, int>> AllListeners() const;
     // The highest id this manager, or any loop of its group, has given.
     ConnId HighestId() const;
+    // Pool blocks out in this manager, or in every loop of its group (each pool once).
+    uint64_t BlocksInUse() const;
+    // New side: makes about `blocks` pool blocks (spread over a group's pools) and touches
+    // their memory, so that taking the connections' bytes in finds it ready.
+    void WarmPools(uint64_t blocks);
 
     // New side: adopts one connection of a kConns batch into the manager TargetFor chooses
     // (`*where`); its id, or 0 when it could not be.
@@ -124,6 +135,10 @@ class CProcessHandOver {
     std::string m_offer_path;
     HandOverOptions m_options;
     uint64_t m_timer = 0;
+    int m_peer = -1;  // a greeted successor getting ready (see Poll)
+    int32_t m_peer_pid = 0;
+    int64_t m_start_ms = 0;              // when it was accepted
+    int64_t m_deadline_ms = 0;           // and the whole exchange's deadline
     std::shared_ptr<Parking> m_parking;  // the other loops' wait, during a group's exchange
     unsigned int m_next_loop = 0;        // new side, group: the turn for ids naming no loop here
     std::vector<std::pair<std::string, unsigned int>> m_kept;  // new side, group: sockets per URL so far
