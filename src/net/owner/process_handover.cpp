@@ -515,11 +515,16 @@ ConnId CProcessHandOver::Adopt(CReader& in, const std::shared_ptr<const std::str
     } else {
         group->AddAdoptedRoute(id, mgr.GetLoopIndex());  // its id names no loop here
     }
-    c->connector->SetEvent(c->app_paused ? EPOLLOUT : EPOLLIN | EPOLLOUT);
     if (c->app_paused) {
         c->connector->PauseReading(true);
     }
-    mgr.Queue(c);
+    if (unsent + unread > 0 || c->app_paused) {
+        // Owed bytes go at the first tick; an idle connection waits for its socket (the epoll
+        // set reports what its kernel buffers hold already), so thousands of idle ones cost
+        // that tick nothing.
+        c->connector->SetEvent(c->app_paused ? EPOLLOUT : EPOLLIN | EPOLLOUT);
+        mgr.Queue(c);
+    }
     result->unsent_bytes += unsent;
     result->unread_bytes += unread;
     return id;
