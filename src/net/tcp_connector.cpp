@@ -20,7 +20,6 @@ CTcpConnector::CTcpConnector(char* combine_buf, int combine_buf_len, char* cb_co
                              void* cb_para)
     : CConnector(last_err, cb, cb_para),
       m_parser(nullptr),
-      m_epoll(-1),
       m_events(0),
       m_combine_buf(combine_buf),
       m_combine_buf_len(combine_buf_len),
@@ -178,7 +177,7 @@ int CTcpConnector::InitBound(IPackParser* parser, int epoll, int socket) {
     }
 
     m_parser = parser;
-    m_epoll = epoll;
+    m_epoll_poller.SetEpollFd(epoll);
 
     if (socket < 0) {
         m_is_accepted = false;
@@ -204,16 +203,13 @@ int CTcpConnector::InitBound(IPackParser* parser, int epoll, int socket) {
         m_handshaking = true;
         m_handshake_wait = EPOLLIN;
     }
-    struct epoll_event event;
-    memset(&event, 0, sizeof(event));
-    event.events = EffectiveEventsLocked(EPOLLIN | EPOLLOUT | EPOLLERR);  // not shared yet
-    event.data.ptr = this;
-    if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, socket, &event) != 0) {
+    const unsigned int events = EffectiveEventsLocked(EPOLLIN | EPOLLOUT | EPOLLERR);  // not shared yet
+    if (m_poller->Add(socket, events, this) != 0) {
         QN_LOG(m_log_cat, QN_ERROR, "epoll_ctl() failed, errno=%d", errno);
         m_handshaking = false;
         return -1;
     }
-    SetRegisteredEvents(event.events);
+    SetRegisteredEvents(events);
 
     m_is_accepted = true;
     m_status = m_handshaking ? CONNECTOR_STATUS_CONNECTING : CONNECTOR_STATUS_CONNECTED;
@@ -375,11 +371,7 @@ int CTcpConnector::ConnectWith(ConnectSetupFn setup, void* setup_arg) {
         } else {
             // Level-triggered, EPOLLOUT from the start: writability tells Update that a
             // non-blocking dial has finished.
-            struct epoll_event event;
-            memset(&event, 0, sizeof(event));
-            event.events = EPOLLIN | EPOLLOUT | EPOLLERR;
-            event.data.ptr = this;
-            if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_socket, &event) != 0) {
+            if (m_poller->Add(m_socket, EPOLLIN | EPOLLOUT | EPOLLERR, this) != 0) {
                 int err = errno;
                 QN_LOG(m_log_cat, QN_ERROR, "add socket into epoll failed! url=%s, errno=%d", GetURL(), err);
                 fail_code = -8;
@@ -440,9 +432,7 @@ void CTcpConnector::Close(LogCategory* log_cat) {
     if (m_status == CONNECTOR_STATUS_DISCONNECTED) {
         return;
     }
-    struct epoll_event event;
-    memset(&event, 0, sizeof(event));
-    if (epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_socket, &event) != 0) {
+    if (m_poller->Remove(m_socket) != 0) {
         int err = errno;
         QN_LOG(cat, QN_ERROR, "delete socket from epoll failed!, url=%s, m_socket=%d, errno=%d", GetURL(),
                static_cast<int>(m_socket), err);

@@ -89,6 +89,7 @@
 #include "net_buffer_mgr.h"
 #include "net_connector.h"
 #include "net_parser.h"
+#include "poller.h"
 #include "stream_io.h"
 
 namespace QUOLNET {
@@ -171,6 +172,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // arguments / set-up / a failed registration (the socket is then neither stored nor
     // closed), or the failing step's code.
     int Init(const char* url, IPackParser* parser, int epoll, int socket) override;
+    // Registers the socket with `poller` (not owned; it must outlive the registration)
+    // instead of the epoll instance Init is given; null goes back to that. Before Init.
+    void SetPoller(IPoller* poller) { m_poller = poller != nullptr ? poller : &m_epoll_poller; }
     // Init for a Unix-domain stream socket: "unix:///path" or "unix://@name" (parsed by
     // CTcpListener::ParseUnixURL; a malformed URL is -2). socket < 0: a connector to be
     // dialled with ConnectWith (a refused or busy listener fails the dial at once, -9);
@@ -667,7 +671,10 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     void SetRegisteredEvents(unsigned int events);
 
     IPackParser* m_parser;
-    int m_epoll;
+    // Where the socket is registered: the epoll instance Init was given, unless the owner
+    // gave another poller (SetPoller). m_poller is not owned.
+    CEpollPoller m_epoll_poller;
+    IPoller* m_poller = &m_epoll_poller;
     std::atomic<unsigned int> m_events;  // set by the owner's thread, EPOLLOUT cleared by senders
     char* m_combine_buf;
     int m_combine_buf_len;

@@ -247,10 +247,7 @@ int CTcpConnector::SetRegisteredEventsLocked(unsigned int events) {
     if (m_registered_events == events) {
         return 0;  // the registration already has this mask
     }
-    struct epoll_event event;
-    event.events = events;
-    event.data.ptr = this;
-    if (epoll_ctl(m_epoll, EPOLL_CTL_MOD, m_socket, &event) != 0) {
+    if (m_poller->Modify(m_socket, events, this) != 0) {
         m_registered_events = 0;  // unknown now; the next change is tried for real
         return -1;
     }

@@ -89,7 +89,7 @@ TEST_F(InitTest, ConstructorStoresAndResets) {
     EXPECT_EQ(7u, Peer::m_max_rx_buf_num(c));
     EXPECT_EQ(6, c.GetMaxSendQCount());
     EXPECT_EQ(7, c.GetMaxRecvQCount());
-    EXPECT_EQ(-1, Peer::m_epoll(c));
+    EXPECT_EQ(-1, Peer::EpollFd(c));
     EXPECT_EQ(-1, static_cast<int>(Peer::m_socket(c)));
     EXPECT_EQ(nullptr, Peer::m_parser(c));
     EXPECT_FALSE(Peer::m_bIPv6(c));
@@ -174,7 +174,7 @@ TEST_F(InitTest, ResetClearsPerConnectionStateOnly) {
     // Left alone:
     EXPECT_TRUE(Peer::m_is_accepted(c));
     EXPECT_EQ(&parser, Peer::m_parser(c));
-    EXPECT_EQ(epfd, Peer::m_epoll(c));
+    EXPECT_EQ(epfd, Peer::EpollFd(c));
     EXPECT_EQ(80, Peer::m_port(c));
     EXPECT_EQ(1u, Peer::m_rx_queue(c).Count());
     EXPECT_STREQ("tcp://1.2.3.4:80", c.GetURL());
@@ -211,7 +211,7 @@ TEST_F(InitTest, EpollMinusOneFailsBeforeAnyOtherStep) {
 TEST_F(InitTest, OtherNegativeEpollPasses) {
     CTcpConnector& c = *conn;
     EXPECT_EQ(0, c.Init("tcp://1.2.3.4:80", &parser, -5, -1));
-    EXPECT_EQ(-5, Peer::m_epoll(c));
+    EXPECT_EQ(-5, Peer::EpollFd(c));
 }
 
 TEST_F(InitTest, DialledSuccess) {
@@ -224,7 +224,7 @@ TEST_F(InitTest, DialledSuccess) {
     EXPECT_TRUE(HasInfo("enter CTcpConnector::ParseURL(), url=tcp://1.2.3.4:80"));
     EXPECT_TRUE(cap.Texts(LOG_PRIORITY_ERROR).empty()) << cap.Dump();
     EXPECT_EQ(&parser, Peer::m_parser(c));
-    EXPECT_EQ(epfd, Peer::m_epoll(c));
+    EXPECT_EQ(epfd, Peer::EpollFd(c));
     EXPECT_FALSE(c.IsAccptedConnector());
     EXPECT_EQ(CONNECTOR_STATUS_DISCONNECTED, c.GetStatus());
     EXPECT_EQ(-1, static_cast<int>(Peer::m_socket(c)));
@@ -288,7 +288,7 @@ TEST_F(InitTest, ZeroCombineLengthFailsAfterUrlParsed) {
         << cap.Dump();
     EXPECT_EQ(80, Peer::m_port(*c));  // the URL was parsed
     EXPECT_EQ(nullptr, Peer::m_parser(*c));
-    EXPECT_EQ(-1, Peer::m_epoll(*c));
+    EXPECT_EQ(-1, Peer::EpollFd(*c));
 }
 
 TEST_F(InitTest, MissingPoolOrCombineBufferFails) {
@@ -380,7 +380,7 @@ TEST_F(InitTest, EpollRegistrationFailureNeitherStoresNorCloses) {
     EXPECT_EQ(-1, static_cast<int>(Peer::m_socket(c)));
     EXPECT_EQ(CONNECTOR_STATUS_DISCONNECTED, c.GetStatus());
     EXPECT_FALSE(c.IsAccptedConnector());
-    EXPECT_EQ(p[0], Peer::m_epoll(c));  // set before the registration was tried
+    EXPECT_EQ(p[0], Peer::EpollFd(c));  // set before the registration was tried
     conn.reset();
     EXPECT_TRUE(FdOpen(server));  // neither closed by Init nor by Fini
     close(server);

@@ -14,7 +14,6 @@ class CTcpConnectorTestPeer {
         return c.name;                    \
     }
     QN_PEER_FIELD(m_parser)
-    QN_PEER_FIELD(m_epoll)
     QN_PEER_FIELD(m_events)
     QN_PEER_FIELD(m_combine_buf)
     QN_PEER_FIELD(m_combine_buf_len)
@@ -79,6 +78,10 @@ class CTcpConnectorTestPeer {
     QN_PEER_FIELD(m_callback_arg)
 #undef QN_PEER_FIELD
 
+    // The epoll instance Init was given (-1 before).
+    static int EpollFd(CTcpConnector& c) {
+        return c.m_epoll_poller.GetEpollFd();
+    }
     // Whether reads may ask the kernel for the bytes still queued (TCP_INQ).
     static bool ReadInqOn(CTcpConnector& c) {
         return c.m_rx_inq == CTcpConnector::kRxInqOn;

@@ -57,11 +57,7 @@ int CAcceptor::Listen(const char* url, int backlog, bool reuse_port, const Socke
 }
 
 int CAcceptor::AddListener(std::unique_ptr<CTcpListener> l, const char* url) {
-    struct epoll_event ev;
-    memset(&ev, 0, sizeof(ev));
-    ev.events = EPOLLIN;
-    ev.data.ptr = l.get();
-    if (epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_ADD, l->GetFd(), &ev) != 0) {
+    if (m_loop.Poller().Add(l->GetFd(), EPOLLIN, l.get()) != 0) {
         QN_OWNER_LOG(m_log_cat, LOG_PRIORITY_ERROR, "epoll_ctl(ADD listener) failed, url=%s, errno=%d", url,
                      errno);
         return -2;
@@ -158,10 +154,7 @@ void CAcceptor::Pause(size_t idx, int retry_ms) {
     if (m_paused[idx]) {
         return;
     }
-    struct epoll_event ev;
-    memset(&ev, 0, sizeof(ev));
-    ev.data.ptr = m_listeners[idx].get();
-    epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_MOD, m_listeners[idx]->GetFd(), &ev);
+    m_loop.Poller().Modify(m_listeners[idx]->GetFd(), 0, m_listeners[idx].get());
     m_paused[idx] = true;
     if (m_retry_timer == 0) {
         m_retry_timer = m_loop.AddTimer(retry_ms, 0, [this]() {
@@ -194,11 +187,7 @@ void CAcceptor::Resume() {
         if (!m_paused[i]) {
             continue;
         }
-        struct epoll_event ev;
-        memset(&ev, 0, sizeof(ev));
-        ev.events = EPOLLIN;
-        ev.data.ptr = m_listeners[i].get();
-        epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_MOD, m_listeners[i]->GetFd(), &ev);
+        m_loop.Poller().Modify(m_listeners[i]->GetFd(), EPOLLIN, m_listeners[i].get());
         m_paused[i] = false;
     }
 }
@@ -230,7 +219,7 @@ std::vector<std::pair<std::string, int>> CAcceptor::ListenerFds() const {
 void CAcceptor::ReleaseAll() {
     for (auto& l : m_listeners) {
         if (l->GetFd() >= 0) {
-            epoll_ctl(m_loop.GetEpollFd(), EPOLL_CTL_DEL, l->GetFd(), nullptr);
+            m_loop.Poller().Remove(l->GetFd());
             l->Release();
         }
     }

@@ -260,6 +260,7 @@ OwnedConn* CConnectorMgr::NewConn(const char* url) {
     // The loop thread both reads and consumes (connectors are handed out on the loop thread
     // only), so the receive side needs no lock.
     c->connector->SetSingleThreadRecv(true);
+    c->connector->SetPoller(&m_loop.Poller());  // the loop's way of watching sockets
     return c;
 }
 

@@ -42,15 +42,12 @@ int CEventLoop::Open(int max_events, const char** what) {
     if (m_epoll < 0) {
         return fail("epoll_create1()");
     }
+    m_epoll_poller.SetEpollFd(m_epoll);
     m_wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (m_wake_fd < 0) {
         return fail("eventfd()");
     }
-    struct epoll_event ev;
-    memset(&ev, 0, sizeof(ev));
-    ev.events = EPOLLIN;
-    ev.data.ptr = &m_wake_tag;
-    if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_wake_fd, &ev) != 0) {
+    if (m_poller->Add(m_wake_fd, EPOLLIN, &m_wake_tag) != 0) {
         return fail("epoll_ctl(ADD eventfd)");
     }
     try {

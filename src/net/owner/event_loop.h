@@ -20,6 +20,8 @@
 #include <thread>
 #include <vector>
 
+#include "../poller.h"
+
 namespace QUOLNET {
 
 class CEventLoop {
@@ -35,6 +37,8 @@ class CEventLoop {
     int Open(int max_events, const char** what);
     void Close();
     int GetEpollFd() const { return m_epoll; }
+    // Where the loop's sockets are registered (see poller.h).
+    IPoller& Poller() { return *m_poller; }
 
     // Waits up to `timeout_ms` (-1: for ever). Returns the events taken (EINTR counts as
     // none), or -1 when epoll_wait fails (errno kept).
@@ -70,6 +74,8 @@ class CEventLoop {
     };
 
     int m_epoll;
+    CEpollPoller m_epoll_poller;  // over m_epoll
+    IPoller* m_poller = &m_epoll_poller;
     int m_wake_fd;
     char m_wake_tag;  // its address marks the eventfd's epoll events
     std::vector<epoll_event> m_events;
