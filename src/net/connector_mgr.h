@@ -189,6 +189,9 @@ struct ConnectorMgrOptions {
     int stats_interval_sec = 0;  // > 0: print the statistics table that often
     FILE* stats_out = nullptr;   // where periodic/requested tables go (null: stdout)
     int max_events = 256;        // epoll events taken per wait
+    // How the loop waits for its sockets: epoll (the default) or io_uring (see IoBackend;
+    // which one runs is logged at Init and told by GetIoBackendName).
+    IoBackend io_backend = IoBackend::kDefault;
     bool raise_fd_limit = true;  // Init raises the soft descriptor limit to the hard one
     // Connections the manager holds at most (see "Connection limit" above); 0: the soft
     // descriptor limit less fd_reserve (divided among a group's loops).
@@ -499,6 +502,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     // Run, on the thread that will run the loop; after Init.
     int TakeOver(const char* path, const HandOverOptions& options, TakeOverResult* result);
 
+    // "epoll" or "io_uring": how the loop waits (after Init). Any thread.
+    const char* GetIoBackendName() const { return m_loop.UsesIoUring() ? "io_uring" : "epoll"; }
     // In a group: the group and this loop's index; null and 0 for a manager on its own.
     CConnectorGroup* GetGroup() const { return m_group; }
     int GetLoopIndex() const { return m_loop_index; }
@@ -514,6 +519,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     friend class CProcessHandOver;
 
     LogCategory* LogCat() const { return m_options.log_cat; }
+    // Init's choice of back end (ConnectorMgrOptions::io_backend); 0, or -1 (logged).
+    int ChooseIoBackend();
     // Names `c` as the connection of the handler calls made during its life (CurrentContext).
     class HandlerScope {
       public:

@@ -15,6 +15,14 @@
 
 namespace QUOLNET {
 
+// How a manager's loop waits for its sockets (ConnectorMgrOptions::io_backend).
+enum class IoBackend {
+    kDefault,  // epoll, unless the environment variable QUOLNET_IO_BACKEND names another
+    kEpoll,    // epoll_wait
+    kIoUring,  // io_uring (Init fails when the kernel does not offer it)
+    kAuto,     // io_uring where the kernel offers it (not disabled or filtered), else epoll
+};
+
 class IPoller {
   public:
     virtual ~IPoller() {}

@@ -47,6 +47,10 @@ TEST(ConnectorMgrShutdownWait, TheTickAfterTheLastConnectionEndsStopsWithoutWait
     CConnectorMgr server(&h, o);
     int fd = qntest::ListenAndDial(server);
     ASSERT_GE(fd, 0);
+    if (std::string(server.GetIoBackendName()) != "epoll") {
+        close(fd);
+        GTEST_SKIP() << "the wait is seen through epoll_wait";
+    }
     ASSERT_TRUE(qntest::Pump(server, [&]() { return server.GetConnectionCount() == 1; }));
     server.Shutdown(60000);
     // The peer reads to the end of stream the drain sends, then closes.

@@ -590,7 +590,10 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
         Pump(server, [&]() { return k->IsReadingPaused(); });
         ASSERT_TRUE(k->IsReadingPaused());
         EXPECT_EQ(1000, k->GetPacketInfoCnt());
-        EXPECT_EQ(0, qntest::RegisteredEvents(server.GetEpollFd(), k->GetSocket()) & EPOLLIN);
+        const bool epoll = std::string(server.GetIoBackendName()) == "epoll";  // the set can be read
+        if (epoll) {
+            EXPECT_EQ(0, qntest::RegisteredEvents(server.GetEpollFd(), k->GetSocket()) & EPOLLIN);
+        }
         for (int i = 0; i < 5; ++i) {
             EXPECT_EQ(0, server.RunOnce(0)) << "tick " << i;  // nothing ready: no spin
         }
@@ -602,7 +605,9 @@ TEST_F(ConnectorMgrTest, AFullRingPausesReadingInsteadOfSpinning) {
         EXPECT_EQ(kPackets, h.count);
         EXPECT_EQ(0, h.bad);
         EXPECT_FALSE(k->IsReadingPaused());
-        EXPECT_NE(0, qntest::RegisteredEvents(server.GetEpollFd(), k->GetSocket()) & EPOLLIN);
+        if (epoll) {
+            EXPECT_NE(0, qntest::RegisteredEvents(server.GetEpollFd(), k->GetSocket()) & EPOLLIN);
+        }
         close(fd);
     }
 }

@@ -358,9 +358,12 @@ TEST_F(TlsTest, AHandshakeWaitingForThePeerIsRegisteredForReadingOnly) {
     QUOLNET::CTcpConnector* k = Mgr().GetConnector(id);
     ASSERT_NE(nullptr, k);
     EXPECT_TRUE(k->IsHandshaking());
-    long events = qntest::RegisteredEvents(Mgr().GetEpollFd(), k->GetSocket());
-    EXPECT_NE(0, events & EPOLLIN);
-    EXPECT_EQ(0, events & EPOLLOUT) << "registered " << events;
+    EXPECT_EQ(0, Mgr().RunOnce(0)) << "nothing to do: no wake-up for writability";
+    if (std::string(Mgr().GetIoBackendName()) == "epoll") {  // the epoll set itself can be read
+        long events = qntest::RegisteredEvents(Mgr().GetEpollFd(), k->GetSocket());
+        EXPECT_NE(0, events & EPOLLIN);
+        EXPECT_EQ(0, events & EPOLLOUT) << "registered " << events;
+    }
     close(fd);
 }
 

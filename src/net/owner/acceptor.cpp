@@ -227,6 +227,9 @@ void CAcceptor::ReleaseAll() {
 
 void CAcceptor::CloseAll() {
     for (auto& l : m_listeners) {
+        if (l->GetFd() >= 0) {
+            m_loop.Poller().Remove(l->GetFd());  // before the close: a poller may hold the socket
+        }
         l->Close();
     }
 }

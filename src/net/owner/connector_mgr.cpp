@@ -186,6 +186,9 @@ int CConnectorMgr::InitResources() {
         QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR, "Init: %s failed, errno=%d", what, errno);
         return -1;
     }
+    if (ChooseIoBackend() != 0) {
+        return -1;
+    }
     if (m_options.pool != nullptr) {
         m_pool = m_options.pool;
     } else {
@@ -244,6 +247,39 @@ std::string CConnectorMgr::GetListenURL(size_t i) const {
 
 ConnId CConnectorMgr::Dial(const char* url, const DialOptions& options) {
     return m_dialler.Dial(url, options, 0);
+}
+
+int CConnectorMgr::ChooseIoBackend() {
+    IoBackend backend = m_options.io_backend;
+    if (backend == IoBackend::kDefault) {
+        const char* env = getenv("QUOLNET_IO_BACKEND");
+        std::string name = env != nullptr ? env : "";
+        backend = name == "io_uring" ? IoBackend::kIoUring
+                  : name == "auto"   ? IoBackend::kAuto
+                                     : IoBackend::kEpoll;
+        if (!name.empty() && name != "io_uring" && name != "auto" && name != "epoll") {
+            QN_OWNER_LOG(LogCat(), LOG_PRIORITY_WARN,
+                         "QUOLNET_IO_BACKEND=%s is none of epoll, io_uring, auto: using epoll", name.c_str());
+        }
+    }
+    if (backend == IoBackend::kEpoll) {
+        return 0;
+    }
+    std::string why;
+    if (m_loop.UseIoUring(&why) == 0) {
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_INFO, "io back end: io_uring");
+        return 0;
+    }
+    if (backend == IoBackend::kIoUring) {
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_ERROR, "Init: the io_uring back end is unavailable: %s",
+                     why.c_str());
+        return -1;
+    }
+    static std::atomic<bool> told{false};  // once per process, however many loops
+    if (!told.exchange(true)) {
+        QN_OWNER_LOG(LogCat(), LOG_PRIORITY_WARN, "io_uring unavailable (%s): using epoll", why.c_str());
+    }
+    return 0;
 }
 
 OwnedConn* CConnectorMgr::NewConn(const char* url) {

@@ -60,6 +60,8 @@ int CEventLoop::Open(int max_events, const char** what) {
 }
 
 void CEventLoop::Close() {
+    m_poller = &m_epoll_poller;
+    m_uring.reset();
     if (m_wake_fd >= 0) {
         ::close(m_wake_fd);
         m_wake_fd = -1;
@@ -70,8 +72,34 @@ void CEventLoop::Close() {
     }
 }
 
+int CEventLoop::UseIoUring(std::string* why) {
+    std::unique_ptr<CUringPoller> uring(new (std::nothrow) CUringPoller());
+    if (uring == nullptr) {
+        *why = "out of memory";
+        return -1;
+    }
+    if (uring->Open(4096, why) != 0) {
+        return -1;
+    }
+    uring->SetWake([this]() { Wake(); });
+    uring->SetLoopThreadCheck([this]() { return OnLoopThread(); });
+    if (m_wake_fd >= 0) {
+        m_epoll_poller.Remove(m_wake_fd);
+        if (uring->Add(m_wake_fd, EPOLLIN, &m_wake_tag) != 0) {
+            *why = std::string("registering the wake-up: ") + strerror(errno);
+            m_epoll_poller.Add(m_wake_fd, EPOLLIN, &m_wake_tag);
+            return -1;
+        }
+    }
+    m_uring = std::move(uring);
+    m_poller = m_uring.get();
+    return 0;
+}
+
 int CEventLoop::Wait(int timeout_ms) {
-    int n = epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), timeout_ms);
+    int n = m_uring != nullptr
+                ? m_uring->Wait(m_events.data(), static_cast<int>(m_events.size()), timeout_ms)
+                : epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), timeout_ms);
     if (n < 0 && errno == EINTR) {
         return 0;
     }

@@ -16,11 +16,13 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "../poller.h"
+#include "uring_poller.h"
 
 namespace QUOLNET {
 
@@ -35,6 +37,10 @@ class CEventLoop {
     // Creates the epoll instance and the eventfd, and sizes the event array. Returns 0, or
     // -1 with errno set and `*what` naming the call that failed; nothing is left open then.
     int Open(int max_events, const char** what);
+    // Waits through io_uring instead of epoll_wait from now on (before any registration).
+    // 0, or -1 with `*why` saying why the kernel does not allow it (the loop is unchanged).
+    int UseIoUring(std::string* why);
+    bool UsesIoUring() const { return m_uring != nullptr; }
     void Close();
     int GetEpollFd() const { return m_epoll; }
     // Where the loop's sockets are registered (see poller.h).
@@ -74,7 +80,8 @@ class CEventLoop {
     };
 
     int m_epoll;
-    CEpollPoller m_epoll_poller;  // over m_epoll
+    CEpollPoller m_epoll_poller;            // over m_epoll
+    std::unique_ptr<CUringPoller> m_uring;  // the io_uring back end, when in use
     IPoller* m_poller = &m_epoll_poller;
     int m_wake_fd;
     char m_wake_tag;  // its address marks the eventfd's epoll events
