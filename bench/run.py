@@ -26,6 +26,8 @@ Beside packets/s, every timed run records the server's user and kernel CPU time 
 (srv_user_ns, srv_sys_ns in raw.jsonl, from /proc/PID/stat). The user share is the server's
 own code, apart from the loopback TCP work that every server causes in the kernel alike.
 
+    python3 bench/run.py --backend       also quolnet on its io_uring back end (quolnet-uring)
+
     python3 bench/run.py --report-only   rewrites report.md and the chart from raw.jsonl and
                                          extras.json, without running anything
 
@@ -72,6 +74,12 @@ SERVERS = [
     ("libevent", "bench_server_libevent", []),
     ("asio", "bench_server_asio", []),
     ("uring", "bench_server_uring", []),  # hand-written io_uring loop; only when liburing is installed
+]
+
+# --backend: quolnet again on its io_uring back end (an "ENV:" argument is put in the server's
+# environment instead of its command line).
+BACKEND_SERVERS = [
+    ("quolnet-uring", "bench_server_quolnet", ["--mode", "peek", "ENV:QUOLNET_IO_BACKEND=io_uring"]),
 ]
 
 # The TLS rows' servers: label, binary, extra arguments (TLS ones added at run time), whether
@@ -203,8 +211,16 @@ class Server:
         self.proc = None
 
     def start(self):
-        cmd = pin(self.cpu) + [self.path, "--port", str(self.port)] + self.extra + (["--sink"] if self.sink else [])
-        self.proc = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        env = dict(os.environ)
+        args = []
+        for e in self.extra:
+            if e.startswith("ENV:"):
+                key, value = e[4:].split("=", 1)
+                env[key] = value
+            else:
+                args.append(e)
+        cmd = pin(self.cpu) + [self.path, "--port", str(self.port)] + args + (["--sink"] if self.sink else [])
+        self.proc = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
         if not wait_listening(self.port, self.proc):
             self.stop()
             return False
@@ -916,6 +932,8 @@ def main():
     ap.add_argument("--duration", type=float, help="seconds measured per run (default 1.2, quick 0.3)")
     ap.add_argument("--syscall-duration", type=float, default=1.0, help="seconds of each syscall-count run")
     ap.add_argument("--servers", help="comma-separated labels (default: every one built)")
+    ap.add_argument("--backend", action="store_true",
+                    help="also quolnet on its io_uring back end (quolnet-uring), beside the others")
     ap.add_argument("--server-cpu", type=int, default=0)
     ap.add_argument("--client-cpu", type=int, default=1)
     ap.add_argument("--base-port", type=int, default=19100)
@@ -949,7 +967,8 @@ def main():
     if args.tls:
         return run_tls(args, bindir, client)
     wanted = set(args.servers.split(",")) if args.servers else None
-    servers = [(lab, os.path.join(bindir, b), extra) for lab, b, extra in SERVERS
+    table = SERVERS + (BACKEND_SERVERS if args.backend else [])
+    servers = [(lab, os.path.join(bindir, b), extra) for lab, b, extra in table
                if os.path.exists(os.path.join(bindir, b)) and (wanted is None or lab in wanted)]
     if args.threads > 1:
         # quolnet's servers run N loops (same labels, so the report compares as usual); the
