@@ -59,17 +59,31 @@ void CUringPoller::CloseRing() {
 }
 
 int CUringPoller::Open(unsigned int entries, std::string* why) {
+    // Completions' work runs only when the loop asks for events (DEFER_TASKRUN), never in the
+    // middle of its own work; that needs one submitting thread, the loop's, so the ring
+    // starts disabled and the loop's first Wait enables it (kernels before 6.1: without).
+    const unsigned common = IORING_SETUP_CQSIZE | IORING_SETUP_CLAMP;
+    const unsigned tries[] = {
+        common | IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN | IORING_SETUP_R_DISABLED,
+        common | IORING_SETUP_COOP_TASKRUN | IORING_SETUP_TASKRUN_FLAG, common};
     struct io_uring_params p;
-    memset(&p, 0, sizeof(p));
-    p.flags = IORING_SETUP_CQSIZE | IORING_SETUP_CLAMP;
-    p.cq_entries = kCqEntries;
-    int ring = static_cast<int>(syscall(__NR_io_uring_setup, entries, &p));
+    int ring = -1;
+    for (unsigned flags : tries) {
+        memset(&p, 0, sizeof(p));
+        p.flags = flags;
+        p.cq_entries = kCqEntries;
+        ring = static_cast<int>(syscall(__NR_io_uring_setup, entries, &p));
+        if (ring >= 0 || errno != EINVAL) {
+            break;
+        }
+    }
     if (ring < 0) {
         *why = std::string("io_uring_setup: ") + strerror(errno) +
                (errno == EPERM || errno == ENOSYS ? " (io_uring disabled or filtered here)" : "");
         return -1;
     }
     m_ring = ring;
+    m_disabled = (p.flags & IORING_SETUP_R_DISABLED) != 0;
     const uint32_t need = IORING_FEAT_SINGLE_MMAP | IORING_FEAT_NODROP | IORING_FEAT_EXT_ARG;
     if ((p.features & need) != need) {
         *why =
@@ -203,7 +217,7 @@ int CUringPoller::Remove(int fd) {
             sqe->addr = Tag(fd, r.armed_gen);
             sqe->user_data = kWithdrawTag;
             r.armed = false;
-            Enter(false, 0);
+            Enter(EnterMode::kPoll, 0);  // and the poll's end runs now: the file is let go
         } else {
             MarkDirty(fd, r);  // withdrawn at the next wait
         }
@@ -214,7 +228,7 @@ int CUringPoller::Remove(int fd) {
 io_uring_sqe* CUringPoller::NextSqe() {
     unsigned tail = *m_sq_tail;
     if (tail - LoadAcquire(m_sq_head) >= m_sq_entries) {
-        Enter(false, 0);  // full: what is queued goes now
+        Enter(EnterMode::kSubmit, 0);  // full: what is queued goes now
         if (tail - LoadAcquire(m_sq_head) >= m_sq_entries) {
             return nullptr;
         }
@@ -228,14 +242,19 @@ io_uring_sqe* CUringPoller::NextSqe() {
     return sqe;
 }
 
-int CUringPoller::Enter(bool wait, int timeout_ms) {
+int CUringPoller::Enter(EnterMode mode, int timeout_ms) {
+    if (m_disabled) {
+        errno = EBADFD;
+        return -1;  // not the loop's thread yet: what is queued goes with its first Wait
+    }
     unsigned submit = m_queued;
-    unsigned flags = 0;
+    unsigned flags = mode == EnterMode::kSubmit ? 0u : static_cast<unsigned>(IORING_ENTER_GETEVENTS);
     struct io_uring_getevents_arg arg;
     struct __kernel_timespec ts;
     memset(&arg, 0, sizeof(arg));
+    const bool wait = mode == EnterMode::kWait;
     if (wait) {
-        flags = IORING_ENTER_GETEVENTS | IORING_ENTER_EXT_ARG;
+        flags |= IORING_ENTER_EXT_ARG;
         arg.sigmask_sz = _NSIG / 8;
         if (timeout_ms >= 0) {
             ts.tv_sec = timeout_ms / 1000;
@@ -243,6 +262,8 @@ int CUringPoller::Enter(bool wait, int timeout_ms) {
             arg.ts = reinterpret_cast<uint64_t>(&ts);
         }
     }
+    // kPoll asks for events without waiting: the completions' deferred work runs, and
+    // whatever is ready is posted.
     int ret = static_cast<int>(syscall(__NR_io_uring_enter, m_ring, submit, wait ? 1u : 0u, flags,
                                        wait ? &arg : nullptr, wait ? sizeof(arg) : 0));
     if (ret >= 0) {
@@ -326,10 +347,17 @@ int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
     int n = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_disabled) {
+            // This thread submits from now on (the ring's one issuer).
+            if (syscall(__NR_io_uring_register, m_ring, IORING_REGISTER_ENABLE_RINGS, nullptr, 0) != 0) {
+                return -1;
+            }
+            m_disabled = false;
+        }
         ArmDirty();          // what changed, and what was reported last time (level-triggered)
         n = Reap(out, max);  // left over from the last wait: reported now, armed next time
     }
-    int ret = Enter(n == 0 && timeout_ms != 0, n == 0 ? timeout_ms : 0);
+    int ret = Enter(n == 0 && timeout_ms != 0 ? EnterMode::kWait : EnterMode::kPoll, timeout_ms);
     if (ret < 0 && errno != ETIME && errno != EINTR && errno != EBUSY) {
         return n > 0 ? n : -1;
     }

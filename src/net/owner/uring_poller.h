@@ -80,9 +80,10 @@ class CUringPoller : public IPoller {
     // Next free submission entry (submitting what is queued when the ring is full); null
     // when the kernel refuses even that.
     io_uring_sqe* NextSqe();
-    // io_uring_enter: submits what is queued; with `wait`, waits for one completion up to
-    // `timeout_ms` (-1: for ever). Returns as the system call.
-    int Enter(bool wait, int timeout_ms);
+    // io_uring_enter: submits what is queued; kPoll also collects what is ready, kWait
+    // waits for one completion up to `timeout_ms` (-1: for ever). Returns as the system call.
+    enum class EnterMode { kSubmit, kPoll, kWait };
+    int Enter(EnterMode mode, int timeout_ms);
     void ArmDirty();
     int Reap(epoll_event* out, int max);
     void CloseRing();
@@ -103,7 +104,8 @@ class CUringPoller : public IPoller {
     unsigned* m_cq_tail = nullptr;
     unsigned m_cq_mask = 0;
     io_uring_cqe* m_cqes = nullptr;
-    unsigned m_queued = 0;  // entries written and not yet submitted
+    unsigned m_queued = 0;    // entries written and not yet submitted
+    bool m_disabled = false;  // set up disabled, until the loop's first Wait enables it
 
     std::mutex m_mutex;
     std::vector<Reg> m_regs;   // by descriptor; guarded by m_mutex
