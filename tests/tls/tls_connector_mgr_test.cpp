@@ -21,6 +21,7 @@
 #include "support/mgr_helpers.h"
 #include "support/net_helpers.h"
 #include "test_certs.h"
+#include "tls_fixture.h"
 #include "tls/tls_context.h"
 
 namespace {
@@ -86,52 +87,8 @@ class Recorder : public QUOLNET::IConnectorHandler {
     std::vector<std::string> texts, accepted_texts;
 };
 
-class TlsTest : public ::testing::Test {
+class TlsTest : public qntest::TlsMgrTest<Recorder> {
   protected:
-    static void SetUpTestSuite() {
-        s_ca = new qntest::Pem(qntest::MakeCa("quolnet test CA"));
-        s_server = new qntest::Pem(qntest::MakeLeaf(*s_ca, "localhost", {"localhost", "127.0.0.1"}));
-    }
-    static void TearDownTestSuite() {
-        delete s_ca;
-        delete s_server;
-    }
-    void SetUp() override { m_fds_before = qntest::CountOpenFds(); }
-    void TearDown() override {
-        m_mgr.reset();
-        EXPECT_EQ(0u, m_pool.GetUsedCount());
-        EXPECT_EQ(m_fds_before, qntest::CountOpenFds());
-    }
-    CConnectorMgr& Mgr() {
-        if (m_mgr == nullptr) {
-            ConnectorMgrOptions o = m_options;
-            o.pool = &m_pool;
-            o.log_cat = m_log.cat();
-            m_mgr.reset(new CConnectorMgr(&m_rec, o));
-            EXPECT_EQ(0, m_mgr->Init());
-        }
-        return *m_mgr;
-    }
-    TlsOptions ServerOptions() {
-        TlsOptions t;
-        t.cert_pem = s_server->cert;
-        t.key_pem = s_server->key;
-        return t;
-    }
-    TlsOptions ClientOptions() {
-        TlsOptions t;
-        t.ca_pem = s_ca->cert;
-        return t;
-    }
-    // Listens with TLS on 127.0.0.1; the URL.
-    std::string ListenTls(const TlsOptions& t) {
-        std::string error;
-        SocketOptions s;
-        s.stream = CTlsContext::CreateServer(t, &error);
-        EXPECT_NE(nullptr, s.stream) << error;
-        EXPECT_GT(Mgr().Listen("tcp://127.0.0.1:0", s), 0);
-        return Mgr().GetListenURL(0);
-    }
     ConnId DialTls(const std::string& url, const TlsOptions& t) {
         std::string error;
         DialOptions d;
@@ -154,19 +111,7 @@ class TlsTest : public ::testing::Test {
         EXPECT_TRUE(Pump(Mgr(), [&]() { return m_rec.closes.size() > before; })) << m_log.Dump();
         return m_rec.closes.empty() ? CloseInfo() : m_rec.closes.back();
     }
-
-    static qntest::Pem* s_ca;
-    static qntest::Pem* s_server;
-    qntest::LogCapture m_log;
-    QUOLNET::CNetBufferMgr m_pool{256};
-    ConnectorMgrOptions m_options;
-    Recorder m_rec;
-    std::unique_ptr<CConnectorMgr> m_mgr;
-    int m_fds_before = 0;
 };
-
-qntest::Pem* TlsTest::s_ca = nullptr;
-qntest::Pem* TlsTest::s_server = nullptr;
 
 class TlsEchoTest : public TlsTest, public ::testing::WithParamInterface<bool> {};
 

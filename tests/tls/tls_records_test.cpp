@@ -29,6 +29,7 @@
 #include "support/mgr_helpers.h"
 #include "support/net_helpers.h"
 #include "test_certs.h"
+#include "tls_fixture.h"
 #include "tls/tls_context.h"
 #include "tls/tls_records.h"
 #include "tls/tls_stream.h"
@@ -179,51 +180,8 @@ class Relay {
     std::string m_up, m_down;
 };
 
-class TlsRecordsTest : public ::testing::Test {
+class TlsRecordsTest : public qntest::TlsMgrTest<Recorder> {
   protected:
-    static void SetUpTestSuite() {
-        s_ca = new qntest::Pem(qntest::MakeCa("quolnet test CA"));
-        s_server = new qntest::Pem(qntest::MakeLeaf(*s_ca, "localhost", {"localhost", "127.0.0.1"}));
-    }
-    static void TearDownTestSuite() {
-        delete s_ca;
-        delete s_server;
-    }
-    void SetUp() override { m_fds_before = qntest::CountOpenFds(); }
-    void TearDown() override {
-        m_mgr.reset();
-        EXPECT_EQ(0u, m_pool.GetUsedCount());
-        EXPECT_EQ(m_fds_before, qntest::CountOpenFds());
-    }
-    CConnectorMgr& Mgr() {
-        if (m_mgr == nullptr) {
-            ConnectorMgrOptions o = m_options;
-            o.pool = &m_pool;
-            o.log_cat = m_log.cat();
-            m_mgr.reset(new CConnectorMgr(&m_rec, o));
-            EXPECT_EQ(0, m_mgr->Init());
-        }
-        return *m_mgr;
-    }
-    static TlsOptions ServerOptions() {
-        TlsOptions t;
-        t.cert_pem = s_server->cert;
-        t.key_pem = s_server->key;
-        return t;
-    }
-    static TlsOptions ClientOptions() {
-        TlsOptions t;
-        t.ca_pem = s_ca->cert;
-        return t;
-    }
-    std::string ListenTls(const TlsOptions& t) {
-        std::string error;
-        SocketOptions s;
-        s.stream = CTlsContext::CreateServer(t, &error);
-        EXPECT_NE(nullptr, s.stream) << error;
-        EXPECT_GT(Mgr().Listen("tcp://127.0.0.1:0", s), 0);
-        return Mgr().GetListenURL(0);
-    }
     // Dials with TLS and waits until both ends are connected; the dialled id (0: failed).
     ConnId Connect(const std::string& url, const TlsOptions& t) {
         std::string error;
@@ -332,19 +290,7 @@ class TlsRecordsTest : public ::testing::Test {
             relay.Fill();
         }
     }
-
-    static qntest::Pem* s_ca;
-    static qntest::Pem* s_server;
-    qntest::LogCapture m_log;
-    QUOLNET::CNetBufferMgr m_pool{256};
-    ConnectorMgrOptions m_options;
-    Recorder m_rec;
-    std::unique_ptr<CConnectorMgr> m_mgr;
-    int m_fds_before = 0;
 };
-
-qntest::Pem* TlsRecordsTest::s_ca = nullptr;
-qntest::Pem* TlsRecordsTest::s_server = nullptr;
 
 TEST_F(TlsRecordsTest, ServerConnectionRunsOnCompactRecordsAfterTheHandshake) {
     TlsOptions s = ServerOptions();
