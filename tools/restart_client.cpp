@@ -273,10 +273,7 @@ int ParseOptions(int argc, char** argv, Options* opt) {
             opt->quiet = true;
             continue;
         } else if (strcmp(a, "--host") == 0) {
-            ok = ok && *v != '\0';
-            if (ok) {
-                opt->host = v;
-            }
+            ok = ok && tools_args::ParseText(v, &opt->host);
         } else if (strcmp(a, "--port") == 0) {
             ok = ok && tools_args::ParseLong(v, 1, 65535, &n);
             opt->port = static_cast<int>(n);
@@ -303,18 +300,12 @@ int ParseOptions(int argc, char** argv, Options* opt) {
             ok = ok && tools_args::ParseLong(v, 0, 100, &n);
             opt->slow_readers = static_cast<int>(n);
         } else if (strcmp(a, "--report") == 0) {
-            ok = ok && *v != '\0';
-            if (ok) {
-                opt->report = v;
-            }
+            ok = ok && tools_args::ParseText(v, &opt->report);
         } else {
             ok = false;
         }
         if (!ok) {
-            fprintf(stderr, "restart_client: bad argument '%s'%s%s\n", a, v != nullptr ? " " : "",
-                    v != nullptr ? v : "");
-            Usage(stderr);
-            return 2;
+            return tools_args::BadArgument("restart_client", a, v, Usage);
         }
         ++i;
     }

@@ -242,18 +242,12 @@ int ParseOptions(int argc, char** argv, Options* opt) {
         } else if (strcmp(a, "--server-pid") == 0) {
             ok = ok && tools_args::ParseLong(v, 1, 0x7fffffff, &opt->server_pid);
         } else if (strcmp(a, "--server-metrics") == 0) {
-            ok = ok && *v != '\0';
-            if (ok) {
-                opt->metrics_file = v;
-            }
+            ok = ok && tools_args::ParseText(v, &opt->metrics_file);
         } else {
             ok = false;
         }
         if (!ok) {
-            fprintf(stderr, "scale_client: bad argument '%s'%s%s\n", a, v != nullptr ? " " : "",
-                    v != nullptr ? v : "");
-            Usage(stderr);
-            return 2;
+            return tools_args::BadArgument("scale_client", a, v, Usage);
         }
         ++i;
     }

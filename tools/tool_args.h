@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -63,6 +64,24 @@ inline bool ParseAddress(const std::string& host, int port, sockaddr_storage* ad
     }
     *addr = a;
     return true;
+}
+
+// A non-empty text.
+inline bool ParseText(const char* text, std::string* out) {
+    if (text == nullptr || *text == '\0') {
+        return false;
+    }
+    *out = text;
+    return true;
+}
+
+// Says on stderr which argument `prog` found bad (with its value, if any), then the usage;
+// returns the exit status for it, 2.
+inline int BadArgument(const char* prog, const char* arg, const char* value, void (*usage)(FILE*)) {
+    fprintf(stderr, "%s: bad argument '%s'%s%s\n", prog, arg, value != nullptr ? " " : "",
+            value != nullptr ? value : "");
+    usage(stderr);
+    return 2;
 }
 
 }  // namespace tools_args
