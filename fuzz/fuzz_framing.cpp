@@ -85,22 +85,6 @@ class CChaosParser : public IPackParser {
     }
 };
 
-// The packets a well-behaved length-prefix stream holds, in order, up to the first
-// malformed header (the connector closes there).
-std::vector<std::string> ReferencePackets(const std::string& stream) {
-    std::vector<std::string> out;
-    size_t pos = 0;
-    while (stream.size() - pos >= 4) {
-        uint32_t total = CLengthPrefixParser::ReadHeader(stream.data() + pos);
-        if (total < 4 || total > kMaxPacketLen || stream.size() - pos < total) {
-            break;
-        }
-        out.emplace_back(stream, pos, total);
-        pos += total;
-    }
-    return out;
-}
-
 // Reads every byte of a packet handed out, so that AddressSanitizer sees any that is not
 // the connector's to give.
 uint32_t Touch(const char* data, unsigned int len) {
@@ -251,7 +235,7 @@ void RunOnce(const uint8_t* data, size_t size, bool length_parser) {
         pieces.push_back(std::move(piece));
     }
     if (run.check_order) {
-        run.reference = ReferencePackets(stream);
+        run.reference = qnfuzz::ReferencePackets(stream, kMaxPacketLen);
     }
 
     CLengthPrefixParser length(kMaxPacketLen);

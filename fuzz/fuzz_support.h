@@ -16,6 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
+
+#include "net/length_parser.h"
 
 namespace qnfuzz {
 
@@ -129,6 +132,22 @@ inline bool TcpPair(int* client, int* server) {
         return false;
     }
     return true;
+}
+
+// The packets a well-behaved length-prefix stream holds, in order, up to the first
+// malformed header or one longer than `max_len` (the connector closes there).
+inline std::vector<std::string> ReferencePackets(const std::string& stream, unsigned int max_len) {
+    std::vector<std::string> out;
+    size_t pos = 0;
+    while (stream.size() - pos >= 4) {
+        uint32_t total = QUOLNET::CLengthPrefixParser::ReadHeader(stream.data() + pos);
+        if (total < 4 || total > max_len || stream.size() - pos < total) {
+            break;
+        }
+        out.emplace_back(stream, pos, total);
+        pos += total;
+    }
+    return out;
 }
 
 }  // namespace qnfuzz

@@ -64,20 +64,6 @@ Contexts& Tls() {
     return contexts;
 }
 
-std::vector<std::string> ReferencePackets(const std::string& stream) {
-    std::vector<std::string> out;
-    size_t pos = 0;
-    while (stream.size() - pos >= 4) {
-        uint32_t total = CLengthPrefixParser::ReadHeader(stream.data() + pos);
-        if (total < 4 || total > kMaxPacketLen || stream.size() - pos < total) {
-            break;
-        }
-        out.emplace_back(stream, pos, total);
-        pos += total;
-    }
-    return out;
-}
-
 struct Run {
     std::vector<std::string> reference;
     size_t delivered = 0;
@@ -180,7 +166,7 @@ void RunOnce(const uint8_t* data, size_t size) {
         if (corrupt_last && !pieces.empty()) {
             encrypted.resize(stream.size() - pieces.back().size());
         }
-        run.reference = ReferencePackets(encrypted);
+        run.reference = qnfuzz::ReferencePackets(encrypted, kMaxPacketLen);
     }
 
     CLengthPrefixParser length(kMaxPacketLen);
