@@ -20,6 +20,9 @@ stays):
     results/raw.jsonl   one JSON line per client run (bench_client's output plus "run")
     results/mib_s.png   MiB/s per packet size and server (ping-pong), if gnuplot is present
     results/mib_s.dat   the chart's data
+    results/ratio.png   every server's packets/s over quolnet-peek's per row, paired per run
+                        (linear scale), with ratio.dat; the report has the same as a table,
+                        with the CPU per packet beside it
     results/extras.json the iperf3, syscall and machine figures, for --report-only
 
 Beside packets/s, every timed run records the server's user and kernel CPU time per packet
@@ -422,6 +425,83 @@ def write_chart(outdir, prefix, rows, labels, results):
     return png
 
 
+def paired_to_reference(rows, labels, results):
+    """For every row and every server but the reference: the per-run ratios (run k of the
+    server over run k of the reference) of packets/s and of the reference's CPU per packet
+    over the server's (above 1: the server needs less). Returns {(row key, label): (pps
+    ratios, cpu ratios)}."""
+    out = {}
+    for r in rows:
+        key = row_key(r)
+        ref = {x["run"]: x for x in results.get((key, REFERENCE), [])}
+        for lab in labels:
+            if lab == REFERENCE:
+                continue
+            pps, cpu = [], []
+            for x in results.get((key, lab), []):
+                y = ref.get(x["run"])
+                if y is None or y["pps"] <= 0:
+                    continue
+                pps.append(x["pps"] / y["pps"])
+                cx = x.get("srv_user_ns", 0) + x.get("srv_sys_ns", 0)
+                cy = y.get("srv_user_ns", 0) + y.get("srv_sys_ns", 0)
+                if cx > 0 and cy > 0:
+                    cpu.append(cy / cx)
+            if pps:
+                out[(key, lab)] = (pps, cpu)
+    return out
+
+
+def ratio_lines(rows, labels, paired):
+    """The paired ratios to the reference as a table: packets/s, then CPU per packet."""
+    others = [lab for lab in labels if lab != REFERENCE]
+    if not others or not paired:
+        return []
+
+    def cell(v):
+        return "%.2f [%.2f-%.2f]" % (statistics.median(v), min(v), max(v)) if v else "-"
+
+    lines = ["| scenario | " + " | ".join("%s pkt/s, CPU" % lab for lab in others) + " |",
+             "| --- |" + " ---: |" * len(others)]
+    for r in rows:
+        cells = []
+        for lab in others:
+            p = paired.get((row_key(r), lab))
+            cells.append("-" if p is None else "%s, %s" % (cell(p[0]), cell(p[1])))
+        lines.append("| %s | %s |" % (row_name(r), " | ".join(cells)))
+    return lines
+
+
+def write_ratio_chart(outdir, prefix, rows, labels, paired):
+    """Each server's paired median packets/s ratio to the reference per row, on a linear
+    scale (the log-scale MiB/s chart hides differences of 10-30%)."""
+    others = [lab for lab in labels if lab != REFERENCE]
+    if not others or not paired:
+        return None
+    dat = os.path.join(outdir, prefix + "ratio.dat")
+    with open(dat, "w") as f:
+        f.write("# row " + " ".join(others) + "\n")
+        for r in rows:
+            vals = []
+            for lab in others:
+                p = paired.get((row_key(r), lab))
+                vals.append("%.3f" % statistics.median(p[0]) if p else "NaN")
+            f.write("\"%s\" %s\n" % (row_name(r).replace("ping-pong ", "pp ").replace(", 16 in flight", ""),
+                                       " ".join(vals)))
+    if shutil.which("gnuplot") is None:
+        return None
+    png = os.path.join(outdir, prefix + "ratio.png")
+    plots = ", ".join("'%s' using %d:xtic(1) with linespoints title '%s'" % (dat, i + 2, lab)
+                      for i, lab in enumerate(others))
+    script = ("set terminal png size 1000,560\nset output '%s'\n"
+              "set title 'packets/s over %s, paired median per row'\n"
+              "set ylabel 'ratio'\nset grid\nset xtics rotate by -40\nset key outside right\n"
+              "set datafile missing 'NaN'\nset arrow from graph 0, first 1 to graph 1, first 1 nohead\n"
+              "plot %s\n" % (png, REFERENCE, plots))
+    subprocess.run(["gnuplot"], input=script, text=True, check=False)
+    return png
+
+
 def summary_lines(rows, labels, medians):
     """One line per scenario: each server's median packets/s, with its ratio to the reference.
     `medians` maps (row key, label) to the median packets/s."""
@@ -606,6 +686,16 @@ def write_report(args, outdir, prefix, rows, labels, results, iperf, syscalls, m
     lines.append("## Goals (reported, not asserted)")
     lines.append("")
     lines += goal_lines(rows, labels, results, iperf)
+    to_ref = paired_to_reference(rows, labels, results)
+    ratios = ratio_lines(rows, labels, to_ref)
+    if ratios:
+        lines.append("")
+        lines.append("Every server against %s, paired per run (run k over run k): packets/s, then %s's "
+                     "CPU per packet over the server's (above 1: the server needs less). Median "
+                     "[min-max]; chart: %sratio.png." % (REFERENCE, REFERENCE, prefix))
+        lines.append("")
+        lines += ratios
+        write_ratio_chart(outdir, prefix, rows, labels, to_ref)
     paired = paired_lines(rows, labels, results)
     if paired:
         lines.append("")
