@@ -2,7 +2,6 @@
 #include "net/owner/uring_poller.h"
 
 #include <errno.h>
-#include <linux/io_uring.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -11,7 +10,33 @@
 #include <algorithm>
 #include <cstring>
 
+#if __has_include(<linux/io_uring.h>)
+#include <linux/io_uring.h>
+#endif
+
+// The interface as of Linux 5.11 (wait timeouts) is needed to build the back end; the later
+// set-up flags have fixed values in the kernel's ABI and are tried at run time.
+#if defined(__NR_io_uring_setup) && defined(IORING_ENTER_EXT_ARG)
+#define QUOLNET_URING_BUILT 1
+#ifndef IORING_SETUP_COOP_TASKRUN
+#define IORING_SETUP_COOP_TASKRUN (1U << 8)
+#endif
+#ifndef IORING_SETUP_TASKRUN_FLAG
+#define IORING_SETUP_TASKRUN_FLAG (1U << 9)
+#endif
+#ifndef IORING_SETUP_SINGLE_ISSUER
+#define IORING_SETUP_SINGLE_ISSUER (1U << 12)
+#endif
+#ifndef IORING_SETUP_DEFER_TASKRUN
+#define IORING_SETUP_DEFER_TASKRUN (1U << 13)
+#endif
+#else
+#define QUOLNET_URING_BUILT 0
+#endif
+
 namespace QUOLNET {
+
+#if QUOLNET_URING_BUILT
 
 namespace {
 
@@ -364,5 +389,45 @@ int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
     std::lock_guard<std::mutex> lock(m_mutex);
     return n + Reap(out + n, max - n);
 }
+
+#else  // !QUOLNET_URING_BUILT: the kernel headers this was built with have no io_uring
+
+CUringPoller::CUringPoller() {}
+CUringPoller::~CUringPoller() {}
+
+int CUringPoller::Open(unsigned int, std::string* why) {
+    *why = "built without io_uring (the kernel headers lack it)";
+    errno = ENOSYS;
+    return -1;
+}
+
+bool CUringPoller::Available(std::string* why) {
+    if (why != nullptr) {
+        *why = "built without io_uring (the kernel headers lack it)";
+    }
+    return false;
+}
+
+int CUringPoller::Add(int, uint32_t, void*) {
+    errno = ENOSYS;
+    return -1;
+}
+
+int CUringPoller::Modify(int, uint32_t, void*) {
+    errno = ENOSYS;
+    return -1;
+}
+
+int CUringPoller::Remove(int) {
+    errno = ENOSYS;
+    return -1;
+}
+
+int CUringPoller::Wait(epoll_event*, int, int) {
+    errno = ENOSYS;
+    return -1;
+}
+
+#endif  // QUOLNET_URING_BUILT
 
 }  // namespace QUOLNET
