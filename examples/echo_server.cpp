@@ -63,6 +63,8 @@ void Usage(FILE* out) {
         "                            newcomers wait for a close instead)\n"
         "  --max-per-source N        connections from one address at most; more are refused at accept\n"
         "                            (default 0: no cap)\n"
+        "  --io-backend NAME         how the loops wait: epoll, io_uring or auto (default: epoll, or\n"
+        "                            the environment's QUOLNET_IO_BACKEND)\n"
         "  --sndbuf BYTES            each accepted socket's kernel send buffer (SO_SNDBUF; default 0:\n"
         "                            the kernel's, auto-tuned); a small one keeps replies to slow\n"
         "                            readers in the server's own send queue\n"
@@ -624,6 +626,7 @@ int main(int argc, char** argv) {
         std::string* field;
     } tls_values[] = {
         {"--tls-cert", &tls.cert}, {"--tls-key", &tls.key}, {"--tls-ca", &tls.ca}, {"--tls-alpn", &tls.alpn}};
+    QUOLNET::IoBackend io_backend = QUOLNET::IoBackend::kDefault;
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
         const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -665,6 +668,12 @@ int main(int argc, char** argv) {
             ++i;
         } else if (strcmp(a, "--takeover") == 0 && v != nullptr && *v != '\0') {
             takeover_path = v;
+            ++i;
+        } else if (strcmp(a, "--io-backend") == 0 && v != nullptr &&
+                   (strcmp(v, "epoll") == 0 || strcmp(v, "io_uring") == 0 || strcmp(v, "auto") == 0)) {
+            io_backend = strcmp(v, "epoll") == 0      ? QUOLNET::IoBackend::kEpoll
+                         : strcmp(v, "io_uring") == 0 ? QUOLNET::IoBackend::kIoUring
+                                                      : QUOLNET::IoBackend::kAuto;
             ++i;
         } else if (strcmp(a, "--tls-require-client-cert") == 0) {
             tls.require_client_cert = true;
@@ -742,6 +751,7 @@ int main(int argc, char** argv) {
     options.max_packet_len = static_cast<unsigned int>(max_packet);
     options.handshake_timeout_ms = static_cast<int>(flags[14].value);
     options.handshake_cpu_share = static_cast<unsigned int>(flags[15].value);
+    options.io_backend = io_backend;
     if ((!g_handover_path.empty() || takeover_path != nullptr) && workers != nullptr) {
         // A worker's reply to a connection handed over meanwhile would find no one here.
         fprintf(stderr, "echo_server: --handover and --takeover reply from the loops, without --workers\n");
