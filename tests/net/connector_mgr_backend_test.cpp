@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -139,6 +140,39 @@ TEST(ConnectorMgrBackend, IoUringServesWhereTheKernelAllowsIt) {
     Server plain(IoBackend::kEpoll);  // and the explicit epoll is epoll, whatever the environment says
     ASSERT_EQ(0, plain.init);
     EXPECT_STREQ("epoll", plain.mgr->GetIoBackendName());
+}
+
+// The loop may run on one thread and later on another (RunOnce here, then Run there), as on
+// epoll; an io_uring ring answers only the thread that enabled it, so it is set up again with
+// the same registrations.
+TEST(ConnectorMgrBackend, AnIoUringLoopMayMoveToAnotherThread) {
+    std::string why;
+    if (!QUOLNET::CUringPoller::Available(&why)) {
+        GTEST_SKIP() << "io_uring unavailable here: " << why;
+    }
+    Server s(IoBackend::kIoUring);
+    ASSERT_EQ(0, s.init);
+    int fd = qntest::ListenAndDial(*s.mgr);
+    ASSERT_GE(fd, 0);
+    auto echo_once = [&](const std::string& text) {
+        std::string ping = qntest::Packet(text);
+        EXPECT_TRUE(qntest::WriteAll(fd, ping.data(), ping.size()));
+        std::string back;
+        EXPECT_TRUE(qntest::Pump(*s.mgr, [&]() {
+            char buf[64];
+            ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
+            if (n > 0) {
+                back.append(buf, static_cast<size_t>(n));
+            }
+            return back.size() >= ping.size();
+        }));
+        EXPECT_EQ(ping, back);
+    };
+    echo_once("on the test's thread");
+    std::thread other([&]() { echo_once("on another thread"); });
+    other.join();
+    echo_once("and back");
+    close(fd);
 }
 
 }  // namespace

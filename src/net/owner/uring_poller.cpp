@@ -109,6 +109,8 @@ int CUringPoller::Open(unsigned int entries, std::string* why) {
     }
     m_ring = ring;
     m_disabled = (p.flags & IORING_SETUP_R_DISABLED) != 0;
+    m_single_issuer = (p.flags & IORING_SETUP_SINGLE_ISSUER) != 0;
+    m_entries = entries;
     const uint32_t need = IORING_FEAT_SINGLE_MMAP | IORING_FEAT_NODROP | IORING_FEAT_EXT_ARG;
     if ((p.features & need) != need) {
         *why =
@@ -372,12 +374,31 @@ int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
     int n = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_disabled && m_single_issuer && m_issuer != std::this_thread::get_id()) {
+            // The loop runs on another thread now (RunOnce here, then Run there): a ring
+            // answers only the thread that enabled it, so a new one takes over the same
+            // registrations (readiness is found again when they are armed; nothing is lost).
+            std::string why;
+            CloseRing();
+            m_queued = 0;
+            if (Open(m_entries, &why) != 0) {
+                errno = ENXIO;
+                return -1;
+            }
+            for (size_t fd = 0; fd < m_regs.size(); ++fd) {
+                m_regs[fd].armed = false;
+                if (m_regs[fd].active) {
+                    MarkDirty(static_cast<int>(fd), m_regs[fd]);
+                }
+            }
+        }
         if (m_disabled) {
             // This thread submits from now on (the ring's one issuer).
             if (syscall(__NR_io_uring_register, m_ring, IORING_REGISTER_ENABLE_RINGS, nullptr, 0) != 0) {
                 return -1;
             }
             m_disabled = false;
+            m_issuer = std::this_thread::get_id();
         }
         ArmDirty();          // what changed, and what was reported last time (level-triggered)
         n = Reap(out, max);  // left over from the last wait: reported now, armed next time

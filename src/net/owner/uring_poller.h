@@ -29,6 +29,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "../poller.h"
@@ -104,8 +105,11 @@ class CUringPoller : public IPoller {
     unsigned* m_cq_tail = nullptr;
     unsigned m_cq_mask = 0;
     io_uring_cqe* m_cqes = nullptr;
-    unsigned m_queued = 0;    // entries written and not yet submitted
-    bool m_disabled = false;  // set up disabled, until the loop's first Wait enables it
+    unsigned m_queued = 0;         // entries written and not yet submitted
+    bool m_disabled = false;       // set up disabled, until the loop's first Wait enables it
+    bool m_single_issuer = false;  // only the thread that enabled the ring may submit
+    std::thread::id m_issuer;      // that thread
+    unsigned m_entries = 0;        // as Open was asked
 
     std::mutex m_mutex;
     std::vector<Reg> m_regs;   // by descriptor; guarded by m_mutex
