@@ -91,14 +91,22 @@ int CUringPoller::Open(unsigned int entries, std::string* why) {
     const unsigned tries[] = {
         common | IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN | IORING_SETUP_R_DISABLED,
         common | IORING_SETUP_COOP_TASKRUN | IORING_SETUP_TASKRUN_FLAG, common};
+    // Where the rings' memory is locked memory (kernels before 5.12) a smaller ring may be
+    // had: the completion ring overflows into the kernel's list then (FEAT_NODROP).
+    const unsigned sizes[][2] = {{entries, kCqEntries}, {std::min(entries, 256u), 4096u}};
     struct io_uring_params p;
     int ring = -1;
-    for (unsigned flags : tries) {
-        memset(&p, 0, sizeof(p));
-        p.flags = flags;
-        p.cq_entries = kCqEntries;
-        ring = static_cast<int>(syscall(__NR_io_uring_setup, entries, &p));
-        if (ring >= 0 || errno != EINVAL) {
+    for (const auto& size : sizes) {
+        for (unsigned flags : tries) {
+            memset(&p, 0, sizeof(p));
+            p.flags = flags;
+            p.cq_entries = size[1];
+            ring = static_cast<int>(syscall(__NR_io_uring_setup, size[0], &p));
+            if (ring >= 0 || errno != EINVAL) {
+                break;
+            }
+        }
+        if (ring >= 0 || errno != ENOMEM) {
             break;
         }
     }
