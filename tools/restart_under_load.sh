@@ -167,6 +167,18 @@ fail_early() {
     exit 1
 }
 
+# wait_line FILE PATTERN PID TRIES: true once FILE has a line matching PATTERN, false when
+# PID exits first or TRIES looks 25 ms apart found none.
+wait_line() {
+    local i
+    for i in $(seq 1 "$4"); do
+        grep -qs "$2" "$1" && return 0
+        kill -0 "$3" 2>/dev/null || break
+        sleep 0.025
+    done
+    grep -qs "$2" "$1"
+}
+
 # threads_of N: the loops of server N (the list in turn).
 threads_of() { echo "${threads_list[$(($1 % ${#threads_list[@]}))]}"; }
 
@@ -179,12 +191,7 @@ for _ in $(seq 1 20); do
     "$server" "${server_args[@]}" --threads "$(threads_of 0)" >"$dir/server0.out" 2>"$dir/server0.err" &
     cur=$!
     pids+=("$cur")
-    for i in $(seq 1 200); do
-        grep -qs "listening on" "$dir/server0.out" && break
-        kill -0 "$cur" 2>/dev/null || break
-        sleep 0.025
-    done
-    if grep -qs "listening on" "$dir/server0.out"; then
+    if wait_line "$dir/server0.out" "listening on" "$cur" 200; then
         port=$try
         break
     fi
@@ -205,11 +212,7 @@ duration=$(awk -v r="$restarts" -v i="$interval" -v e="$exit_timeout" 'BEGIN { p
     "${client_extra[@]}" >"$dir/client.out" 2>"$dir/client.err" &
 client_pid=$!
 pids+=("$client_pid")
-for i in $(seq 1 1200); do
-    grep -qs "^restart_client: connected " "$dir/client.err" && break
-    kill -0 "$client_pid" 2>/dev/null || break
-    sleep 0.025
-done
+wait_line "$dir/client.err" "^restart_client: connected " "$client_pid" 1200
 line=$(grep "^restart_client: connected " "$dir/client.err")
 [ -n "$line" ] || fail_early "restart_client did not connect within 30 s"
 echo "$prog: ${line#restart_client: }"

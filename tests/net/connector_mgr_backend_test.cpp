@@ -51,6 +51,22 @@ using QUOLNET::CConnectorMgr;
 using QUOLNET::ConnectorMgrOptions;
 using QUOLNET::IoBackend;
 
+// Sends `text` as a packet on `fd` and runs `mgr` on this thread until its echo is back.
+void EchoOnce(CConnectorMgr& mgr, int fd, const std::string& text) {
+    std::string ping = qntest::Packet(text);
+    ASSERT_TRUE(qntest::WriteAll(fd, ping.data(), ping.size()));
+    std::string back;
+    ASSERT_TRUE(qntest::Pump(mgr, [&]() {
+        char buf[64];
+        ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
+        if (n > 0) {
+            back.append(buf, static_cast<size_t>(n));
+        }
+        return back.size() >= ping.size();
+    }));
+    EXPECT_EQ(ping, back);
+}
+
 // A manager with `backend`, its log captured; Init's result in `init`.
 struct Server {
     explicit Server(IoBackend backend) : log(QUOLNET::LOG_PRIORITY_DEBUG, "backend") {
@@ -64,18 +80,7 @@ struct Server {
     void ExpectServes() {
         int fd = qntest::ListenAndDial(*mgr);
         ASSERT_GE(fd, 0);
-        std::string ping = qntest::Packet("ping");
-        ASSERT_TRUE(qntest::WriteAll(fd, ping.data(), ping.size()));
-        std::string back;
-        ASSERT_TRUE(qntest::Pump(*mgr, [&]() {
-            char buf[64];
-            ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
-            if (n > 0) {
-                back.append(buf, static_cast<size_t>(n));
-            }
-            return back.size() >= ping.size();
-        }));
-        EXPECT_EQ(ping, back);
+        EchoOnce(*mgr, fd, "ping");
         close(fd);
     }
 
@@ -154,24 +159,10 @@ TEST(ConnectorMgrBackend, AnIoUringLoopMayMoveToAnotherThread) {
     ASSERT_EQ(0, s.init);
     int fd = qntest::ListenAndDial(*s.mgr);
     ASSERT_GE(fd, 0);
-    auto echo_once = [&](const std::string& text) {
-        std::string ping = qntest::Packet(text);
-        EXPECT_TRUE(qntest::WriteAll(fd, ping.data(), ping.size()));
-        std::string back;
-        EXPECT_TRUE(qntest::Pump(*s.mgr, [&]() {
-            char buf[64];
-            ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
-            if (n > 0) {
-                back.append(buf, static_cast<size_t>(n));
-            }
-            return back.size() >= ping.size();
-        }));
-        EXPECT_EQ(ping, back);
-    };
-    echo_once("on the test's thread");
-    std::thread other([&]() { echo_once("on another thread"); });
+    EchoOnce(*s.mgr, fd, "on the test's thread");
+    std::thread other([&]() { EchoOnce(*s.mgr, fd, "on another thread"); });
     other.join();
-    echo_once("and back");
+    EchoOnce(*s.mgr, fd, "and back");
     close(fd);
 }
 

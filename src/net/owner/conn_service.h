@@ -41,6 +41,10 @@ class CConnService {
     void BeginClose(OwnedConn* c);
     // Records why the connection ends; the first cause recorded wins.
     void SetCloseInfo(OwnedConn* c, CloseReason reason, int error, CloseLimit limit = CloseLimit::kNone);
+    // The end of a connection whose socket is gone (closed, or handed to another process):
+    // counted by its reason, logged if it should be, then destroyed (or redialled) and
+    // reported with OnClosed.
+    void FinishClose(OwnedConn* c);
 
     // The connector's receive callback (use_recv_callback); `arg` is the OwnedConn.
     static int RecvCallback(const char* url, const char* data, int len, void* arg);
@@ -70,7 +74,6 @@ class CConnService {
     void ServiceDraining(OwnedConn* c);
     void EndDrain(OwnedConn* c);
     void ServiceClosing(OwnedConn* c);
-    void FinishClose(OwnedConn* c);
     int Deliver(OwnedConn* c);
     void DropRing(OwnedConn* c);
     void RetryBigWait(OwnedConn* c);

@@ -57,25 +57,28 @@ bool WaitFor(int fd, short events, int64_t deadline_ms, std::string* error) {
     }
 }
 
+// After `call` wrote nothing (-1): true to write again (interrupted, or writable again
+// before the deadline), false with `*error` set.
+bool WriteAgain(int fd, int64_t deadline_ms, const char* call, std::string* error) {
+    if (errno == EINTR) {
+        return true;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        return WaitFor(fd, POLLOUT, deadline_ms, error);
+    }
+    *error = std::string(call) + ": " + strerror(errno);
+    return false;
+}
+
 bool SendAll(int fd, const char* p, size_t len, int64_t deadline_ms, std::string* error) {
     while (len > 0) {
         ssize_t n = ::send(fd, p, len, MSG_NOSIGNAL);
         if (n > 0) {
             p += n;
             len -= static_cast<size_t>(n);
-            continue;
+        } else if (!WriteAgain(fd, deadline_ms, "send", error)) {
+            return false;
         }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (!WaitFor(fd, POLLOUT, deadline_ms, error)) {
-                return false;
-            }
-            continue;
-        }
-        *error = std::string("send: ") + strerror(errno);
-        return false;
     }
     return true;
 }
@@ -142,22 +145,10 @@ bool Send(int fd, uint16_t type, const std::string& payload, const std::vector<i
         c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
         memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
     }
-    for (;;) {
-        ssize_t n = sendmsg(fd, &msg, MSG_NOSIGNAL);
-        if (n == 1) {
-            break;
+    while (sendmsg(fd, &msg, MSG_NOSIGNAL) != 1) {  // one byte, or nothing
+        if (!WriteAgain(fd, deadline_ms, "sendmsg", error)) {
+            return false;
         }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (!WaitFor(fd, POLLOUT, deadline_ms, error)) {
-                return false;
-            }
-            continue;
-        }
-        *error = std::string("sendmsg: ") + strerror(errno);
-        return false;
     }
     return SendAll(fd, header + 1, kHeader - 1, deadline_ms, error) &&
            SendAll(fd, payload.data(), payload.size(), deadline_ms, error);

@@ -258,14 +258,12 @@ bool CProcessHandOver::Exchange(int peer) {
         QN_OWNER_LOG(cat, LOG_PRIORITY_WARN, "hand-over refused: pid %d: %s", pid, why.c_str());
         return false;
     }
-    CWriter process;
+    std::string state;
     if (m_mgr.m_handler != nullptr) {
-        std::string state;
         m_mgr.m_handler->OnHandOutProcess(&m_mgr, &state);
-        process.Bytes(state);
-    } else {
-        process.Bytes(std::string());
     }
+    CWriter process;
+    process.Bytes(state);
     std::vector<std::pair<std::string, int>> listeners = AllListeners();
     CWriter lw;
     std::vector<int> lfds;
@@ -358,12 +356,10 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, Tally* tally,
                 if (ids.count(c->id) == 0) {
                     continue;  // the successor could not take it: served here as before
                 }
-                // Out of this loop's epoll (the socket lives on in the successor's), and
-                // this process's descriptor closed: no shutdown(2), which would end it.
+                // Out of this loop's poller and out of reach of other threads' Sends (the
+                // socket lives on in the successor's); no shutdown(2), which would end it.
                 c->connector->SetCloseSocket(false);
                 c->connector->Disconnect(nullptr);
-                ::close(c->fd);
-                c->fd = -1;
                 m_mgr.m_table.RemoveLocked(c);
                 taken.push_back(c);
             }
@@ -435,19 +431,10 @@ bool CProcessHandOver::SendConnections(int peer, int64_t deadline, Tally* tally,
     }
     for (OwnedConn* c : taken) {
         ++tally->moved;
-        if (c->accepted) {
-            m_mgr.m_admission.SourceReleased(c->url);
-        }
-        CloseInfo info;
-        info.reason = CloseReason::kHandedOver;
-        m_mgr.m_stats.CountClose(info);
-        m_mgr.m_stats.AddEnded(CMgrStats::TrafficOf(c->connector.get()));
-        ConnId id = c->id;
-        m_mgr.DestroyConn(c);
-        if (m_mgr.m_handler != nullptr) {
-            CConnectorMgr::HandlerScope scope(m_mgr, c);
-            m_mgr.m_handler->OnClosed(&m_mgr, id, info);
-        }
+        m_mgr.ReleaseFd(c);         // this process's descriptor; the successor has its own
+        c->close_requested = true;  // ended here for good: a dialled one does not redial
+        m_mgr.m_service.SetCloseInfo(c, CloseReason::kHandedOver, 0);
+        m_mgr.m_service.FinishClose(c);  // counted, then OnClosed as any other end
     }
     return ok;
 }
@@ -660,11 +647,7 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
                     OwnedConn* c = x.mgr->m_table.Find(x.id);
                     if (c != nullptr) {
                         c->connector->Disconnect(nullptr);
-                        ::close(c->fd);
-                        c->fd = -1;
-                        if (c->accepted) {
-                            x.mgr->m_admission.SourceReleased(c->url);
-                        }
+                        x.mgr->ReleaseFd(c);
                         x.mgr->DestroyConn(c);
                     }
                 }
