@@ -308,7 +308,10 @@ int CUringPoller::Enter(EnterMode mode, int timeout_ms) {
 }
 
 void CUringPoller::ArmDirty() {
-    for (int fd : m_dirty) {
+    // Taken out of m_dirty first: what cannot be armed now is marked dirty again, into it.
+    m_arming.clear();
+    m_arming.swap(m_dirty);
+    for (int fd : m_arming) {
         Reg& r = m_regs[static_cast<size_t>(fd)];
         r.dirty = false;
         if (r.armed && r.armed_gen != r.gen) {
@@ -337,9 +340,6 @@ void CUringPoller::ArmDirty() {
             r.armed_gen = r.gen;
         }
     }
-    m_dirty.erase(std::remove_if(m_dirty.begin(), m_dirty.end(),
-                                 [this](int fd) { return !m_regs[static_cast<size_t>(fd)].dirty; }),
-                  m_dirty.end());
 }
 
 int CUringPoller::Reap(epoll_event* out, int max) {

@@ -112,8 +112,9 @@ class CUringPoller : public IPoller {
     unsigned m_entries = 0;        // as Open was asked
 
     std::mutex m_mutex;
-    std::vector<Reg> m_regs;   // by descriptor; guarded by m_mutex
-    std::vector<int> m_dirty;  // descriptors to arm or withdraw at the next Wait; guarded by m_mutex
+    std::vector<Reg> m_regs;    // by descriptor; guarded by m_mutex
+    std::vector<int> m_dirty;   // descriptors to arm or withdraw at the next Wait; guarded by m_mutex
+    std::vector<int> m_arming;  // m_dirty's list while ArmDirty works through it (storage kept)
     std::function<void()> m_wake;
     std::function<bool()> m_on_loop;
 };
