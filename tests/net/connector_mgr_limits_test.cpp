@@ -72,6 +72,11 @@ class RecordingEcho : public QUOLNET::IConnectorHandler {
         closed_count = close_order.size();
         m_cv.notify_all();
     }
+    // The connections closed so far, read under the lock (the loop's thread writes them).
+    std::map<ConnId, CloseInfo> Closed() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return closed;
+    }
     template <typename P>
     bool WaitFor(P pred, int ms = 15000) {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -234,7 +239,7 @@ TEST_F(ConnectorMgrLimitsTest, AbortClosesAtOnce) {
     ASSERT_TRUE(h.WaitFor([&]() { return h.connected.size() == 1; }));
     server.mgr().Abort(h.connected[0]);
     ASSERT_TRUE(h.WaitFor([&]() { return h.closed.size() == 1; }));
-    EXPECT_EQ(CloseReason::kClosedLocally, h.closed.begin()->second.reason);
+    EXPECT_EQ(CloseReason::kClosedLocally, h.Closed().begin()->second.reason);
     close(fd);
 }
 
@@ -269,7 +274,7 @@ TEST_F(ConnectorMgrLimitsTest, AReaderThatTakesNothingIsClosedForTheSendStall) {
     });
     ASSERT_TRUE(h.WaitFor([&]() { return h.closed.size() == 1; }));
     writer.join();
-    CloseInfo info = h.closed.begin()->second;
+    CloseInfo info = h.Closed().begin()->second;
     EXPECT_EQ(CloseReason::kLimit, info.reason) << info.error << "\n" << m_cap.Dump();
     EXPECT_EQ(CloseLimit::kSendStall, info.limit);
     EXPECT_EQ(1u, server.mgr().GetLimitCloseCount(CloseLimit::kSendStall));
@@ -293,7 +298,7 @@ TEST_F(ConnectorMgrLimitsTest, AnUnfinishedPacketMeetsItsDeadlineAnIdleConnectio
     std::string partial = Packet(std::string(1000, 'p')).substr(0, 10);
     ASSERT_TRUE(qntest::WriteAll(slow, partial.data(), partial.size()));
     ASSERT_TRUE(h.WaitFor([&]() { return h.closed.size() == 1; }));
-    CloseInfo info = h.closed.begin()->second;
+    CloseInfo info = h.Closed().begin()->second;
     EXPECT_EQ(CloseReason::kLimit, info.reason);
     EXPECT_EQ(CloseLimit::kPacketDeadline, info.limit);
     EXPECT_EQ(1, Warnings("packet_deadline limit"));
@@ -303,7 +308,7 @@ TEST_F(ConnectorMgrLimitsTest, AnUnfinishedPacketMeetsItsDeadlineAnIdleConnectio
     std::string pong(ping.size(), '\0');
     ASSERT_TRUE(qntest::ReadExactly(idle, &pong[0], pong.size()));
     EXPECT_EQ(ping, pong);
-    EXPECT_EQ(1u, h.closed.size());
+    EXPECT_EQ(1u, h.Closed().size());
     close(idle);
     close(slow);
 }
@@ -317,7 +322,7 @@ TEST_F(ConnectorMgrLimitsTest, IdleTimeoutClosesAConnectionWithNoTraffic) {
     int fd = server.Dial();
     ASSERT_GE(fd, 0);
     ASSERT_TRUE(h.WaitFor([&]() { return h.closed.size() == 1; }));
-    EXPECT_EQ(CloseLimit::kIdleTimeout, h.closed.begin()->second.limit);
+    EXPECT_EQ(CloseLimit::kIdleTimeout, h.Closed().begin()->second.limit);
     int end = -1;
     qntest::ReadToEnd(fd, &end, 5000);
     EXPECT_EQ(0, end);
@@ -355,8 +360,8 @@ TEST_F(ConnectorMgrLimitsTest, PoolPressureShedsTheStalledHolderAndSparesOneMaki
         }
         ASSERT_TRUE(h.WaitFor([&]() { return h.packets[steady_id] == 1; }));
         ASSERT_TRUE(h.WaitFor([&]() { return h.closed.count(stalled_id) == 1; }));
-        EXPECT_EQ(CloseLimit::kPoolPressure, h.closed[stalled_id].limit);
-        EXPECT_EQ(0u, h.closed.count(steady_id));
+        EXPECT_EQ(CloseLimit::kPoolPressure, h.Closed().at(stalled_id).limit);
+        EXPECT_EQ(0u, h.Closed().count(steady_id));
         EXPECT_EQ(1u, server.mgr().GetLimitCloseCount(CloseLimit::kPoolPressure));
         EXPECT_EQ(1, Warnings("pool_pressure limit"));
         close(stalled);
