@@ -415,14 +415,21 @@ def write_chart(outdir, prefix, rows, labels, results):
         log("gnuplot not available: chart skipped (data in %s)" % dat)
         return None
     png = os.path.join(outdir, prefix + "mib_s.png")
+    plot_columns(png, "900,540", dat, labels,
+                 "set title 'Echo ping-pong, %d connections: MiB/s per packet size'\n"
+                 "set ylabel 'MiB/s (echoed, one direction)'\nset logscale y\nset grid\n"
+                 "set key left top\n" % conns)
+    return png
+
+
+def plot_columns(png, size, dat, labels, settings):
+    """Draws `dat` (a quoted x label per line, then one column per label) as lines into
+    `png` with gnuplot, after its `settings`."""
     plots = ", ".join("'%s' using %d:xtic(1) with linespoints title '%s'" % (dat, i + 2, lab)
                       for i, lab in enumerate(labels))
-    script = ("set terminal png size 900,540\nset output '%s'\n"
-              "set title 'Echo ping-pong, %d connections: MiB/s per packet size'\n"
-              "set ylabel 'MiB/s (echoed, one direction)'\nset logscale y\nset grid\n"
-              "set key left top\nset datafile missing 'NaN'\nplot %s\n" % (png, conns, plots))
+    script = "set terminal png size %s\nset output '%s'\n%sset datafile missing 'NaN'\nplot %s\n" % (
+        size, png, settings, plots)
     subprocess.run(["gnuplot"], input=script, text=True, check=False)
-    return png
 
 
 def paired_to_reference(rows, labels, results):
@@ -491,14 +498,10 @@ def write_ratio_chart(outdir, prefix, rows, labels, paired):
     if shutil.which("gnuplot") is None:
         return None
     png = os.path.join(outdir, prefix + "ratio.png")
-    plots = ", ".join("'%s' using %d:xtic(1) with linespoints title '%s'" % (dat, i + 2, lab)
-                      for i, lab in enumerate(others))
-    script = ("set terminal png size 1000,560\nset output '%s'\n"
-              "set title 'packets/s over %s, paired median per row'\n"
-              "set ylabel 'ratio'\nset grid\nset xtics rotate by -40\nset key outside right\n"
-              "set datafile missing 'NaN'\nset arrow from graph 0, first 1 to graph 1, first 1 nohead\n"
-              "plot %s\n" % (png, REFERENCE, plots))
-    subprocess.run(["gnuplot"], input=script, text=True, check=False)
+    plot_columns(png, "1000,560", dat, others,
+                 "set title 'packets/s over %s, paired median per row'\n"
+                 "set ylabel 'ratio'\nset grid\nset xtics rotate by -40\nset key outside right\n"
+                 "set arrow from graph 0, first 1 to graph 1, first 1 nohead\n" % REFERENCE)
     return png
 
 
