@@ -661,6 +661,9 @@ int CProcessHandOver::TakeOver(const char* path, const HandOverOptions& options,
                     x.mgr->m_handler->OnHandIn(x.mgr, x.id, x.url.c_str(), x.accepted, x.state);
                 }
             }
+        } else if (m.type == handover::kRefuse) {
+            why = "refused: " + r.Bytes();  // the old process gave up (a loop did not stop)
+            ok = false;
         } else if (m.type == handover::kDone) {
             ok = handover::Send(fd, handover::kDoneAck, std::string(), {}, deadline, &why);
             result->complete = ok;
