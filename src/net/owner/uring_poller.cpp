@@ -247,17 +247,36 @@ int CUringPoller::Remove(int fd) {
         // caller is about to close it.
         io_uring_sqe* sqe = NextSqe();
         if (sqe != nullptr) {
+            const uint64_t withdrawn = Tag(fd, r.armed_gen);
             sqe->opcode = IORING_OP_POLL_REMOVE;
             sqe->fd = -1;
-            sqe->addr = Tag(fd, r.armed_gen);
+            sqe->addr = withdrawn;
             sqe->user_data = kWithdrawTag;
             r.armed = false;
-            Enter(EnterMode::kPoll, 0);  // and the poll's end runs now: the file is let go
+            // The poll lets the file go when it completes (cancelled), which the kernel may
+            // leave to the next request for events: asked for here until its completion is
+            // in the ring (bounded; on another thread than the ring's, the enter fails).
+            for (int i = 0; i < 64 && !Completed(withdrawn); ++i) {
+                int ret = Enter(i == 0 ? EnterMode::kPoll : EnterMode::kWait, 1);
+                if (ret < 0 && errno != ETIME && errno != EINTR && errno != EBUSY) {
+                    break;
+                }
+            }
         } else {
             MarkDirty(fd, r);  // withdrawn at the next wait
         }
     }
     return 0;
+}
+
+bool CUringPoller::Completed(uint64_t tag) const {
+    unsigned tail = LoadAcquire(m_cq_tail);
+    for (unsigned head = *m_cq_head; head != tail; ++head) {
+        if (m_cqes[head & m_cq_mask].user_data == tag) {
+            return true;
+        }
+    }
+    return false;
 }
 
 io_uring_sqe* CUringPoller::NextSqe() {

@@ -86,6 +86,8 @@ class CUringPoller : public IPoller {
     enum class EnterMode { kSubmit, kPoll, kWait };
     int Enter(EnterMode mode, int timeout_ms);
     void ArmDirty();
+    // Whether a completion with `tag` waits in the completion ring (not consumed).
+    bool Completed(uint64_t tag) const;
     int Reap(epoll_event* out, int max);
     void CloseRing();
 
