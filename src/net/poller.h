@@ -9,9 +9,11 @@
 #pragma once
 
 #include <sys/epoll.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 namespace QUOLNET {
 
@@ -31,8 +33,30 @@ class IPoller {
     virtual int Add(int fd, uint32_t events, void* ptr) = 0;
     // Watches `fd` for `events` from now on. 0, or -1 with errno set.
     virtual int Modify(int fd, uint32_t events, void* ptr) = 0;
-    // Stops watching `fd`; before the descriptor is closed. 0, or -1 with errno set.
+    // Stops watching `fd`; before the descriptor is closed. Bytes the poller received for
+    // it and nobody read are dropped. 0, or -1 with errno set.
     virtual int Remove(int fd) = 0;
+
+    // Receives by the poller. A poller that takes a socket's input off the socket itself
+    // (io_uring's multishot receive into the loop's buffers) says so here, and from then
+    // on the registration's bytes are read with Receive, never with recv(2) on the socket
+    // (they would come out of order). False: reading stays recv(2), nothing changes (epoll).
+    // Loop thread, on a registered descriptor.
+    virtual bool StartReceive(int fd) {
+        (void)fd;
+        return false;
+    }
+    // Up to `len` bytes received for `fd`, in order: the count, 0 at the peer's end of
+    // stream, or -1 with errno set (EAGAIN: nothing now; EPOLLIN is reported again when
+    // there is). Loop thread.
+    virtual ssize_t Receive(int fd, void* buf, size_t len) { return recv(fd, buf, len, 0); }
+    // Ends the poller's receives for `fd` (the registration stays), waiting until the
+    // kernel takes no more bytes for it, and appends to `*left` what was received and not
+    // read: those bytes come before anything read from the socket afterwards. Loop thread.
+    virtual void StopReceive(int fd, std::string* left) {
+        (void)fd;
+        (void)left;
+    }
 };
 
 // Registrations in an epoll instance (not owned).

@@ -446,6 +446,8 @@ void CTcpConnector::Close(LogCategory* log_cat) {
     }
     m_status = CONNECTOR_STATUS_DISCONNECTED;
     m_socket = -1;
+    m_poller_reads = false;  // the poller dropped what it received with the registration
+    m_poller_reads_asked = false;
     m_events.store(0);
     SetRegisteredEvents(0);
 }
@@ -618,6 +620,7 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
         m_events.fetch_or(EPOLLERR);
         return -2;
     }
+    that.TakeBackReceived();  // bytes the old loop's poller took off the socket come along
     if (m_tx_queue.Count() != 0 || m_rx_queue.Count() != 0) {
         QN_LOG(m_log_cat, QN_ERROR, "cannot copy to a non-empty connector, m_tx_queue(%d), m_rx_queu(%d)",
                static_cast<int>(m_tx_queue.Count()), static_cast<int>(m_rx_queue.Count()));
@@ -691,6 +694,16 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
         *pointers[k] = dst;
     }
 
+    // Carried bytes not read yet are read here before the socket, as they would have been there.
+    DropCarried();
+    m_rx_carry = std::move(that.m_rx_carry);
+    m_rx_carry_idx = that.m_rx_carry_idx;
+    m_rx_carry_pos = that.m_rx_carry_pos;
+    m_rx_carry_keep = std::move(that.m_rx_carry_keep);
+    that.DropCarried();
+    if (m_rx_carry_idx < m_rx_carry.size()) {
+        m_events.fetch_or(static_cast<unsigned int>(EPOLLIN));
+    }
     m_rx_packet_cnt = that.m_rx_packet_cnt.load();
     m_tx_packet_cnt = that.m_tx_packet_cnt.load();
     m_wait_alloc_starttime = that.m_wait_alloc_starttime;

@@ -541,6 +541,10 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     int ReadCarried(void* buf, int len);
     // Forgets the carried bytes (and lets their memory go).
     void DropCarried();
+    // Ends the poller's receives for this socket (when it was doing them) and puts what it
+    // received and nobody read in front of m_rx_carry, so that the bytes go on with the
+    // connection to another loop or process. Owner's (update) thread.
+    void TakeBackReceived();
     // WriteSocket through the stream layer.
     int WriteStream(const char* buf, int len, LogCategory* log_cat);
     // One step of the layer's handshake (Update): CONNECTED once done, the registration
@@ -780,6 +784,10 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     size_t m_rx_carry_idx = 0;
     size_t m_rx_carry_pos = 0;
     std::shared_ptr<const void> m_rx_carry_keep;
+    // The poller receives for this socket (IPoller::StartReceive said yes): reads go through
+    // m_poller->Receive. Asked once per socket, at its first read. Update thread.
+    bool m_poller_reads = false;
+    bool m_poller_reads_asked = false;
     // Close cause (see GetLastIoResult/GetLastErrno), written by Update.
     Relaxed<int> m_last_io_result;
     Relaxed<int> m_last_errno;

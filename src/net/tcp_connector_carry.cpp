@@ -13,6 +13,9 @@
 // rebuilds the same packets with its own parser and blocks.
 #include <sys/epoll.h>
 
+#include <string>
+#include <utility>
+
 #include "net/tcp_connector.h"
 #include "net/tcp_connector_log.h"
 
@@ -27,6 +30,7 @@ size_t CTcpConnector::Carry::Size(const std::vector<Piece>& pieces) {
 }
 
 int CTcpConnector::ExportCarry(Carry* out) {
+    TakeBackReceived();  // what the poller took off the socket goes too
     out->unsent.clear();
     out->unread.clear();
     out->keep.reset();
@@ -155,6 +159,23 @@ int CTcpConnector::ReadCarried(void* buf, int len) {
         DropCarried();  // their memory goes too
     }
     return static_cast<int>(got);
+}
+
+void CTcpConnector::TakeBackReceived() {
+    if (!m_poller_reads) {
+        return;
+    }
+    m_poller_reads = false;  // asked already: the socket is read with recv(2) from now on
+    // The bytes go into memory the carry keeps, with whatever an earlier carry still owes.
+    auto keep = std::make_shared<std::pair<std::shared_ptr<const void>, std::string>>();
+    m_poller->StopReceive(m_socket, &keep->second);
+    if (keep->second.empty()) {
+        return;
+    }
+    keep->first = std::move(m_rx_carry_keep);
+    m_rx_carry.emplace_back(keep->second.data(), keep->second.size());
+    m_rx_carry_keep = std::move(keep);
+    m_events.fetch_or(static_cast<unsigned int>(EPOLLIN));
 }
 
 void CTcpConnector::DropCarried() {

@@ -226,7 +226,7 @@ int CTcpConnector::RecvToBuffer(NetBuffer* buffer) {
     }
     int room = buffer->WriteRemaining();
     int inq = -1;  // bytes queued after the read; -1: not asked or not told
-    bool ask_inq = m_rx_last_full && m_rx_inq == kRxInqOn;
+    bool ask_inq = m_rx_last_full && m_rx_inq == kRxInqOn && !m_poller_reads;
     int cnt = ReadSocket(buffer->m_buf + buffer->m_write_pos, room, ask_inq ? &inq : nullptr);
     if (cnt >= 1) {
         buffer->AddWritePosition(cnt);
@@ -236,7 +236,7 @@ int CTcpConnector::RecvToBuffer(NetBuffer* buffer) {
             // Drained for now: no read that would only meet would-block (see Recv).
             m_rx_drained = true;
             m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN));
-        } else if (m_rx_inq == kRxInqUntried) {
+        } else if (m_rx_inq == kRxInqUntried && !m_poller_reads) {
             EnableReadInq();
         }
     }
@@ -263,8 +263,14 @@ int CTcpConnector::ReadSocket(void* buf, int len, int* inq) {
         // Bytes carried over from another process come before the socket's.
         return m_rx_carry.empty() ? ReadStream(buf, len) : ReadCarried(buf, len);
     }
+    if (!m_poller_reads_asked) {
+        m_poller_reads_asked = true;  // a poller that receives for the socket does from now on
+        m_poller_reads = m_poller->StartReceive(m_socket);
+    }
     ssize_t cnt = 0;
-    if (inq == nullptr) {
+    if (m_poller_reads) {
+        cnt = m_poller->Receive(m_socket, buf, static_cast<size_t>(len));  // the kernel's queue is not told
+    } else if (inq == nullptr) {
         cnt = recv(m_socket, buf, static_cast<size_t>(len), 0);
     } else {
         struct iovec iov;

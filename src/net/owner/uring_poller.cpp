@@ -41,11 +41,14 @@ namespace QUOLNET {
 namespace {
 
 constexpr unsigned kCqEntries = 65536;    // every registration's completion fits, with room
-constexpr uint64_t kWithdrawTag = ~0ull;  // user_data of POLL_REMOVE: its completion is dropped
+constexpr uint64_t kWithdrawTag = ~0ull;  // user_data of withdrawals: their completions are dropped
 constexpr uint32_t kPollBits = EPOLLIN | EPOLLPRI | EPOLLOUT | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+constexpr uint16_t kBufGroup = 0;         // the buffer ring's group id
+constexpr uint32_t kRecvKind = 1u << 31;  // in a tag's low word: a receive, not a poll
 
-uint64_t Tag(int fd, uint32_t gen) {
-    return (static_cast<uint64_t>(static_cast<uint32_t>(fd)) << 32) | gen;
+// user_data: the descriptor above, the kind and the operation's number below.
+uint64_t Tag(int fd, uint32_t kind, uint32_t seq) {
+    return (static_cast<uint64_t>(static_cast<uint32_t>(fd)) << 32) | kind | (seq & ~kRecvKind);
 }
 
 unsigned LoadAcquire(const unsigned* p) {
@@ -58,10 +61,22 @@ void StoreRelease(unsigned* p, unsigned v) {
 
 }  // namespace
 
+#if defined(IORING_RECV_MULTISHOT) && defined(IORING_CQE_F_BUFFER)
+#define QUOLNET_URING_RECV 1
+#else
+#define QUOLNET_URING_RECV 0  // headers before 6.0: readiness only, reads stay recv(2)
+#endif
+
 CUringPoller::CUringPoller() {}
 
 CUringPoller::~CUringPoller() {
     CloseRing();
+    for (void* p : m_old_buf_rings) {
+        munmap(p, kBufCount * 16);
+    }
+    if (m_buf_mem != nullptr) {
+        munmap(m_buf_mem, static_cast<size_t>(kBufCount) * kBufSize);
+    }
 }
 
 void CUringPoller::CloseRing() {
@@ -81,6 +96,11 @@ void CUringPoller::CloseRing() {
         ::close(m_ring);
         m_ring = -1;
     }
+    if (m_buf_ring != nullptr) {
+        m_old_buf_rings.push_back(m_buf_ring);  // the closing ring may still hold it
+        m_buf_ring = nullptr;
+    }
+    m_receives = false;
 }
 
 int CUringPoller::Open(unsigned int entries, std::string* why) {
@@ -158,7 +178,73 @@ int CUringPoller::Open(unsigned int entries, std::string* why) {
     m_cq_tail = reinterpret_cast<unsigned*>(base + p.cq_off.tail);
     m_cq_mask = *reinterpret_cast<unsigned*>(base + p.cq_off.ring_mask);
     m_cqes = reinterpret_cast<io_uring_cqe*>(base + p.cq_off.cqes);
+    // Receives need the buffer ring (Linux 5.19) and multishot receive (6.0); without them
+    // the loop still works, by readiness, and reads stay recv(2).
+    m_receives = SetUpBuffers() == 0;
     return 0;
+}
+
+int CUringPoller::SetUpBuffers() {
+#if QUOLNET_URING_RECV
+    if (m_buf_mem == nullptr) {
+        void* mem = mmap(nullptr, static_cast<size_t>(kBufCount) * kBufSize, PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (mem == MAP_FAILED) {
+            return -1;
+        }
+        m_buf_mem = static_cast<char*>(mem);
+        m_bufs.assign(kBufCount, Buf());
+    }
+    void* ring = mmap(nullptr, kBufCount * sizeof(struct io_uring_buf), PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (ring == MAP_FAILED) {
+        return -1;
+    }
+    struct io_uring_buf_reg reg;
+    memset(&reg, 0, sizeof(reg));
+    reg.ring_addr = reinterpret_cast<uint64_t>(ring);
+    reg.ring_entries = kBufCount;
+    reg.bgid = kBufGroup;
+    if (syscall(__NR_io_uring_register, m_ring, IORING_REGISTER_PBUF_RING, &reg, 1) != 0) {
+        munmap(ring, kBufCount * sizeof(struct io_uring_buf));
+        return -1;
+    }
+    m_buf_ring = ring;
+    m_buf_tail = 0;
+    m_bufs_in_ring = 0;
+    // Every buffer no chunk holds goes to the kernel (all of them, but after a new ring
+    // took over from one whose chunks are still unread).
+    std::vector<bool> held(kBufCount, false);
+    for (const Reg& r : m_regs) {
+        for (int b = r.head; b != -1; b = m_bufs[static_cast<size_t>(b)].next) {
+            held[static_cast<size_t>(b)] = true;
+        }
+    }
+    for (unsigned b = 0; b < kBufCount; ++b) {
+        if (!held[b]) {
+            GiveBuffer(static_cast<int>(b));
+        }
+    }
+    return 0;
+#else
+    return -1;
+#endif
+}
+
+void CUringPoller::GiveBuffer(int bid) {
+#if QUOLNET_URING_RECV
+    // Entries by hand: in C++ the header's flexible array sits one empty member too far.
+    auto* br = static_cast<struct io_uring_buf_ring*>(m_buf_ring);
+    struct io_uring_buf& b = static_cast<struct io_uring_buf*>(m_buf_ring)[m_buf_tail & (kBufCount - 1)];
+    b.addr = reinterpret_cast<uint64_t>(m_buf_mem + static_cast<size_t>(bid) * kBufSize);
+    b.len = kBufSize;
+    b.bid = static_cast<uint16_t>(bid);
+    ++m_buf_tail;
+    __atomic_store_n(&br->tail, m_buf_tail, __ATOMIC_RELEASE);
+    ++m_bufs_in_ring;
+#else
+    (void)bid;
+#endif
 }
 
 bool CUringPoller::Available(std::string* why) {
@@ -182,10 +268,33 @@ CUringPoller::Reg& CUringPoller::RegOf(int fd) {
     return m_regs[static_cast<size_t>(fd)];
 }
 
+CUringPoller::Reg* CUringPoller::Find(int fd) {
+    if (fd < 0 || static_cast<size_t>(fd) >= m_regs.size() || !m_regs[static_cast<size_t>(fd)].active) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    return &m_regs[static_cast<size_t>(fd)];
+}
+
 void CUringPoller::MarkDirty(int fd, Reg& r) {
     if (!r.dirty) {
         r.dirty = true;
         m_dirty.push_back(fd);
+    }
+}
+
+void CUringPoller::MarkReady(int fd, Reg& r) {
+    if (!r.ready) {
+        r.ready = true;
+        m_ready.push_back(fd);
+    }
+}
+
+void CUringPoller::MarkInput(int fd, Reg& r) {
+    MarkReady(fd, r);
+    if (!r.on_input) {
+        r.on_input = true;
+        m_input.push_back(fd);
     }
 }
 
@@ -203,7 +312,7 @@ int CUringPoller::Add(int fd, uint32_t events, void* ptr) {
     r.active = true;
     r.ptr = ptr;
     r.events = events;
-    ++r.gen;
+    r.receives = false;
     MarkDirty(fd, r);
     return 0;
 }
@@ -212,18 +321,16 @@ int CUringPoller::Modify(int fd, uint32_t events, void* ptr) {
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (fd < 0 || static_cast<size_t>(fd) >= m_regs.size() || !m_regs[static_cast<size_t>(fd)].active) {
-            errno = ENOENT;
+        Reg* r = Find(fd);
+        if (r == nullptr) {
             return -1;
         }
-        Reg& r = m_regs[static_cast<size_t>(fd)];
-        if (r.events == events && r.ptr == ptr) {
+        if (r->events == events && r->ptr == ptr) {
             return 0;
         }
-        r.events = events;
-        r.ptr = ptr;
-        ++r.gen;
-        MarkDirty(fd, r);
+        r->events = events;
+        r->ptr = ptr;
+        MarkDirty(fd, *r);
         wake = m_wake && !(m_on_loop && m_on_loop());
     }
     if (wake) {
@@ -234,49 +341,177 @@ int CUringPoller::Modify(int fd, uint32_t events, void* ptr) {
 
 int CUringPoller::Remove(int fd) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (fd < 0 || static_cast<size_t>(fd) >= m_regs.size() || !m_regs[static_cast<size_t>(fd)].active) {
-        errno = ENOENT;
+    Reg* found = Find(fd);
+    if (found == nullptr) {
         return -1;
     }
-    Reg& r = m_regs[static_cast<size_t>(fd)];
+    Reg& r = *found;
     r.active = false;
     r.ptr = nullptr;
-    ++r.gen;
+    r.revents = 0;
+    r.receives = false;
+    // Withdrawn now, not at the next wait: the poll and the receive hold the socket's file,
+    // and the caller is about to close it.
+    uint64_t withdrawn = 0;
     if (r.armed) {
-        // Withdrawn now, not at the next wait: the poll holds the socket's file, and the
-        // caller is about to close it.
         io_uring_sqe* sqe = NextSqe();
         if (sqe != nullptr) {
-            const uint64_t withdrawn = Tag(fd, r.armed_gen);
+            withdrawn = Tag(fd, 0, r.poll_seq);
             sqe->opcode = IORING_OP_POLL_REMOVE;
             sqe->fd = -1;
             sqe->addr = withdrawn;
             sqe->user_data = kWithdrawTag;
             r.armed = false;
-            // The poll lets the file go when it completes (cancelled), which the kernel may
-            // leave to the next request for events: asked for here until its completion is
-            // in the ring (bounded; on another thread than the ring's, the enter fails).
-            for (int i = 0; i < 64 && !Completed(withdrawn); ++i) {
-                int ret = Enter(i == 0 ? EnterMode::kPoll : EnterMode::kWait, 1);
-                if (ret < 0 && errno != ETIME && errno != EINTR && errno != EBUSY) {
-                    break;
-                }
-            }
         } else {
             MarkDirty(fd, r);  // withdrawn at the next wait
         }
     }
+    if (r.recv == kArmed) {
+        io_uring_sqe* sqe = NextSqe();
+        if (sqe != nullptr) {
+            sqe->opcode = IORING_OP_ASYNC_CANCEL;
+            sqe->fd = -1;
+            sqe->addr = Tag(fd, kRecvKind, r.recv_seq);
+            sqe->user_data = kWithdrawTag;
+            r.recv = kCancelling;
+        } else {
+            MarkDirty(fd, r);
+        }
+    }
+    if ((withdrawn != 0 || r.recv != kOff) && !Settle(fd, withdrawn) && r.recv != kOff) {
+        // Not over in time (or not the ring's thread): what it still brings is dropped.
+        r.recv = kOff;
+        ++r.recv_seq;
+    }
+    TakeChunks(r, nullptr);
+    r.eof = false;
+    r.err = 0;
     return 0;
 }
 
-bool CUringPoller::Completed(uint64_t tag) const {
-    unsigned tail = LoadAcquire(m_cq_tail);
-    for (unsigned head = *m_cq_head; head != tail; ++head) {
-        if (m_cqes[head & m_cq_mask].user_data == tag) {
-            return true;
+bool CUringPoller::Settle(int fd, uint64_t tag) {
+    // A withdrawn poll lets the file go when it completes, which the kernel may leave to the
+    // next request for events; a cancelled receive may still bring chunks before its last
+    // completion. Asked for here until both are in (on another thread than the ring's, the
+    // enter fails and this gives up).
+    m_awaited = tag;
+    m_awaited_seen = tag == 0;
+    Reg& r = m_regs[static_cast<size_t>(fd)];
+    for (int i = 0; i < 64; ++i) {
+        int ret = Enter(i == 0 ? EnterMode::kPoll : EnterMode::kWait, 1);
+        if (ret < 0 && errno != ETIME && errno != EINTR && errno != EBUSY) {
+            break;
+        }
+        ReapAll();
+        if (m_awaited_seen && r.recv == kOff) {
+            break;
         }
     }
-    return false;
+    m_awaited = 0;
+    return m_awaited_seen && r.recv == kOff;
+}
+
+void CUringPoller::TakeChunks(Reg& r, std::string* left) {
+    while (r.head != -1) {
+        int bid = r.head;
+        Buf& b = m_bufs[static_cast<size_t>(bid)];
+        if (left != nullptr) {
+            left->append(m_buf_mem + static_cast<size_t>(bid) * kBufSize + b.off, b.len - b.off);
+        }
+        r.head = b.next;
+        GiveBuffer(bid);
+    }
+    r.tail = -1;
+    r.pending = 0;
+}
+
+bool CUringPoller::StartReceive(int fd) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Reg* r = Find(fd);
+    if (r == nullptr || !m_receives) {
+        return false;
+    }
+    r->receives = true;
+    MarkDirty(fd, *r);  // the receive is armed at the next wait; until then recv(2) reads
+    return true;
+}
+
+ssize_t CUringPoller::Receive(int fd, void* buf, size_t len) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    Reg* found = Find(fd);
+    if (found == nullptr || !found->receives) {
+        lock.unlock();
+        return recv(fd, buf, len, 0);
+    }
+    Reg& r = *found;
+    char* out = static_cast<char*>(buf);
+    size_t got = 0;
+    while (got < len && r.head != -1) {
+        int bid = r.head;
+        Buf& b = m_bufs[static_cast<size_t>(bid)];
+        size_t n = std::min(static_cast<size_t>(b.len - b.off), len - got);
+        memcpy(out + got, m_buf_mem + static_cast<size_t>(bid) * kBufSize + b.off, n);
+        got += n;
+        b.off += static_cast<uint32_t>(n);
+        r.pending -= n;
+        if (b.off == b.len) {
+            r.head = b.next;
+            if (r.head == -1) {
+                r.tail = -1;
+            }
+            GiveBuffer(bid);
+        }
+    }
+    if (r.recv == kOff) {
+        MarkDirty(fd, r);  // stopped for want of room or buffers: armed again at the next wait
+    }
+    if (got > 0) {
+        return static_cast<ssize_t>(got);
+    }
+    if (r.err != 0) {
+        errno = r.err;  // once, as the socket reports it; then it reads as ended
+        r.err = 0;
+        r.eof = true;
+        return -1;
+    }
+    if (r.eof) {
+        return 0;
+    }
+    if (r.recv == kOff) {
+        // No receive in flight (the buffers ran dry, or not armed yet): the socket itself.
+        lock.unlock();
+        return recv(fd, buf, len, 0);
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
+void CUringPoller::StopReceive(int fd, std::string* left) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Reg* found = Find(fd);
+    if (found == nullptr || !found->receives) {
+        return;
+    }
+    Reg& r = *found;
+    r.receives = false;
+    if (r.recv == kArmed) {
+        io_uring_sqe* sqe = NextSqe();
+        if (sqe != nullptr) {
+            sqe->opcode = IORING_OP_ASYNC_CANCEL;
+            sqe->fd = -1;
+            sqe->addr = Tag(fd, kRecvKind, r.recv_seq);
+            sqe->user_data = kWithdrawTag;
+            r.recv = kCancelling;
+        }
+    }
+    if (r.recv != kOff && !Settle(fd, 0)) {
+        r.recv = kOff;
+        ++r.recv_seq;
+    }
+    TakeChunks(r, left);
+    r.eof = false;  // the socket tells its end (or its error) again when read
+    r.err = 0;
+    MarkDirty(fd, r);  // readiness by a poll from now on
 }
 
 io_uring_sqe* CUringPoller::NextSqe() {
@@ -326,6 +561,78 @@ int CUringPoller::Enter(EnterMode mode, int timeout_ms) {
     return ret;
 }
 
+void CUringPoller::ArmReceive(int fd, Reg& r) {
+#if QUOLNET_URING_RECV
+    const bool want = r.active && r.receives && m_receives && (r.events & EPOLLIN) != 0 &&
+                      r.pending < kMaxPending && !r.eof && r.err == 0;
+    if (r.recv == kArmed && !want) {
+        io_uring_sqe* sqe = NextSqe();  // paused, full or stopped: the window pushes back
+        if (sqe == nullptr) {
+            MarkDirty(fd, r);
+            return;
+        }
+        sqe->opcode = IORING_OP_ASYNC_CANCEL;
+        sqe->fd = -1;
+        sqe->addr = Tag(fd, kRecvKind, r.recv_seq);
+        sqe->user_data = kWithdrawTag;
+        r.recv = kCancelling;  // off at its last completion, which marks it dirty again
+    } else if (r.recv == kOff && want && m_bufs_in_ring > 0) {
+        io_uring_sqe* sqe = NextSqe();
+        if (sqe == nullptr) {
+            MarkDirty(fd, r);
+            return;
+        }
+        ++r.recv_seq;
+        sqe->opcode = IORING_OP_RECV;
+        sqe->fd = fd;
+        sqe->flags = IOSQE_BUFFER_SELECT;
+        sqe->buf_group = kBufGroup;
+        sqe->ioprio = IORING_RECV_MULTISHOT;
+        sqe->user_data = Tag(fd, kRecvKind, r.recv_seq);
+        r.recv = kArmed;
+    }
+#else
+    (void)fd;
+    (void)r;
+#endif
+}
+
+void CUringPoller::ArmPoll(int fd, Reg& r) {
+    uint32_t mask = r.active ? r.events & kPollBits : 0;
+    if (r.receives && (r.recv != kOff || HasInput(r))) {
+        mask &= ~static_cast<uint32_t>(EPOLLIN);  // input comes by the receive
+    }
+    if (mask != 0) {
+        mask |= EPOLLERR | EPOLLHUP;  // reported whatever was asked, as by epoll
+    }
+    if (r.armed && r.armed_mask != mask) {
+        io_uring_sqe* sqe = NextSqe();  // the armed poll asks for what no longer holds
+        if (sqe == nullptr) {
+            MarkDirty(fd, r);
+            return;
+        }
+        sqe->opcode = IORING_OP_POLL_REMOVE;
+        sqe->fd = -1;
+        sqe->addr = Tag(fd, 0, r.poll_seq);
+        sqe->user_data = kWithdrawTag;
+        r.armed = false;
+    }
+    if (!r.armed && mask != 0) {
+        io_uring_sqe* sqe = NextSqe();
+        if (sqe == nullptr) {
+            MarkDirty(fd, r);
+            return;
+        }
+        ++r.poll_seq;
+        sqe->opcode = IORING_OP_POLL_ADD;
+        sqe->fd = fd;
+        sqe->poll32_events = mask;
+        sqe->user_data = Tag(fd, 0, r.poll_seq);
+        r.armed = true;
+        r.armed_mask = mask;
+    }
+}
+
 void CUringPoller::ArmDirty() {
     // Taken out of m_dirty first: what cannot be armed now is marked dirty again, into it.
     m_arming.clear();
@@ -333,51 +640,86 @@ void CUringPoller::ArmDirty() {
     for (int fd : m_arming) {
         Reg& r = m_regs[static_cast<size_t>(fd)];
         r.dirty = false;
-        if (r.armed && r.armed_gen != r.gen) {
-            io_uring_sqe* sqe = NextSqe();  // the armed poll asks for what no longer holds
-            if (sqe == nullptr) {
-                MarkDirty(fd, r);
-                continue;
-            }
-            sqe->opcode = IORING_OP_POLL_REMOVE;
-            sqe->fd = -1;
-            sqe->addr = Tag(fd, r.armed_gen);
-            sqe->user_data = kWithdrawTag;
-            r.armed = false;
-        }
-        if (r.active && !r.armed && (r.events & kPollBits) != 0) {
-            io_uring_sqe* sqe = NextSqe();
-            if (sqe == nullptr) {
-                MarkDirty(fd, r);
-                continue;
-            }
-            sqe->opcode = IORING_OP_POLL_ADD;
-            sqe->fd = fd;
-            sqe->poll32_events = (r.events & kPollBits) | EPOLLERR | EPOLLHUP;
-            sqe->user_data = Tag(fd, r.gen);
-            r.armed = true;
-            r.armed_gen = r.gen;
-        }
+        ArmReceive(fd, r);  // first: the poll's mask depends on it
+        ArmPoll(fd, r);
     }
 }
 
-int CUringPoller::Reap(epoll_event* out, int max) {
-    int n = 0;
+void CUringPoller::ReapRecv(const io_uring_cqe& cqe, int fd, uint32_t seq) {
+#if QUOLNET_URING_RECV
+    Reg* r = static_cast<size_t>(fd) < m_regs.size() ? &m_regs[static_cast<size_t>(fd)] : nullptr;
+    const bool mine = r != nullptr && r->recv != kOff && (r->recv_seq & ~kRecvKind) == seq;
+    if (cqe.flags & IORING_CQE_F_BUFFER) {
+        int bid = static_cast<int>(cqe.flags >> IORING_CQE_BUFFER_SHIFT);
+        --m_bufs_in_ring;
+        if (mine && cqe.res > 0 && static_cast<unsigned>(bid) < kBufCount) {
+            Buf& b = m_bufs[static_cast<size_t>(bid)];
+            b.next = -1;
+            b.len = static_cast<uint32_t>(cqe.res);
+            b.off = 0;
+            if (r->tail == -1) {
+                r->head = bid;
+            } else {
+                m_bufs[static_cast<size_t>(r->tail)].next = bid;
+            }
+            r->tail = bid;
+            r->pending += static_cast<size_t>(cqe.res);
+            if (r->pending >= kMaxPending) {
+                MarkDirty(fd, *r);  // enough waits unread: the receive stops
+            }
+        } else if (static_cast<unsigned>(bid) < kBufCount) {
+            GiveBuffer(bid);  // a stale receive's: its bytes belong to no one now
+        }
+    }
+    if (!mine) {
+        return;
+    }
+    if (cqe.res == 0) {
+        r->eof = true;
+    } else if (cqe.res < 0 && cqe.res != -ENOBUFS && cqe.res != -ECANCELED) {
+        if (cqe.res == -EINVAL && r->head == -1 && !r->eof) {
+            m_receives = false;  // this kernel has no multishot receive: readiness from now on
+            r->receives = false;
+        } else {
+            r->err = -cqe.res;
+        }
+    }
+    if (!(cqe.flags & IORING_CQE_F_MORE)) {
+        r->recv = kOff;
+        MarkDirty(fd, *r);  // armed again, or the poll takes over, at the next wait
+    }
+    if (r->active && HasInput(*r)) {
+        MarkInput(fd, *r);
+    }
+#else
+    (void)cqe;
+    (void)fd;
+    (void)seq;
+#endif
+}
+
+void CUringPoller::ReapAll() {
     unsigned head = *m_cq_head;
     unsigned tail = LoadAcquire(m_cq_tail);
-    while (head != tail && n < max) {
+    for (; head != tail; ++head) {
         const io_uring_cqe& cqe = m_cqes[head & m_cq_mask];
-        ++head;
         if (cqe.user_data == kWithdrawTag) {
             continue;
         }
+        if (cqe.user_data == m_awaited) {
+            m_awaited_seen = true;
+        }
         int fd = static_cast<int>(cqe.user_data >> 32);
-        uint32_t gen = static_cast<uint32_t>(cqe.user_data);
+        uint32_t low = static_cast<uint32_t>(cqe.user_data);
+        if (low & kRecvKind) {
+            ReapRecv(cqe, fd, low & ~kRecvKind);
+            continue;
+        }
         if (static_cast<size_t>(fd) >= m_regs.size()) {
             continue;
         }
         Reg& r = m_regs[static_cast<size_t>(fd)];
-        if (!r.armed || r.armed_gen != gen) {
+        if (!r.armed || (r.poll_seq & ~kRecvKind) != low) {
             continue;  // withdrawn or replaced since
         }
         r.armed = false;
@@ -385,26 +727,44 @@ int CUringPoller::Reap(epoll_event* out, int max) {
         if (!r.active) {
             continue;
         }
-        if (gen != r.gen) {
-            continue;  // the mask changed meanwhile: the new one is armed at the next wait
+        r.revents |= cqe.res >= 0 ? static_cast<uint32_t>(cqe.res) : static_cast<uint32_t>(EPOLLERR);
+        MarkReady(fd, r);
+    }
+    StoreRelease(m_cq_head, head);
+}
+
+int CUringPoller::Emit(epoll_event* out, int max) {
+    int n = 0;
+    size_t i = 0;
+    for (; i < m_ready.size() && n < max; ++i) {
+        int fd = m_ready[i];
+        Reg& r = m_regs[static_cast<size_t>(fd)];
+        r.ready = false;
+        uint32_t ev = r.revents & (r.events | EPOLLERR | EPOLLHUP);
+        r.revents = 0;
+        if (r.receives && (r.events & EPOLLIN) && HasInput(r)) {
+            ev |= EPOLLIN;
         }
-        uint32_t revents = cqe.res >= 0 ? static_cast<uint32_t>(cqe.res) : static_cast<uint32_t>(EPOLLERR);
-        out[n].events = revents;
+        if (!r.active || ev == 0) {
+            continue;
+        }
+        out[n].events = ev;
         out[n].data.ptr = r.ptr;
         ++n;
     }
-    StoreRelease(m_cq_head, head);
+    m_ready.erase(m_ready.begin(), m_ready.begin() + static_cast<std::ptrdiff_t>(i));
     return n;
 }
 
 int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
-    int n = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_disabled && m_single_issuer && m_issuer != std::this_thread::get_id()) {
             // The loop runs on another thread now (RunOnce here, then Run there): a ring
             // answers only the thread that enabled it, so a new one takes over the same
-            // registrations (readiness is found again when they are armed; nothing is lost).
+            // registrations. What the old one completed is taken in first; readiness is
+            // found again when the new one arms its polls and receives.
+            ReapAll();
             std::string why;
             CloseRing();
             m_queued = 0;
@@ -413,9 +773,14 @@ int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
                 return -1;
             }
             for (size_t fd = 0; fd < m_regs.size(); ++fd) {
-                m_regs[fd].armed = false;
-                if (m_regs[fd].active) {
-                    MarkDirty(static_cast<int>(fd), m_regs[fd]);
+                Reg& r = m_regs[fd];
+                r.armed = false;
+                if (r.recv != kOff) {
+                    r.recv = kOff;
+                    ++r.recv_seq;
+                }
+                if (r.active) {
+                    MarkDirty(static_cast<int>(fd), r);
                 }
             }
         }
@@ -427,15 +792,32 @@ int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
             m_disabled = false;
             m_issuer = std::this_thread::get_id();
         }
-        ArmDirty();          // what changed, and what was reported last time (level-triggered)
-        n = Reap(out, max);  // left over from the last wait: reported now, armed next time
+        // Unread input is reported again (level-triggered); a registration with none left
+        // leaves the list.
+        size_t keep = 0;
+        for (int fd : m_input) {
+            Reg& r = m_regs[static_cast<size_t>(fd)];
+            if (r.active && r.receives && HasInput(r)) {
+                m_input[keep++] = fd;
+                if (r.events & EPOLLIN) {
+                    MarkReady(fd, r);
+                }
+            } else {
+                r.on_input = false;
+            }
+        }
+        m_input.resize(keep);
+        ArmDirty();  // what changed, and what was reported last time (level-triggered)
+        ReapAll();   // left over from the last wait
     }
-    int ret = Enter(n == 0 && timeout_ms != 0 ? EnterMode::kWait : EnterMode::kPoll, timeout_ms);
-    if (ret < 0 && errno != ETIME && errno != EINTR && errno != EBUSY) {
-        return n > 0 ? n : -1;
-    }
+    int ret = Enter(m_ready.empty() && timeout_ms != 0 ? EnterMode::kWait : EnterMode::kPoll, timeout_ms);
     std::lock_guard<std::mutex> lock(m_mutex);
-    return n + Reap(out + n, max - n);
+    ReapAll();
+    int n = Emit(out, max);
+    if (n == 0 && ret < 0 && errno != ETIME && errno != EINTR && errno != EBUSY) {
+        return -1;
+    }
+    return n;
 }
 
 #else  // !QUOLNET_URING_BUILT: the kernel headers this was built with have no io_uring

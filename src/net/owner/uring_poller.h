@@ -1,26 +1,38 @@
-// CUringPoller: the loop's readiness through io_uring instead of epoll (the io_uring back
-// end's first part), over the kernel's raw interface: no library beyond the kernel headers.
+// CUringPoller: the loop's readiness and receives through io_uring instead of epoll (the
+// io_uring back end), over the kernel's raw interface: no library beyond the kernel headers.
 //
-// The same contract as epoll's level-triggered set (IPoller): a registered socket that stays
+// Readiness keeps epoll's level-triggered contract (IPoller): a registered socket that stays
 // ready is reported at every wait. Each registration has at most one one-shot poll in the
 // ring; a completion reports the socket once and the poll is armed again at the next Wait,
-// which finds the socket ready again at once if it still is. Every poll armed or withdrawn in
-// a tick goes to the kernel in the one io_uring_enter that also waits for the next events.
+// which finds the socket ready again at once if it still is.
 //
-//   registration (by descriptor):  ptr, events, generation
-//       Add / Modify / Remove  ->  table updated, descriptor marked dirty
-//       Wait                   ->  dirty ones: stale poll withdrawn (POLL_REMOVE), new one
-//                                  armed (POLL_ADD, user_data = descriptor and generation);
-//                                  one enter submits them and waits; completions of the
-//                                  current generation become events, older ones are dropped
+// Receives (StartReceive): the socket's input comes by one multishot receive into buffers
+// the loop provides (a buffer ring of kBufCount x kBufSize, owned here). Each completion's
+// chunk waits on the registration's list until the connector reads it (Receive); EPOLLIN
+// is reported at every wait while a chunk, the end of stream or an error waits, so the
+// contract stays level-triggered and no poll is needed for input.
 //
-// A poll holds the socket's file: Remove withdraws it before it returns (one enter, without
-// waiting), so that a close right after ends the connection at once.
+//   per registration:   poll (mask without EPOLLIN while receiving)   receive state
+//                                                                       kOff --arm--> kArmed
+//   Wait: what changed is armed or withdrawn,                          kArmed --paused, full,
+//   one enter submits and waits; completions                             stopped--> kCancelling
+//   become chunks and events; events go out                            kArmed/kCancelling --last
+//   once per registration                                                completion--> kOff
 //
-// Threads: Wait, Add and Remove on the loop's thread (or before the loop runs); Modify on
-// any thread. m_mutex guards the table, the dirty list and the submission ring; Wait does
-// not hold it while it sleeps in the kernel. A Modify from another thread wakes the loop
-// (`wake`), as epoll_ctl would.
+// Back-pressure: a registration holding kMaxPending unread bytes, or paused (no EPOLLIN),
+// has its receive cancelled, so the socket's own buffer and window push back on the peer.
+// When the buffer ring runs dry the receive ends (ENOBUFS); the registration then waits by
+// a readiness poll and Receive reads the socket itself (nothing is in flight then) until
+// buffers come back.
+//
+// A poll or a receive holds the socket's file: Remove withdraws both before it returns, and
+// StopReceive collects what the receive took, so a close or a hand-over right after loses
+// nothing and leaves nothing behind.
+//
+// Threads: Wait, Add, Remove, StartReceive, Receive and StopReceive on the loop's thread (or
+// before the loop runs); Modify on any thread. m_mutex guards the table, the lists, the
+// buffers and the submission ring; Wait does not hold it while it sleeps in the kernel. A
+// Modify from another thread wakes the loop (`wake`), as epoll_ctl would.
 #pragma once
 
 #include <sys/epoll.h>
@@ -57,6 +69,9 @@ class CUringPoller : public IPoller {
     int Add(int fd, uint32_t events, void* ptr) override;
     int Modify(int fd, uint32_t events, void* ptr) override;
     int Remove(int fd) override;
+    bool StartReceive(int fd) override;
+    ssize_t Receive(int fd, void* buf, size_t len) override;
+    void StopReceive(int fd, std::string* left) override;
 
     // Arms what changed, waits up to `timeout_ms` (-1: for ever, 0: not at all) for events,
     // and fills `out` (at most `max`). Returns how many, or -1 with errno set.
@@ -65,19 +80,44 @@ class CUringPoller : public IPoller {
     // Whether this kernel offers what the poller needs (probed once per process).
     static bool Available(std::string* why);
 
+    static constexpr unsigned kBufCount = 256;        // provided buffers per loop
+    static constexpr unsigned kBufSize = 16 * 1024;   // bytes each
+    static constexpr size_t kMaxPending = 64 * 1024;  // unread bytes before the receive stops
+
   private:
+    enum RecvState : uint8_t { kOff, kArmed, kCancelling };
     struct Reg {
         void* ptr = nullptr;
         uint32_t events = 0;
-        uint32_t gen = 0;     // bumped by every change; a completion of another is stale
-        bool active = false;  // registered
-        bool armed = false;   // a poll of generation `armed_gen` is in the ring
-        bool dirty = false;   // on m_dirty
-        uint32_t armed_gen = 0;
+        bool active = false;    // registered
+        bool armed = false;     // a poll (tag kPoll/poll_seq, mask armed_mask) is in the ring
+        bool dirty = false;     // on m_dirty
+        bool ready = false;     // on m_ready
+        bool on_input = false;  // on m_input
+        bool receives = false;  // StartReceive: input comes by the ring's receive
+        bool eof = false;       // the receive met the end of stream (after the chunks)
+        RecvState recv = kOff;
+        uint32_t poll_seq = 0;  // the armed poll's number; other completions are stale
+        uint32_t recv_seq = 0;  // the receive's number, as for polls
+        uint32_t armed_mask = 0;
+        uint32_t revents = 0;  // readiness reaped and not yet reported
+        int err = 0;           // the receive's failure (errno), after the chunks
+        int head = -1;         // chunks received and unread: buffer ids, oldest first,
+        int tail = -1;         //   linked through m_bufs[].next
+        size_t pending = 0;    // their unread bytes
+    };
+    struct Buf {
+        int next = -1;     // the next chunk of the same registration
+        uint32_t len = 0;  // bytes the receive put in
+        uint32_t off = 0;  // bytes already read
     };
 
     Reg& RegOf(int fd);
+    Reg* Find(int fd);
     void MarkDirty(int fd, Reg& r);
+    void MarkReady(int fd, Reg& r);
+    void MarkInput(int fd, Reg& r);
+    static bool HasInput(const Reg& r) { return r.head != -1 || r.eof || r.err != 0; }
     // Next free submission entry (submitting what is queued when the ring is full); null
     // when the kernel refuses even that.
     io_uring_sqe* NextSqe();
@@ -86,9 +126,20 @@ class CUringPoller : public IPoller {
     enum class EnterMode { kSubmit, kPoll, kWait };
     int Enter(EnterMode mode, int timeout_ms);
     void ArmDirty();
-    // Whether a completion with `tag` waits in the completion ring (not consumed).
-    bool Completed(uint64_t tag) const;
-    int Reap(epoll_event* out, int max);
+    void ArmReceive(int fd, Reg& r);
+    void ArmPoll(int fd, Reg& r);
+    // Every completion in the ring into the registrations' state (chunks, readiness).
+    void ReapAll();
+    void ReapRecv(const io_uring_cqe& cqe, int fd, uint32_t seq);
+    // Readiness and input reported once per registration, at most `max`.
+    int Emit(epoll_event* out, int max);
+    // Enters until the completion tagged `tag` is reaped and `fd`'s receive is over
+    // (bounded: 64 waits of 1 ms). True when both happened.
+    bool Settle(int fd, uint64_t tag);
+    // Drops `r`'s unread chunks, appending their bytes to `*left` when not null.
+    void TakeChunks(Reg& r, std::string* left);
+    void GiveBuffer(int bid);
+    int SetUpBuffers();
     void CloseRing();
 
     int m_ring = -1;
@@ -113,10 +164,25 @@ class CUringPoller : public IPoller {
     std::thread::id m_issuer;      // that thread
     unsigned m_entries = 0;        // as Open was asked
 
+    // Provided buffers: kBufCount x kBufSize bytes at m_buf_mem, handed to the kernel
+    // through the buffer ring at m_buf_ring (one per ring opened; old ones are unmapped
+    // with the poller, the kernel may still read them while a closed ring winds down).
+    bool m_receives = false;  // the kernel took the buffer ring: receives by the ring
+    char* m_buf_mem = nullptr;
+    void* m_buf_ring = nullptr;
+    std::vector<void*> m_old_buf_rings;
+    uint16_t m_buf_tail = 0;      // the buffer ring's tail, as last published
+    unsigned m_bufs_in_ring = 0;  // buffers the kernel may fill
+    std::vector<Buf> m_bufs;      // by buffer id
+
     std::mutex m_mutex;
     std::vector<Reg> m_regs;    // by descriptor; guarded by m_mutex
     std::vector<int> m_dirty;   // descriptors to arm or withdraw at the next Wait; guarded by m_mutex
     std::vector<int> m_arming;  // m_dirty's list while ArmDirty works through it (storage kept)
+    std::vector<int> m_ready;   // descriptors with something to report; guarded by m_mutex
+    std::vector<int> m_input;   // descriptors with unread input (reported at every wait)
+    uint64_t m_awaited = 0;     // Settle: the tag it waits for, and whether it was reaped
+    bool m_awaited_seen = false;
     std::function<void()> m_wake;
     std::function<bool()> m_on_loop;
 };
