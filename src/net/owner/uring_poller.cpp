@@ -423,6 +423,7 @@ void CUringPoller::TakeChunks(Reg& r, std::string* left) {
     }
     r.tail = -1;
     r.pending = 0;
+    r.chunks = 0;
 }
 
 bool CUringPoller::StartReceive(int fd) {
@@ -455,6 +456,7 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len) {
         b.off += static_cast<uint32_t>(n);
         r.pending -= n;
         if (b.off == b.len) {
+            --r.chunks;
             r.head = b.next;
             if (r.head == -1) {
                 r.tail = -1;
@@ -564,7 +566,7 @@ int CUringPoller::Enter(EnterMode mode, int timeout_ms) {
 void CUringPoller::ArmReceive(int fd, Reg& r) {
 #if QUOLNET_URING_RECV
     const bool want = r.active && r.receives && m_receives && (r.events & EPOLLIN) != 0 &&
-                      r.pending < kMaxPending && !r.eof && r.err == 0;
+                      r.pending < kMaxPending && r.chunks < kMaxChunks && !r.eof && r.err == 0;
     if (r.recv == kArmed && !want) {
         io_uring_sqe* sqe = NextSqe();  // paused, full or stopped: the window pushes back
         if (sqe == nullptr) {
@@ -664,7 +666,8 @@ void CUringPoller::ReapRecv(const io_uring_cqe& cqe, int fd, uint32_t seq) {
             }
             r->tail = bid;
             r->pending += static_cast<size_t>(cqe.res);
-            if (r->pending >= kMaxPending) {
+            ++r->chunks;
+            if (r->pending >= kMaxPending || r->chunks >= kMaxChunks) {
                 MarkDirty(fd, *r);  // enough waits unread: the receive stops
             }
         } else if (static_cast<unsigned>(bid) < kBufCount) {

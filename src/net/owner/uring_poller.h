@@ -19,7 +19,8 @@
 //   become chunks and events; events go out                            kArmed/kCancelling --last
 //   once per registration                                                completion--> kOff
 //
-// Back-pressure: a registration holding kMaxPending unread bytes, or paused (no EPOLLIN),
+// Back-pressure: a registration holding kMaxPending unread bytes or kMaxChunks chunks, or
+// paused (no EPOLLIN),
 // has its receive cancelled, so the socket's own buffer and window push back on the peer.
 // When the buffer ring runs dry the receive ends (ENOBUFS); the registration then waits by
 // a readiness poll and Receive reads the socket itself (nothing is in flight then) until
@@ -77,12 +78,17 @@ class CUringPoller : public IPoller {
     // and fills `out` (at most `max`). Returns how many, or -1 with errno set.
     int Wait(epoll_event* out, int max, int timeout_ms);
 
+    // Provided buffers the kernel may fill now (the others hold unread chunks). Loop thread.
+    unsigned BuffersFree() const { return m_bufs_in_ring; }
+
     // Whether this kernel offers what the poller needs (probed once per process).
     static bool Available(std::string* why);
 
     static constexpr unsigned kBufCount = 256;        // provided buffers per loop
     static constexpr unsigned kBufSize = 16 * 1024;   // bytes each
     static constexpr size_t kMaxPending = 64 * 1024;  // unread bytes before the receive stops
+    static constexpr unsigned kMaxChunks = 4;         // or unread chunks (a trickle of tiny
+                                                      // segments must not take every buffer)
 
   private:
     enum RecvState : uint8_t { kOff, kArmed, kCancelling };
@@ -105,6 +111,7 @@ class CUringPoller : public IPoller {
         int head = -1;         // chunks received and unread: buffer ids, oldest first,
         int tail = -1;         //   linked through m_bufs[].next
         size_t pending = 0;    // their unread bytes
+        unsigned chunks = 0;   // and how many
     };
     struct Buf {
         int next = -1;     // the next chunk of the same registration

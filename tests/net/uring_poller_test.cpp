@@ -1,0 +1,262 @@
+// CUringPoller's receives: a socket's input taken by the ring's multishot receive and read
+// through Receive, in order, level-triggered, stopped and collected without losing a byte,
+// and served by the socket itself when the loop's buffers run dry. Real sockets (socketpair),
+// a real ring; skipped where the kernel offers no io_uring.
+#include "net/owner/uring_poller.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+
+namespace {
+
+using QUOLNET::CUringPoller;
+
+struct Pair {
+    int ours = -1;    // registered with the poller
+    int theirs = -1;  // the peer's end
+    Pair() {
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv) == 0) {
+            ours = sv[0];
+            theirs = sv[1];
+        }
+    }
+    ~Pair() {
+        if (ours >= 0) {
+            close(ours);
+        }
+        if (theirs >= 0) {
+            close(theirs);
+        }
+    }
+    Pair(const Pair&) = delete;
+    Pair& operator=(const Pair&) = delete;
+};
+
+// A poller with receives, or a skip.
+#define NEED_RECEIVES(poller)                                     \
+    do {                                                          \
+        std::string why;                                          \
+        if (!CUringPoller::Available(&why)) {                     \
+            GTEST_SKIP() << "io_uring unavailable here: " << why; \
+        }                                                         \
+        ASSERT_EQ(0, (poller).Open(256, &why)) << why;            \
+    } while (0)
+
+// Waits (up to 2 s) until `fd`'s registration (`tag`) is reported; its events, or 0.
+uint32_t WaitFor(CUringPoller& p, void* tag, int timeout_ms = 2000) {
+    epoll_event ev[64];
+    for (int waited = 0; waited < timeout_ms; waited += 10) {
+        int n = p.Wait(ev, 64, 10);
+        for (int i = 0; i < n; ++i) {
+            if (ev[i].data.ptr == tag) {
+                return ev[i].events;
+            }
+        }
+    }
+    return 0;
+}
+
+// Reads `fd`'s input through the poller until `want` bytes came (or 2 s passed).
+std::string ReadThrough(CUringPoller& p, int fd, void* tag, size_t want) {
+    std::string got;
+    char buf[7000];
+    for (int round = 0; round < 400 && got.size() < want; ++round) {
+        ssize_t n = p.Receive(fd, buf, sizeof(buf));
+        if (n > 0) {
+            got.append(buf, static_cast<size_t>(n));
+            continue;
+        }
+        if (n == 0 || errno != EAGAIN) {
+            break;
+        }
+        WaitFor(p, tag, 10);
+    }
+    return got;
+}
+
+std::string Pattern(size_t n, unsigned seed) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) {
+        s[i] = static_cast<char>((i * 131 + seed) % 251);
+    }
+    return s;
+}
+
+TEST(UringPollerReceive, BytesComeInOrderAndAreReportedUntilRead) {
+    CUringPoller p;
+    NEED_RECEIVES(p);
+    Pair s;
+    int tag = 0;
+    ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
+    ASSERT_TRUE(p.StartReceive(s.ours));
+    epoll_event ev[8];
+    EXPECT_EQ(0, p.Wait(ev, 8, 0));  // arms the receive; nothing came yet
+    ASSERT_EQ(5, write(s.theirs, "hello", 5));
+    EXPECT_EQ(static_cast<uint32_t>(EPOLLIN), WaitFor(p, &tag) & EPOLLIN);
+    char buf[8];
+    ASSERT_EQ(2, p.Receive(s.ours, buf, 2));
+    EXPECT_EQ("he", std::string(buf, 2));
+    // Level-triggered: what is left is reported at the next wait, without new bytes.
+    EXPECT_EQ(static_cast<uint32_t>(EPOLLIN), WaitFor(p, &tag, 100) & EPOLLIN);
+    ASSERT_EQ(3, p.Receive(s.ours, buf, sizeof(buf)));
+    EXPECT_EQ("llo", std::string(buf, 3));
+    errno = 0;
+    EXPECT_EQ(-1, p.Receive(s.ours, buf, sizeof(buf)));
+    EXPECT_EQ(EAGAIN, errno);
+    EXPECT_EQ(0u, WaitFor(p, &tag, 50));  // nothing unread: nothing reported
+    // The end of stream comes after the bytes, and stays.
+    ASSERT_EQ(3, write(s.theirs, "bye", 3));
+    shutdown(s.theirs, SHUT_WR);
+    EXPECT_EQ("bye", ReadThrough(p, s.ours, &tag, 3));
+    EXPECT_NE(0u, WaitFor(p, &tag, 100) & EPOLLIN);
+    EXPECT_EQ(0, p.Receive(s.ours, buf, sizeof(buf)));
+    EXPECT_EQ(0, p.Receive(s.ours, buf, sizeof(buf)));
+    EXPECT_EQ(0, p.Remove(s.ours));
+}
+
+TEST(UringPollerReceive, AStreamPausedAndResumedArrivesWhole) {
+    CUringPoller p;
+    NEED_RECEIVES(p);
+    Pair s;
+    int tag = 0;
+    ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
+    ASSERT_TRUE(p.StartReceive(s.ours));
+    const std::string sent = Pattern(4 << 20, 7);  // far beyond the ring's buffers
+    std::thread writer([&]() {
+        size_t off = 0;
+        while (off < sent.size()) {
+            ssize_t n = write(s.theirs, sent.data() + off, std::min<size_t>(7777, sent.size() - off));
+            if (n > 0) {
+                off += static_cast<size_t>(n);
+            } else {
+                usleep(200);  // the reader paused: its window is closed
+            }
+        }
+    });
+    std::string got;
+    char buf[9000];
+    for (int round = 0; got.size() < sent.size() && round < 200000; ++round) {
+        if (round % 50 == 0) {
+            // Paused for a while: no input is reported, the writer is held back.
+            ASSERT_EQ(0, p.Modify(s.ours, EPOLLERR, &tag));
+            EXPECT_EQ(0u, WaitFor(p, &tag, 2) & EPOLLIN);  // the receive's cancel lands
+            const unsigned free_paused = p.BuffersFree();
+            for (int i = 0; i < 3; ++i) {
+                EXPECT_EQ(0u, WaitFor(p, &tag, 2) & EPOLLIN);
+            }
+            // While paused nothing more is taken off the socket, though the writer writes.
+            EXPECT_EQ(free_paused, p.BuffersFree());
+            ASSERT_EQ(0, p.Modify(s.ours, EPOLLIN | EPOLLERR, &tag));
+        }
+        ssize_t n = p.Receive(s.ours, buf, sizeof(buf));
+        if (n > 0) {
+            got.append(buf, static_cast<size_t>(n));
+        } else {
+            ASSERT_EQ(-1, n);
+            ASSERT_EQ(EAGAIN, errno);
+            WaitFor(p, &tag, 10);
+        }
+    }
+    writer.join();
+    ASSERT_EQ(sent.size(), got.size());
+    EXPECT_TRUE(sent == got) << "bytes out of order or changed";
+    EXPECT_EQ(0, p.Remove(s.ours));
+}
+
+TEST(UringPollerReceive, StopReceiveHandsBackUnreadBytesBeforeTheSocketsOwn) {
+    CUringPoller p;
+    NEED_RECEIVES(p);
+    Pair s;
+    int tag = 0;
+    ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
+    ASSERT_TRUE(p.StartReceive(s.ours));
+    epoll_event ev[8];
+    p.Wait(ev, 8, 0);
+    const std::string first = Pattern(40000, 3);  // three chunks, unread
+    ASSERT_EQ(static_cast<ssize_t>(first.size()), write(s.theirs, first.data(), first.size()));
+    ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+    for (int i = 0; i < 5; ++i) {
+        p.Wait(ev, 8, 1);  // every chunk is in
+    }
+    std::string left;
+    p.StopReceive(s.ours, &left);
+    EXPECT_TRUE(left == first) << left.size() << " of " << first.size() << " bytes handed back";
+    // From now on the socket itself holds what comes, and the poll reports it.
+    ASSERT_EQ(3, write(s.theirs, "new", 3));
+    EXPECT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+    char buf[8];
+    ASSERT_EQ(3, recv(s.ours, buf, sizeof(buf), 0));
+    EXPECT_EQ("new", std::string(buf, 3));
+    EXPECT_EQ(0, p.Remove(s.ours));
+}
+
+TEST(UringPollerReceive, ADryBufferRingLeavesReadingToTheSocket) {
+    CUringPoller p;
+    NEED_RECEIVES(p);
+    // Enough connections, each holding its most unread, to take every buffer the loop has.
+    const size_t hogs = CUringPoller::kBufCount * CUringPoller::kBufSize / CUringPoller::kMaxPending + 8;
+    std::vector<std::unique_ptr<Pair>> pairs;
+    std::vector<int> tags(hogs + 1);
+    const std::string heap = Pattern(CUringPoller::kMaxPending, 1);
+    for (size_t i = 0; i < hogs; ++i) {
+        pairs.emplace_back(new Pair());
+        ASSERT_GE(pairs.back()->ours, 0);
+        ASSERT_EQ(0, p.Add(pairs.back()->ours, EPOLLIN | EPOLLERR, &tags[i]));
+        ASSERT_TRUE(p.StartReceive(pairs.back()->ours));
+        ASSERT_EQ(static_cast<ssize_t>(heap.size()), write(pairs.back()->theirs, heap.data(), heap.size()));
+    }
+    epoll_event ev[512];
+    for (int i = 0; i < 20; ++i) {
+        p.Wait(ev, 512, 5);  // the receives take what they can, and run dry
+    }
+    EXPECT_EQ(0u, p.BuffersFree());
+    Pair last;
+    ASSERT_EQ(0, p.Add(last.ours, EPOLLIN | EPOLLERR, &tags[hogs]));
+    ASSERT_TRUE(p.StartReceive(last.ours));
+    p.Wait(ev, 512, 0);
+    ASSERT_EQ(4, write(last.theirs, "ping", 4));
+    EXPECT_EQ("ping", ReadThrough(p, last.ours, &tags[hogs], 4));
+    // Every hog still gets its bytes whole, in order.
+    for (size_t i = 0; i < hogs; ++i) {
+        EXPECT_TRUE(ReadThrough(p, pairs[i]->ours, &tags[i], heap.size()) == heap) << "connection " << i;
+    }
+    for (auto& s : pairs) {
+        EXPECT_EQ(0, p.Remove(s->ours));
+    }
+    EXPECT_EQ(0, p.Remove(last.ours));
+    EXPECT_EQ(CUringPoller::kBufCount, p.BuffersFree());  // every buffer came back
+}
+
+TEST(UringPollerReceive, RemoveLetsTheSocketGoAtOnce) {
+    CUringPoller p;
+    NEED_RECEIVES(p);
+    int tag = 0;
+    for (int round = 0; round < 50; ++round) {
+        Pair s;
+        ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
+        ASSERT_TRUE(p.StartReceive(s.ours));
+        epoll_event ev[8];
+        p.Wait(ev, 8, 0);
+        ASSERT_EQ(3, write(s.theirs, "abc", 3));  // dropped with the registration
+        ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+        ASSERT_EQ(0, p.Remove(s.ours));
+        close(s.ours);
+        s.ours = -1;
+        // Nothing of the ring holds the socket: the peer sees the end now.
+        char buf[4];
+        int fl = fcntl(s.theirs, F_GETFL);
+        fcntl(s.theirs, F_SETFL, fl & ~O_NONBLOCK);
+        EXPECT_EQ(0, read(s.theirs, buf, sizeof(buf))) << "round " << round;
+    }
+}
+
+}  // namespace
