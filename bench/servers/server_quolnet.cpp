@@ -16,6 +16,8 @@
 // own connection down through TCP.
 //
 //   --cork off       never cork: every reply is a direct Send (to measure what corking buys).
+//   --cork all       cork every reply: each connection's replies leave with the end-of-tick
+//                    flush, which on the io_uring back end is one call to the kernel for all.
 //
 // TLS (built when quolnet::tls is): --tls-cert FILE --tls-key FILE serves the same echo/sink
 // over TLS 1.3 with that certificate, --tls with a self-signed one made in memory; the one
@@ -54,7 +56,7 @@ void OnStopSignal(int) {
 
 class CEchoHandler : public QUOLNET::IConnectorHandler {
   public:
-    CEchoHandler(bool sink, bool cork) : m_sink(sink), m_cork(cork) {}
+    CEchoHandler(bool sink, bool cork, bool cork_all) : m_sink(sink), m_cork(cork), m_cork_all(cork_all) {}
     CEchoHandler(const CEchoHandler&) = delete;
     CEchoHandler& operator=(const CEchoHandler&) = delete;
 
@@ -62,7 +64,8 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
                   bool more) override {
         if (!m_sink) {
             // The last packet of a run (more false) joins the corked ones in Send.
-            int ret = m_cork && more ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
+            int ret =
+                (m_cork && more) || m_cork_all ? mgr->SendCorked(id, data, len) : mgr->Send(id, data, len);
             if (ret == 0)
                 return false;  // no room now: offered again shortly
             if (ret < 0) {
@@ -124,7 +127,8 @@ class CEchoHandler : public QUOLNET::IConnectorHandler {
     }
 
     bool m_sink;
-    bool m_cork;  // false: every reply is a direct Send
+    bool m_cork;      // false: every reply is a direct Send
+    bool m_cork_all;  // every reply is corked
     std::mutex m_counts_mutex;
     std::vector<std::unique_ptr<LoopCount>> m_counts;  // guarded by m_counts_mutex
 };
@@ -225,11 +229,11 @@ int main(int argc, char** argv) {
     }
     RaiseFdLimit();
     std::string cork = opt.cork ? opt.cork : "on";
-    if (cork != "on" && cork != "off") {
-        std::fprintf(stderr, "bench_server_quolnet: --cork on|off\n");
+    if (cork != "on" && cork != "off" && cork != "all") {
+        std::fprintf(stderr, "bench_server_quolnet: --cork on|off|all\n");
         return 2;
     }
-    CEchoHandler handler(opt.sink, cork == "on");
+    CEchoHandler handler(opt.sink, cork == "on", cork == "all");
     QUOLNET::ConnectorMgrOptions options;
     options.use_recv_callback = mode == "callback";
     options.pool_blocks = 16384;  // made on demand: 1000 connections x 256 KiB packets fit

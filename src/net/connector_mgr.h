@@ -571,6 +571,8 @@ class QUOLNET_EXPORT CConnectorMgr {
     void RunTick(const std::vector<size_t>& readable);
     void EndTick();
     void FlushCorked();
+    // What FlushCorked does with a connection after its flush returned `ret`.
+    void FlushedCorked(OwnedConn* c, int ret);
     void DrainWork();
     // Shutdown's work on the loop thread: begins the drain once asked, aborts what is left at
     // the deadline, and stops the loop when no connection is left.
@@ -632,8 +634,13 @@ class QUOLNET_EXPORT CConnectorMgr {
     int64_t m_other_work_ns = 0;           // the last tick in which established connections had work
     unsigned int m_tick_other_work = 0;
     bool m_stream_layers_used = false;
-    std::vector<OwnedConn*> m_corked;     // connections with corked sends this tick (loop thread)
-    std::vector<OwnedConn*> m_flushing;   // the ones FlushCorked is sending (loop thread)
+    std::vector<OwnedConn*> m_corked;    // connections with corked sends this tick (loop thread)
+    std::vector<OwnedConn*> m_flushing;  // the ones FlushCorked is sending (loop thread)
+    // FlushCorked's batch for the poller (IPoller::SendBatch): each connection's first block,
+    // and the results. Storage kept from tick to tick (loop thread).
+    std::vector<OwnedConn*> m_batch_conns;
+    std::vector<SendOp> m_batch_ops;
+    std::vector<int> m_batch_results;
     std::vector<OwnedConn*> m_graveyard;  // finalised or moved away, freed at the end of the tick
 
     std::mutex m_recheck_mutex;             // guards m_recheck_foreign

@@ -8,6 +8,7 @@
 // allows.
 #pragma once
 
+#include <errno.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -23,6 +24,13 @@ enum class IoBackend {
     kEpoll,    // epoll_wait
     kIoUring,  // io_uring (Init fails when the kernel does not offer it)
     kAuto,     // io_uring where the kernel offers it (not disabled or filtered), else epoll
+};
+
+// One write of a batch (IPoller::SendBatch): `len` bytes at `buf` on `fd`.
+struct SendOp {
+    int fd;
+    const void* buf;
+    size_t len;
 };
 
 class IPoller {
@@ -56,6 +64,17 @@ class IPoller {
     virtual void StopReceive(int fd, std::string* left) {
         (void)fd;
         (void)left;
+    }
+    // Writes every op of `ops`, each as send(2) with MSG_DONTWAIT | MSG_NOSIGNAL would, and
+    // stores its result in results[i]: the bytes taken, or -errno (-EAGAIN: none). Returns
+    // when every write is over: the memory may be reused then. A poller that can hand the
+    // kernel the whole batch at once (io_uring: one enter) does; this one writes in turn.
+    // Loop thread.
+    virtual void SendBatch(const SendOp* ops, size_t n, int* results) {
+        for (size_t i = 0; i < n; ++i) {
+            ssize_t r = send(ops[i].fd, ops[i].buf, ops[i].len, MSG_DONTWAIT | MSG_NOSIGNAL);
+            results[i] = r >= 0 ? static_cast<int>(r) : -errno;
+        }
     }
 };
 

@@ -466,6 +466,16 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // when the connection is broken. With nothing queued and writability already off in the
     // registration it returns 0 at once, under one lock, without taking the role.
     int Send();
+    // The owner's end-of-tick flush in two halves, so that a poller may write many
+    // connections' blocks in one call to the kernel (IPoller::SendBatch). BeginBatchedFlush
+    // takes the sending role and the first queued block and describes its bytes in `*op`;
+    // false when there is nothing to write or this connector must flush by itself (a stream
+    // layer, another thread holding the role): then Send() is the way. EndBatchedFlush
+    // takes the write's result (bytes, or -errno as send(2) gives it), goes on with the rest
+    // of the queue as Send() would, gives the role back and returns what Send() returns.
+    // Owner's thread; between the two the connector is not flushed or finished.
+    bool BeginBatchedFlush(SendOp* op);
+    int EndBatchedFlush(int result);
     // Whether a packet of `len` bytes may be expected to be accepted now: connected, room
     // under m_max_tx_buf_num (whole blocks, unlocked count) and pool blocks to spare.
     bool IsSendBufEnough(unsigned int len) override;
@@ -642,6 +652,10 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     // another thread at that moment may be missed; such a packet armed writability, so the
     // next tick flushes it. Owner's thread.
     bool NothingToFlush() const;
+    // After a write of `node`'s block (Sending, EndBatchedFlush): a block with bytes left goes
+    // back to the head of the queue and writability is armed (true); a block written whole
+    // has its queue wait counted and goes back to the pool (false).
+    bool SettleWrittenBlock(LIST_NODE* node, LogCategory* cat);
     // Writes queued blocks until the queue is empty, the socket would block or the owner's
     // cork block comes first. Caller holds the sending role. Bytes written, or negative.
     int Sending(LogCategory* log_cat);
@@ -733,7 +747,8 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     Relaxed<long> m_rx_packet_cnt;
     Relaxed<int64_t> m_tx_packet_cnt;
 
-    std::atomic<bool> m_is_sending;  // the sending role; taken under m_tx_mutex
+    std::atomic<bool> m_is_sending;    // the sending role; taken under m_tx_mutex
+    LIST_NODE* m_tx_flight = nullptr;  // BeginBatchedFlush's block, held by the role
     // The mask last registered with epoll for m_socket (0: none known). Written under
     // m_tx_mutex; Init and Connect set it on registration, Close resets it. The owner's
     // flush reads it without the lock first (NothingToFlush).

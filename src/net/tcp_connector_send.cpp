@@ -632,37 +632,102 @@ int CTcpConnector::Sending(LogCategory* log_cat) {
             total_send_cnt += ret;
         }
 
-        if (buffer->HasReadRemaining()) {
-            // Partial write or would-block: the block stays first, and write readiness is
-            // armed (it already is unless the queue was filled by SendToQCorked).
-            AutoLocker locker(&m_tx_mutex);
-            m_tx_queue.InsertHead(node);
-            if (SetRegisteredEventsLocked(kArmedEvents) != 0) {
-                int err = errno;
-                QN_LOG(cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(),
-                       GetLocalURL(), err);
-            }
-            return total_send_cnt;
+        if (SettleWrittenBlock(node, cat)) {
+            return total_send_cnt;  // partial write or would-block
         }
-
-        // Queue wait of the block, from its first byte to its last being written, in
-        // microseconds; 32-bit wrapping arithmetic (waits beyond about 35 minutes wrap).
-        struct timeval tv;
-        gettimeofday(&tv, nullptr);
-        uint32_t wrapped =
-            static_cast<uint32_t>(static_cast<uint32_t>(tv.tv_sec - buffer->m_tv.tv_sec) * 1000000u) -
-            static_cast<uint32_t>(buffer->m_tv.tv_usec) + static_cast<uint32_t>(tv.tv_usec);
-        int cost = static_cast<int>(wrapped);
-        if (cost < 0) {
-            cost = 0;
-        }
-        if (cost > m_tx_max_wait_time) {
-            m_tx_max_wait_time = cost;
-        }
-        m_tx_avg_wait_time =
-            static_cast<float>((static_cast<double>(m_tx_avg_wait_time) * 9999.0 + cost) / 10000.0);
-        m_net_buf_mgr->Release(&buffer);
     }
+}
+
+bool CTcpConnector::SettleWrittenBlock(LIST_NODE* node, LogCategory* cat) {
+    NetBuffer* buffer = static_cast<NetBuffer*>(node->pData);
+    if (buffer->HasReadRemaining()) {
+        // Partial write or would-block: the block stays first, and write readiness is
+        // armed (it already is unless the queue was filled by SendToQCorked).
+        AutoLocker locker(&m_tx_mutex);
+        m_tx_queue.InsertHead(node);
+        if (SetRegisteredEventsLocked(kArmedEvents) != 0) {
+            int err = errno;
+            QN_LOG(cat, QN_ERROR, "epoll_ctl() failed, url=%s, local_url=%s, errno=%d", GetURL(),
+                   GetLocalURL(), err);
+        }
+        return true;
+    }
+
+    // Queue wait of the block, from its first byte to its last being written, in
+    // microseconds; 32-bit wrapping arithmetic (waits beyond about 35 minutes wrap).
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    uint32_t wrapped =
+        static_cast<uint32_t>(static_cast<uint32_t>(tv.tv_sec - buffer->m_tv.tv_sec) * 1000000u) -
+        static_cast<uint32_t>(buffer->m_tv.tv_usec) + static_cast<uint32_t>(tv.tv_usec);
+    int cost = static_cast<int>(wrapped);
+    if (cost < 0) {
+        cost = 0;
+    }
+    if (cost > m_tx_max_wait_time) {
+        m_tx_max_wait_time = cost;
+    }
+    m_tx_avg_wait_time =
+        static_cast<float>((static_cast<double>(m_tx_avg_wait_time) * 9999.0 + cost) / 10000.0);
+    m_net_buf_mgr->Release(&buffer);
+    return false;
+}
+
+bool CTcpConnector::BeginBatchedFlush(SendOp* op) {
+    if (m_io != nullptr || NothingToFlush()) {
+        return false;
+    }
+    AutoLocker locker(&m_tx_mutex);
+    EndCork();  // the owner's flush ends its cork: the block may be sent
+    LIST_NODE* head = m_tx_queue.Head();
+    if (m_is_sending.load() || head == nullptr || !static_cast<NetBuffer*>(head->pData)->HasReadRemaining()) {
+        return false;  // Send() handles what is left (a role held elsewhere, an empty block)
+    }
+    m_is_sending.store(true);
+    m_tx_flight = m_tx_queue.RemoveHead();  // as Sending holds the block it writes
+    const NetBuffer* b = static_cast<const NetBuffer*>(m_tx_flight->pData);
+    op->fd = m_socket;
+    op->buf = b->ReadBuf();
+    op->len = static_cast<size_t>(b->ReadRemaining());
+    return true;
+}
+
+int CTcpConnector::EndBatchedFlush(int result) {
+    LIST_NODE* node = m_tx_flight;
+    m_tx_flight = nullptr;
+    NetBuffer* buffer = static_cast<NetBuffer*>(node->pData);
+    int ret = 0;
+    if (result == -EAGAIN) {
+        m_events.fetch_and(~static_cast<unsigned int>(EPOLLOUT));
+    } else if (result < 0) {
+        // As WriteSocket and Sending report a failed write.
+        m_write_errno = -result;
+        QN_LOG(m_log_cat, QN_ERROR, "send data to server failed, url=%s, local_url=%s, send_len=%d, err=%d",
+               GetURL(), GetLocalURL(), buffer->ReadRemaining(), -result);
+        m_net_buf_mgr->Release(&buffer);  // its unsent bytes are dropped
+        QN_LOG(m_log_cat, QN_ERROR, "WriteSocket() failed, url=%s, local_url=%s, ret=%d", GetURL(),
+               GetLocalURL(), static_cast<int>(kIoFailed));
+        node = nullptr;
+        ret = kIoFailed;
+    } else {
+        m_tx_bytes += result;  // the role's holder
+        buffer->AddReadPosition(result);
+        ret = result;
+    }
+    if (node != nullptr && !SettleWrittenBlock(node, m_log_cat)) {
+        int more = Sending(nullptr);  // the rest of the queue, or writability turned off
+        if (more < 0) {
+            ret = more;
+        } else {
+            ret += more;
+        }
+    }
+    m_is_sending.store(false);
+    if (ret < 0) {
+        QN_LOG(m_log_cat, QN_ERROR, "Sending() failed, url=%s, local_url=%s, ret=%d", GetURL(), GetLocalURL(),
+               ret);
+    }
+    return ret;
 }
 
 int CTcpConnector::WriteSocket(const char* buf, int len, LogCategory* log_cat) {

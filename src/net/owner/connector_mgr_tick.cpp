@@ -290,23 +290,44 @@ int CConnectorMgr::Run() {
 // The connections corked so far are taken into m_flushing, and m_corked gets m_flushing's
 // emptied storage back: both keep their capacity, so a steady load flushes without touching
 // the heap, and a connection corked again while this runs is left for the next flush.
+// Each connection's first block goes to the poller in one batch (on io_uring: one call to
+// the kernel for all of them); what does not fit that shape flushes by itself.
 void CConnectorMgr::FlushCorked() {
     m_flushing.clear();
     m_flushing.swap(m_corked);
+    m_batch_conns.clear();
+    m_batch_ops.clear();
     for (OwnedConn* c : m_flushing) {
         c->corked = false;
         if (c->dead || c->connector->GetStatus() != CONNECTOR_STATUS_CONNECTED) {
             continue;
         }
-        int ret = c->connector->Send();
-        if (ret < 0) {
-            c->send_failed = true;
-            Queue(c);
-        } else if (c->state == CONN_DRAINING) {
-            Queue(c);  // its flush may be complete now
+        SendOp op;
+        if (m_loop.UsesIoUring() && c->connector->BeginBatchedFlush(&op)) {
+            m_batch_conns.push_back(c);
+            m_batch_ops.push_back(op);
+            continue;
+        }
+        FlushedCorked(c, c->connector->Send());
+    }
+    if (!m_batch_ops.empty()) {
+        m_batch_results.resize(m_batch_ops.size());
+        m_loop.Poller().SendBatch(m_batch_ops.data(), m_batch_ops.size(), m_batch_results.data());
+        for (size_t i = 0; i < m_batch_conns.size(); ++i) {
+            OwnedConn* c = m_batch_conns[i];
+            FlushedCorked(c, c->connector->EndBatchedFlush(m_batch_results[i]));
         }
     }
     m_flushing.clear();
+}
+
+void CConnectorMgr::FlushedCorked(OwnedConn* c, int ret) {
+    if (ret < 0) {
+        c->send_failed = true;
+        Queue(c);
+    } else if (c->state == CONN_DRAINING) {
+        Queue(c);  // its flush may be complete now
+    }
 }
 
 void CConnectorMgr::DrainWork() {

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 
 #if __has_include(<linux/io_uring.h>)
@@ -43,8 +45,10 @@ namespace {
 constexpr unsigned kCqEntries = 65536;    // every registration's completion fits, with room
 constexpr uint64_t kWithdrawTag = ~0ull;  // user_data of withdrawals: their completions are dropped
 constexpr uint32_t kPollBits = EPOLLIN | EPOLLPRI | EPOLLOUT | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
-constexpr uint16_t kBufGroup = 0;         // the buffer ring's group id
-constexpr uint32_t kRecvKind = 1u << 31;  // in a tag's low word: a receive, not a poll
+constexpr uint16_t kBufGroup = 0;                   // the buffer ring's group id
+constexpr uint32_t kRecvKind = 1u << 31;            // in a tag's low word: a receive, not a poll
+constexpr uint64_t kSendTag = 0xfffffffeull << 32;  // SendBatch's writes: op index below
+constexpr int kNoResult = INT32_MIN;                // a SendBatch write not reported yet
 
 // user_data: the descriptor above, the kind and the operation's number below.
 uint64_t Tag(int fd, uint32_t kind, uint32_t seq) {
@@ -516,6 +520,56 @@ void CUringPoller::StopReceive(int fd, std::string* left) {
     MarkDirty(fd, r);  // readiness by a poll from now on
 }
 
+void CUringPoller::SendBatch(const SendOp* ops, size_t n, int* results) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_disabled || (m_single_issuer && m_issuer != std::this_thread::get_id())) {
+        lock.unlock();
+        IPoller::SendBatch(ops, n, results);  // not the ring's thread: in turn
+        return;
+    }
+    m_send_results = results;
+    m_sends_done = 0;
+    size_t queued = 0;
+    for (; queued < n; ++queued) {
+        io_uring_sqe* sqe = NextSqe();
+        if (sqe == nullptr) {
+            break;
+        }
+        sqe->opcode = IORING_OP_SEND;
+        sqe->fd = ops[queued].fd;
+        sqe->addr = reinterpret_cast<uint64_t>(ops[queued].buf);
+        sqe->len = static_cast<uint32_t>(ops[queued].len);
+        sqe->msg_flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+        sqe->user_data = kSendTag | queued;
+    }
+    // Every write submitted must be over before its memory goes back: waited for until its
+    // completion is in (with MSG_DONTWAIT that is at once).
+    for (size_t i = 0; i < queued; ++i) {
+        results[i] = kNoResult;
+    }
+    for (int round = 0; m_sends_done < queued; ++round) {
+        int ret = Enter(round == 0 ? EnterMode::kSubmit : EnterMode::kWait, round == 0 ? 0 : 10);
+        if (ret < 0 && errno != ETIME && errno != EINTR && errno != EBUSY && errno != EAGAIN) {
+            // The ring itself failed (never expected): the writes it did not report count as
+            // failed, and their connections close.
+            ReapAll();
+            for (size_t i = 0; i < queued; ++i) {
+                if (results[i] == kNoResult) {
+                    results[i] = -EIO;
+                }
+            }
+            break;
+        }
+        ReapAll();
+    }
+    m_send_results = nullptr;
+    const size_t done = queued;
+    lock.unlock();
+    if (done < n) {
+        IPoller::SendBatch(ops + done, n - done, results + done);
+    }
+}
+
 io_uring_sqe* CUringPoller::NextSqe() {
     unsigned tail = *m_sq_tail;
     if (tail - LoadAcquire(m_sq_head) >= m_sq_entries) {
@@ -707,6 +761,13 @@ void CUringPoller::ReapAll() {
     for (; head != tail; ++head) {
         const io_uring_cqe& cqe = m_cqes[head & m_cq_mask];
         if (cqe.user_data == kWithdrawTag) {
+            continue;
+        }
+        if ((cqe.user_data >> 32) == (kSendTag >> 32)) {
+            if (m_send_results != nullptr) {
+                m_send_results[static_cast<uint32_t>(cqe.user_data)] = cqe.res;
+                ++m_sends_done;
+            }
             continue;
         }
         if (cqe.user_data == m_awaited) {

@@ -30,6 +30,11 @@
 // StopReceive collects what the receive took, so a close or a hand-over right after loses
 // nothing and leaves nothing behind.
 //
+// Sends (SendBatch): the owner's end-of-tick flush hands every connection's queued block to
+// the ring at once; one enter writes them all (MSG_DONTWAIT: each completes as it is
+// issued), and the results are collected before SendBatch returns, so the blocks are the
+// connections' again.
+//
 // Threads: Wait, Add, Remove, StartReceive, Receive and StopReceive on the loop's thread (or
 // before the loop runs); Modify on any thread. m_mutex guards the table, the lists, the
 // buffers and the submission ring; Wait does not hold it while it sleeps in the kernel. A
@@ -73,6 +78,9 @@ class CUringPoller : public IPoller {
     bool StartReceive(int fd) override;
     ssize_t Receive(int fd, void* buf, size_t len) override;
     void StopReceive(int fd, std::string* left) override;
+    // One SEND per op, all submitted by one enter; non-blocking writes complete as they are
+    // issued, so they are collected at once (waited for, should one not be).
+    void SendBatch(const SendOp* ops, size_t n, int* results) override;
 
     // Arms what changed, waits up to `timeout_ms` (-1: for ever, 0: not at all) for events,
     // and fills `out` (at most `max`). Returns how many, or -1 with errno set.
@@ -183,12 +191,14 @@ class CUringPoller : public IPoller {
     std::vector<Buf> m_bufs;      // by buffer id
 
     std::mutex m_mutex;
-    std::vector<Reg> m_regs;    // by descriptor; guarded by m_mutex
-    std::vector<int> m_dirty;   // descriptors to arm or withdraw at the next Wait; guarded by m_mutex
-    std::vector<int> m_arming;  // m_dirty's list while ArmDirty works through it (storage kept)
-    std::vector<int> m_ready;   // descriptors with something to report; guarded by m_mutex
-    std::vector<int> m_input;   // descriptors with unread input (reported at every wait)
-    uint64_t m_awaited = 0;     // Settle: the tag it waits for, and whether it was reaped
+    std::vector<Reg> m_regs;        // by descriptor; guarded by m_mutex
+    std::vector<int> m_dirty;       // descriptors to arm or withdraw at the next Wait; guarded by m_mutex
+    std::vector<int> m_arming;      // m_dirty's list while ArmDirty works through it (storage kept)
+    std::vector<int> m_ready;       // descriptors with something to report; guarded by m_mutex
+    std::vector<int> m_input;       // descriptors with unread input (reported at every wait)
+    int* m_send_results = nullptr;  // SendBatch: where its completions go, and how many came
+    size_t m_sends_done = 0;
+    uint64_t m_awaited = 0;  // Settle: the tag it waits for, and whether it was reaped
     bool m_awaited_seen = false;
     std::function<void()> m_wake;
     std::function<bool()> m_on_loop;
