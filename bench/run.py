@@ -81,8 +81,13 @@ SERVERS = [
 
 # --backend: quolnet again on its io_uring back end (an "ENV:" argument is put in the server's
 # environment instead of its command line).
+# quolnet-uring-all and quolnet-all cork every reply (--cork all): each tick's replies leave in
+# the end-of-tick flush, on io_uring one call to the kernel for all of them.
 BACKEND_SERVERS = [
     ("quolnet-uring", "bench_server_quolnet", ["--mode", "peek", "ENV:QUOLNET_IO_BACKEND=io_uring"]),
+    ("quolnet-uring-all", "bench_server_quolnet",
+     ["--mode", "peek", "--cork", "all", "ENV:QUOLNET_IO_BACKEND=io_uring"]),
+    ("quolnet-all", "bench_server_quolnet", ["--mode", "peek", "--cork", "all"]),
 ]
 
 # The TLS rows' servers: label, binary, extra arguments (TLS ones added at run time), whether

@@ -172,6 +172,38 @@ TEST(UringPollerReceive, AStreamPausedAndResumedArrivesWhole) {
     EXPECT_EQ(0, p.Remove(s.ours));
 }
 
+TEST(UringPollerReceive, BigReadsGoStraightToTheSocketAndSmallOnesBackToTheRing) {
+    CUringPoller p;
+    NEED_RECEIVES(p);
+    Pair s;
+    int tag = 0;
+    int size = 1 << 20;
+    setsockopt(s.theirs, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+    ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
+    ASSERT_TRUE(p.StartReceive(s.ours));
+    epoll_event ev[8];
+    p.Wait(ev, 8, 0);
+    const std::string big = Pattern(200000, 5);
+    ASSERT_EQ(static_cast<ssize_t>(big.size()), write(s.theirs, big.data(), big.size()));
+    EXPECT_TRUE(ReadThrough(p, s.ours, &tag, big.size()) == big);
+    // Whole buffers in a row: the connection is read from its socket now, so bytes that
+    // come wait there, not in the loop's buffers.
+    ASSERT_EQ(static_cast<ssize_t>(big.size()), write(s.theirs, big.data(), big.size()));
+    ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+    p.Wait(ev, 8, 1);
+    EXPECT_EQ(CUringPoller::kBufCount, p.BuffersFree());
+    EXPECT_TRUE(ReadThrough(p, s.ours, &tag, big.size()) == big);
+    // A short read ends it: the next bytes are taken by the ring's receive again.
+    ASSERT_EQ(4, write(s.theirs, "ping", 4));
+    EXPECT_EQ("ping", ReadThrough(p, s.ours, &tag, 4));
+    p.Wait(ev, 8, 0);  // the receive is armed again
+    ASSERT_EQ(4, write(s.theirs, "pong", 4));
+    ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+    EXPECT_EQ(CUringPoller::kBufCount - 1, p.BuffersFree());
+    EXPECT_EQ("pong", ReadThrough(p, s.ours, &tag, 4));
+    EXPECT_EQ(0, p.Remove(s.ours));
+}
+
 TEST(UringPollerReceive, StopReceiveHandsBackUnreadBytesBeforeTheSocketsOwn) {
     CUringPoller p;
     NEED_RECEIVES(p);

@@ -317,6 +317,8 @@ int CUringPoller::Add(int fd, uint32_t events, void* ptr) {
     r.ptr = ptr;
     r.events = events;
     r.receives = false;
+    r.bulk = false;
+    r.full_run = 0;
     MarkDirty(fd, r);
     return 0;
 }
@@ -484,9 +486,21 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len) {
         return 0;
     }
     if (r.recv == kOff) {
-        // No receive in flight (the buffers ran dry, or not armed yet): the socket itself.
+        // No receive in flight (bulk mode, the buffers ran dry, or not armed yet): the
+        // socket itself. Nothing else touches the registration meanwhile (loop thread).
+        const bool bulk = r.bulk;
         lock.unlock();
-        return recv(fd, buf, len, 0);
+        ssize_t n = recv(fd, buf, len, 0);
+        if (bulk && n >= 0 && static_cast<size_t>(n) < std::min(len, kBulkExit)) {
+            lock.lock();
+            Reg* again = Find(fd);
+            if (again != nullptr) {
+                again->bulk = false;  // small reads again: back to the ring's receive
+                again->full_run = 0;
+                MarkDirty(fd, *again);
+            }
+        }
+        return n;
     }
     errno = EAGAIN;
     return -1;
@@ -620,7 +634,7 @@ int CUringPoller::Enter(EnterMode mode, int timeout_ms) {
 void CUringPoller::ArmReceive(int fd, Reg& r) {
 #if QUOLNET_URING_RECV
     const bool want = r.active && r.receives && m_receives && (r.events & EPOLLIN) != 0 &&
-                      r.pending < kMaxPending && r.chunks < kMaxChunks && !r.eof && r.err == 0;
+                      r.pending < kMaxPending && r.chunks < kMaxChunks && !r.bulk && !r.eof && r.err == 0;
     if (r.recv == kArmed && !want) {
         io_uring_sqe* sqe = NextSqe();  // paused, full or stopped: the window pushes back
         if (sqe == nullptr) {
@@ -721,6 +735,12 @@ void CUringPoller::ReapRecv(const io_uring_cqe& cqe, int fd, uint32_t seq) {
             r->tail = bid;
             r->pending += static_cast<size_t>(cqe.res);
             ++r->chunks;
+            if (static_cast<unsigned>(cqe.res) < kBufSize) {
+                r->full_run = 0;
+            } else if (++r->full_run >= kBulkRun && !r->bulk) {
+                r->bulk = true;  // big reads: recv(2) into the connector's block from now on
+                MarkDirty(fd, *r);
+            }
             if (r->pending >= kMaxPending || r->chunks >= kMaxChunks) {
                 MarkDirty(fd, *r);  // enough waits unread: the receive stops
             }

@@ -26,6 +26,11 @@
 // a readiness poll and Receive reads the socket itself (nothing is in flight then) until
 // buffers come back.
 //
+// Bulk: a connection whose receives fill whole buffers (kBulkRun in a row: big packets or a
+// stream) is read the way epoll's are, a readiness poll and recv(2) into the connector's own
+// block, which saves the copy out of the buffers and the small reads; a read shorter than
+// kBulkExit brings it back to the ring's receive.
+//
 // A poll or a receive holds the socket's file: Remove withdraws both before it returns, and
 // StopReceive collects what the receive took, so a close or a hand-over right after loses
 // nothing and leaves nothing behind.
@@ -97,6 +102,8 @@ class CUringPoller : public IPoller {
     static constexpr size_t kMaxPending = 64 * 1024;  // unread bytes before the receive stops
     static constexpr unsigned kMaxChunks = 4;         // or unread chunks (a trickle of tiny
                                                       // segments must not take every buffer)
+    static constexpr unsigned kBulkRun = 2;           // full buffers in a row: bulk mode
+    static constexpr size_t kBulkExit = 4096;         // a read this short ends bulk mode
 
   private:
     enum RecvState : uint8_t { kOff, kArmed, kCancelling };
@@ -114,12 +121,15 @@ class CUringPoller : public IPoller {
         uint32_t poll_seq = 0;  // the armed poll's number; other completions are stale
         uint32_t recv_seq = 0;  // the receive's number, as for polls
         uint32_t armed_mask = 0;
-        uint32_t revents = 0;  // readiness reaped and not yet reported
-        int err = 0;           // the receive's failure (errno), after the chunks
-        int head = -1;         // chunks received and unread: buffer ids, oldest first,
-        int tail = -1;         //   linked through m_bufs[].next
-        size_t pending = 0;    // their unread bytes
-        unsigned chunks = 0;   // and how many
+        uint32_t revents = 0;   // readiness reaped and not yet reported
+        int err = 0;            // the receive's failure (errno), after the chunks
+        int head = -1;          // chunks received and unread: buffer ids, oldest first,
+        int tail = -1;          //   linked through m_bufs[].next
+        size_t pending = 0;     // their unread bytes
+        unsigned chunks = 0;    // and how many
+        unsigned full_run = 0;  // completions in a row that filled a whole buffer
+        bool bulk = false;      // bulk mode: the socket read by recv(2) straight into the
+                                // connector's block, after a readiness poll
     };
     struct Buf {
         int next = -1;     // the next chunk of the same registration
