@@ -51,6 +51,11 @@ struct Pair {
         ASSERT_EQ(0, (poller).Open(256, &why)) << why;            \
     } while (0)
 
+// Registers `fd` for input (reported with `tag`) and has the ring receive for it.
+bool Receiving(CUringPoller& p, int fd, void* tag) {
+    return p.Add(fd, EPOLLIN | EPOLLERR, tag) == 0 && p.StartReceive(fd);
+}
+
 // Waits (up to 2 s) until `fd`'s registration (`tag`) is reported; its events, or 0.
 uint32_t WaitFor(CUringPoller& p, void* tag, int timeout_ms = 2000) {
     epoll_event ev[64];
@@ -96,8 +101,7 @@ TEST(UringPollerReceive, BytesComeInOrderAndAreReportedUntilRead) {
     NEED_RECEIVES(p);
     Pair s;
     int tag = 0;
-    ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
-    ASSERT_TRUE(p.StartReceive(s.ours));
+    ASSERT_TRUE(Receiving(p, s.ours, &tag));
     epoll_event ev[8];
     EXPECT_EQ(0, p.Wait(ev, 8, 0));  // arms the receive; nothing came yet
     ASSERT_EQ(5, write(s.theirs, "hello", 5));
@@ -128,8 +132,7 @@ TEST(UringPollerReceive, AStreamPausedAndResumedArrivesWhole) {
     NEED_RECEIVES(p);
     Pair s;
     int tag = 0;
-    ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
-    ASSERT_TRUE(p.StartReceive(s.ours));
+    ASSERT_TRUE(Receiving(p, s.ours, &tag));
     const std::string sent = Pattern(4 << 20, 7);  // far beyond the ring's buffers
     std::thread writer([&]() {
         size_t off = 0;
@@ -179,8 +182,7 @@ TEST(UringPollerReceive, BigReadsGoStraightToTheSocketAndSmallOnesBackToTheRing)
     int tag = 0;
     int size = 1 << 20;
     setsockopt(s.theirs, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
-    ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
-    ASSERT_TRUE(p.StartReceive(s.ours));
+    ASSERT_TRUE(Receiving(p, s.ours, &tag));
     epoll_event ev[8];
     p.Wait(ev, 8, 0);
     const std::string big = Pattern(200000, 5);
@@ -209,8 +211,7 @@ TEST(UringPollerReceive, StopReceiveHandsBackUnreadBytesBeforeTheSocketsOwn) {
     NEED_RECEIVES(p);
     Pair s;
     int tag = 0;
-    ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
-    ASSERT_TRUE(p.StartReceive(s.ours));
+    ASSERT_TRUE(Receiving(p, s.ours, &tag));
     epoll_event ev[8];
     p.Wait(ev, 8, 0);
     const std::string first = Pattern(40000, 3);  // three chunks, unread
@@ -242,8 +243,7 @@ TEST(UringPollerReceive, ADryBufferRingLeavesReadingToTheSocket) {
     for (size_t i = 0; i < hogs; ++i) {
         pairs.emplace_back(new Pair());
         ASSERT_GE(pairs.back()->ours, 0);
-        ASSERT_EQ(0, p.Add(pairs.back()->ours, EPOLLIN | EPOLLERR, &tags[i]));
-        ASSERT_TRUE(p.StartReceive(pairs.back()->ours));
+        ASSERT_TRUE(Receiving(p, pairs.back()->ours, &tags[i]));
         ASSERT_EQ(static_cast<ssize_t>(heap.size()), write(pairs.back()->theirs, heap.data(), heap.size()));
     }
     epoll_event ev[512];
@@ -252,8 +252,7 @@ TEST(UringPollerReceive, ADryBufferRingLeavesReadingToTheSocket) {
     }
     EXPECT_EQ(0u, p.BuffersFree());
     Pair last;
-    ASSERT_EQ(0, p.Add(last.ours, EPOLLIN | EPOLLERR, &tags[hogs]));
-    ASSERT_TRUE(p.StartReceive(last.ours));
+    ASSERT_TRUE(Receiving(p, last.ours, &tags[hogs]));
     p.Wait(ev, 512, 0);
     ASSERT_EQ(4, write(last.theirs, "ping", 4));
     EXPECT_EQ("ping", ReadThrough(p, last.ours, &tags[hogs], 4));
@@ -274,8 +273,7 @@ TEST(UringPollerReceive, RemoveLetsTheSocketGoAtOnce) {
     int tag = 0;
     for (int round = 0; round < 50; ++round) {
         Pair s;
-        ASSERT_EQ(0, p.Add(s.ours, EPOLLIN | EPOLLERR, &tag));
-        ASSERT_TRUE(p.StartReceive(s.ours));
+        ASSERT_TRUE(Receiving(p, s.ours, &tag));
         epoll_event ev[8];
         p.Wait(ev, 8, 0);
         ASSERT_EQ(3, write(s.theirs, "abc", 3));  // dropped with the registration

@@ -358,31 +358,10 @@ int CUringPoller::Remove(int fd) {
     r.receives = false;
     // Withdrawn now, not at the next wait: the poll and the receive hold the socket's file,
     // and the caller is about to close it.
-    uint64_t withdrawn = 0;
-    if (r.armed) {
-        io_uring_sqe* sqe = NextSqe();
-        if (sqe != nullptr) {
-            withdrawn = Tag(fd, 0, r.poll_seq);
-            sqe->opcode = IORING_OP_POLL_REMOVE;
-            sqe->fd = -1;
-            sqe->addr = withdrawn;
-            sqe->user_data = kWithdrawTag;
-            r.armed = false;
-        } else {
-            MarkDirty(fd, r);  // withdrawn at the next wait
-        }
-    }
+    const uint64_t poll_tag = Tag(fd, 0, r.poll_seq);
+    const uint64_t withdrawn = r.armed && WithdrawPoll(fd, r) ? poll_tag : 0;
     if (r.recv == kArmed) {
-        io_uring_sqe* sqe = NextSqe();
-        if (sqe != nullptr) {
-            sqe->opcode = IORING_OP_ASYNC_CANCEL;
-            sqe->fd = -1;
-            sqe->addr = Tag(fd, kRecvKind, r.recv_seq);
-            sqe->user_data = kWithdrawTag;
-            r.recv = kCancelling;
-        } else {
-            MarkDirty(fd, r);
-        }
+        CancelReceive(fd, r);
     }
     if ((withdrawn != 0 || r.recv != kOff) && !Settle(fd, withdrawn) && r.recv != kOff) {
         // Not over in time (or not the ring's thread): what it still brings is dropped.
@@ -515,14 +494,7 @@ void CUringPoller::StopReceive(int fd, std::string* left) {
     Reg& r = *found;
     r.receives = false;
     if (r.recv == kArmed) {
-        io_uring_sqe* sqe = NextSqe();
-        if (sqe != nullptr) {
-            sqe->opcode = IORING_OP_ASYNC_CANCEL;
-            sqe->fd = -1;
-            sqe->addr = Tag(fd, kRecvKind, r.recv_seq);
-            sqe->user_data = kWithdrawTag;
-            r.recv = kCancelling;
-        }
+        CancelReceive(fd, r);
     }
     if (r.recv != kOff && !Settle(fd, 0)) {
         r.recv = kOff;
@@ -532,6 +504,34 @@ void CUringPoller::StopReceive(int fd, std::string* left) {
     r.eof = false;  // the socket tells its end (or its error) again when read
     r.err = 0;
     MarkDirty(fd, r);  // readiness by a poll from now on
+}
+
+bool CUringPoller::WithdrawPoll(int fd, Reg& r) {
+    io_uring_sqe* sqe = NextSqe();
+    if (sqe == nullptr) {
+        MarkDirty(fd, r);  // withdrawn at the next wait
+        return false;
+    }
+    sqe->opcode = IORING_OP_POLL_REMOVE;
+    sqe->fd = -1;
+    sqe->addr = Tag(fd, 0, r.poll_seq);
+    sqe->user_data = kWithdrawTag;
+    r.armed = false;
+    return true;
+}
+
+bool CUringPoller::CancelReceive(int fd, Reg& r) {
+    io_uring_sqe* sqe = NextSqe();
+    if (sqe == nullptr) {
+        MarkDirty(fd, r);  // cancelled at the next wait
+        return false;
+    }
+    sqe->opcode = IORING_OP_ASYNC_CANCEL;
+    sqe->fd = -1;
+    sqe->addr = Tag(fd, kRecvKind, r.recv_seq);
+    sqe->user_data = kWithdrawTag;
+    r.recv = kCancelling;  // off at its last completion, which marks it dirty again
+    return true;
 }
 
 void CUringPoller::SendBatch(const SendOp* ops, size_t n, int* results) {
@@ -636,16 +636,7 @@ void CUringPoller::ArmReceive(int fd, Reg& r) {
     const bool want = r.active && r.receives && m_receives && (r.events & EPOLLIN) != 0 &&
                       r.pending < kMaxPending && r.chunks < kMaxChunks && !r.bulk && !r.eof && r.err == 0;
     if (r.recv == kArmed && !want) {
-        io_uring_sqe* sqe = NextSqe();  // paused, full or stopped: the window pushes back
-        if (sqe == nullptr) {
-            MarkDirty(fd, r);
-            return;
-        }
-        sqe->opcode = IORING_OP_ASYNC_CANCEL;
-        sqe->fd = -1;
-        sqe->addr = Tag(fd, kRecvKind, r.recv_seq);
-        sqe->user_data = kWithdrawTag;
-        r.recv = kCancelling;  // off at its last completion, which marks it dirty again
+        CancelReceive(fd, r);  // paused, full, bulk or stopped: the window pushes back
     } else if (r.recv == kOff && want && m_bufs_in_ring > 0) {
         io_uring_sqe* sqe = NextSqe();
         if (sqe == nullptr) {
@@ -675,17 +666,8 @@ void CUringPoller::ArmPoll(int fd, Reg& r) {
     if (mask != 0) {
         mask |= EPOLLERR | EPOLLHUP;  // reported whatever was asked, as by epoll
     }
-    if (r.armed && r.armed_mask != mask) {
-        io_uring_sqe* sqe = NextSqe();  // the armed poll asks for what no longer holds
-        if (sqe == nullptr) {
-            MarkDirty(fd, r);
-            return;
-        }
-        sqe->opcode = IORING_OP_POLL_REMOVE;
-        sqe->fd = -1;
-        sqe->addr = Tag(fd, 0, r.poll_seq);
-        sqe->user_data = kWithdrawTag;
-        r.armed = false;
+    if (r.armed && r.armed_mask != mask && !WithdrawPoll(fd, r)) {
+        return;  // the armed poll asks for what no longer holds: replaced at the next wait
     }
     if (!r.armed && mask != 0) {
         io_uring_sqe* sqe = NextSqe();

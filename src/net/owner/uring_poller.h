@@ -151,6 +151,10 @@ class CUringPoller : public IPoller {
     enum class EnterMode { kSubmit, kPoll, kWait };
     int Enter(EnterMode mode, int timeout_ms);
     void ArmDirty();
+    // Queue the withdrawal of `r`'s armed poll / the cancel of its receive; false (and `r`
+    // marked dirty, to be done at the next wait) when the submission ring is full.
+    bool WithdrawPoll(int fd, Reg& r);
+    bool CancelReceive(int fd, Reg& r);
     void ArmReceive(int fd, Reg& r);
     void ArmPoll(int fd, Reg& r);
     // Every completion in the ring into the registrations' state (chunks, readiness).
