@@ -694,16 +694,6 @@ int CTcpConnector::CopyFrom(CTcpConnector& that) {
         *pointers[k] = dst;
     }
 
-    // Carried bytes not read yet are read here before the socket, as they would have been there.
-    DropCarried();
-    m_rx_carry = std::move(that.m_rx_carry);
-    m_rx_carry_idx = that.m_rx_carry_idx;
-    m_rx_carry_pos = that.m_rx_carry_pos;
-    m_rx_carry_keep = std::move(that.m_rx_carry_keep);
-    that.DropCarried();
-    if (m_rx_carry_idx < m_rx_carry.size()) {
-        m_events.fetch_or(static_cast<unsigned int>(EPOLLIN));
-    }
     m_rx_packet_cnt = that.m_rx_packet_cnt.load();
     m_tx_packet_cnt = that.m_tx_packet_cnt.load();
     m_wait_alloc_starttime = that.m_wait_alloc_starttime;

@@ -414,7 +414,7 @@ void CUringPoller::TakeChunks(Reg& r, std::string* left) {
 bool CUringPoller::StartReceive(int fd) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Reg* r = Find(fd);
-    if (r == nullptr || !m_receives) {
+    if (r == nullptr || !m_receives || getenv("QN_NORECV")) {
         return false;
     }
     r->receives = true;
@@ -470,10 +470,13 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len) {
         const bool bulk = r.bulk;
         lock.unlock();
         ssize_t n = recv(fd, buf, len, 0);
-        if (bulk && n >= 0 && static_cast<size_t>(n) < std::min(len, kBulkExit)) {
+        if (bulk && n >= 0) {
+            const bool small = static_cast<size_t>(n) < std::min(len, kBulkExit);
             lock.lock();
             Reg* again = Find(fd);
-            if (again != nullptr) {
+            if (again != nullptr && !small) {
+                again->full_run = 0;
+            } else if (again != nullptr && ++again->full_run >= kBulkExitRun) {
                 again->bulk = false;  // small reads again: back to the ring's receive
                 again->full_run = 0;
                 MarkDirty(fd, *again);
@@ -717,7 +720,7 @@ void CUringPoller::ReapRecv(const io_uring_cqe& cqe, int fd, uint32_t seq) {
             r->tail = bid;
             r->pending += static_cast<size_t>(cqe.res);
             ++r->chunks;
-            if (static_cast<unsigned>(cqe.res) < kBufSize) {
+            if (static_cast<unsigned>(cqe.res) < kBulkChunk) {
                 r->full_run = 0;
             } else if (++r->full_run >= kBulkRun && !r->bulk) {
                 r->bulk = true;  // big reads: recv(2) into the connector's block from now on

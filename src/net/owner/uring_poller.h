@@ -26,10 +26,11 @@
 // a readiness poll and Receive reads the socket itself (nothing is in flight then) until
 // buffers come back.
 //
-// Bulk: a connection whose receives fill whole buffers (kBulkRun in a row: big packets or a
-// stream) is read the way epoll's are, a readiness poll and recv(2) into the connector's own
-// block, which saves the copy out of the buffers and the small reads; a read shorter than
-// kBulkExit brings it back to the ring's receive.
+// Bulk: a connection whose receives bring kBulkChunk bytes or more (kBulkRun in a row: big
+// packets, a stream, deep pipelines) is read the way epoll's are, a readiness poll and
+// recv(2) into the connector's own block, which saves the copy out of the buffers and the
+// small reads; kBulkExitRun reads in a row shorter than kBulkExit bring it back to the
+// ring's receive (one short read ends every big packet: that is not enough).
 //
 // A poll or a receive holds the socket's file: Remove withdraws both before it returns, and
 // StopReceive collects what the receive took, so a close or a hand-over right after loses
@@ -102,8 +103,10 @@ class CUringPoller : public IPoller {
     static constexpr size_t kMaxPending = 64 * 1024;  // unread bytes before the receive stops
     static constexpr unsigned kMaxChunks = 4;         // or unread chunks (a trickle of tiny
                                                       // segments must not take every buffer)
-    static constexpr unsigned kBulkRun = 2;           // full buffers in a row: bulk mode
-    static constexpr size_t kBulkExit = 4096;         // a read this short ends bulk mode
+    static constexpr unsigned kBulkChunk = 8192;      // a receive this big counts for bulk
+    static constexpr unsigned kBulkRun = 2;           // and this many in a row: bulk mode
+    static constexpr size_t kBulkExit = 4096;         // reads this short, kBulkExitRun in a
+    static constexpr unsigned kBulkExitRun = 8;       // row, end bulk mode
 
   private:
     enum RecvState : uint8_t { kOff, kArmed, kCancelling };
@@ -127,7 +130,8 @@ class CUringPoller : public IPoller {
         int tail = -1;          //   linked through m_bufs[].next
         size_t pending = 0;     // their unread bytes
         unsigned chunks = 0;    // and how many
-        unsigned full_run = 0;  // completions in a row that filled a whole buffer
+        unsigned full_run = 0;  // receives in a row of kBulkChunk bytes or more, or in
+                                // bulk mode reads in a row shorter than kBulkExit
         bool bulk = false;      // bulk mode: the socket read by recv(2) straight into the
                                 // connector's block, after a readiness poll
     };
