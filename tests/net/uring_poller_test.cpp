@@ -42,13 +42,16 @@ struct Pair {
 };
 
 // A poller with receives, or a skip.
-#define NEED_RECEIVES(poller)                                     \
-    do {                                                          \
-        std::string why;                                          \
-        if (!CUringPoller::Available(&why)) {                     \
-            GTEST_SKIP() << "io_uring unavailable here: " << why; \
-        }                                                         \
-        ASSERT_EQ(0, (poller).Open(256, &why)) << why;            \
+#define NEED_RECEIVES(poller)                                            \
+    do {                                                                 \
+        std::string why;                                                 \
+        if (!CUringPoller::Available(&why)) {                            \
+            GTEST_SKIP() << "io_uring unavailable here: " << why;        \
+        }                                                                \
+        ASSERT_EQ(0, (poller).Open(256, &why)) << why;                   \
+        if (!(poller).Receives()) {                                      \
+            GTEST_SKIP() << "this kernel's io_uring has no buffer ring"; \
+        }                                                                \
     } while (0)
 
 // Registers `fd` for input (reported with `tag`) and has the ring receive for it.

@@ -92,6 +92,9 @@ class CUringPoller : public IPoller {
     // and fills `out` (at most `max`). Returns how many, or -1 with errno set.
     int Wait(epoll_event* out, int max, int timeout_ms);
 
+    // Whether this ring receives for sockets (StartReceive can say yes): the kernel took the
+    // buffer ring (Linux 5.19) and the headers had multishot receive (6.0).
+    bool Receives() const { return m_receives; }
     // Provided buffers the kernel may fill now (the others hold unread chunks). Loop thread.
     unsigned BuffersFree() const { return m_bufs_in_ring; }
 
