@@ -356,7 +356,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
         int64_t tx_packets = 0;
         static size_t Size(const std::vector<Piece>& pieces);
     };
-    // Fills `out` from this connector and changes nothing. Its pieces point into this
+    // Fills `out` from this connector. It changes nothing but this: bytes a poller received
+    // for the socket and nobody read are taken back first (TakeBackReceived), so that they
+    // are owed too and the socket is read with recv(2) from then on. Its pieces point into this
     // connector's blocks and stay valid until it next reads, sends or is finished. 0, or -1
     // when the receive blocks do not hold what the ring and the half-received packet point
     // at (ERROR "cannot export received bytes, ..."; never expected). Owner's thread, while
@@ -661,6 +663,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     int Sending(LogCategory* log_cat);
     // One send(2). Bytes taken, 0 on would-block (EPOLLOUT cleared in m_events), -1 otherwise.
     int WriteSocket(const char* buf, int len, LogCategory* log_cat);
+    // What a write of `len` bytes that returned `cnt` (-1: failed with `err`) means, as
+    // WriteSocket returns it: the bytes counted, 0 on would-block, kIoFailed (logged).
+    int TookWrite(ssize_t cnt, int err, int len, LogCategory* cat);
     // Sets the socket's epoll registration to `events` unless it already has that mask;
     // EPOLLIN is left out while reading is paused or stopped. Caller holds m_tx_mutex. 0, or
     // -1 with errno set by epoll_ctl.

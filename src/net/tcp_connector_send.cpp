@@ -696,23 +696,16 @@ int CTcpConnector::EndBatchedFlush(int result) {
     LIST_NODE* node = m_tx_flight;
     m_tx_flight = nullptr;
     NetBuffer* buffer = static_cast<NetBuffer*>(node->pData);
-    int ret = 0;
-    if (result == -EAGAIN) {
-        m_events.fetch_and(~static_cast<unsigned int>(EPOLLOUT));
-    } else if (result < 0) {
-        // As WriteSocket and Sending report a failed write.
-        m_write_errno = -result;
-        QN_LOG(m_log_cat, QN_ERROR, "send data to server failed, url=%s, local_url=%s, send_len=%d, err=%d",
-               GetURL(), GetLocalURL(), buffer->ReadRemaining(), -result);
+    // The result read as WriteSocket reads send(2)'s, and a failure reported as Sending does.
+    int ret =
+        TookWrite(result < 0 ? -1 : result, result < 0 ? -result : 0, buffer->ReadRemaining(), m_log_cat);
+    if (ret < 0) {
         m_net_buf_mgr->Release(&buffer);  // its unsent bytes are dropped
         QN_LOG(m_log_cat, QN_ERROR, "WriteSocket() failed, url=%s, local_url=%s, ret=%d", GetURL(),
-               GetLocalURL(), static_cast<int>(kIoFailed));
+               GetLocalURL(), ret);
         node = nullptr;
-        ret = kIoFailed;
     } else {
-        m_tx_bytes += result;  // the role's holder
-        buffer->AddReadPosition(result);
-        ret = result;
+        buffer->AddReadPosition(ret);
     }
     if (node != nullptr && !SettleWrittenBlock(node, m_log_cat)) {
         int more = Sending(nullptr);  // the rest of the queue, or writability turned off
@@ -739,14 +732,17 @@ int CTcpConnector::WriteSocket(const char* buf, int len, LogCategory* log_cat) {
         return WriteStream(buf, len, cat);
     }
     // MSG_NOSIGNAL: a reset peer makes this call fail with EPIPE instead of raising SIGPIPE.
-    int cnt = static_cast<int>(send(m_socket, buf, static_cast<size_t>(len), MSG_NOSIGNAL));
+    ssize_t cnt = send(m_socket, buf, static_cast<size_t>(len), MSG_NOSIGNAL);
+    return TookWrite(cnt, cnt == -1 ? errno : 0, len, cat);
+}
+
+int CTcpConnector::TookWrite(ssize_t cnt, int err, int len, LogCategory* cat) {
     if (cnt != -1) {
         if (cnt > 0) {
             m_tx_bytes += cnt;  // only the holder of the sending role gets here
         }
-        return cnt;
+        return static_cast<int>(cnt);
     }
-    int err = errno;
     if (err == EAGAIN) {
         m_events.fetch_and(~static_cast<unsigned int>(EPOLLOUT));
         return 0;

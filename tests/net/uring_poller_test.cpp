@@ -5,7 +5,7 @@
 #include "net/owner/uring_poller.h"
 
 #include <errno.h>
-#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -287,9 +287,9 @@ TEST(UringPollerReceive, RemoveLetsTheSocketGoAtOnce) {
         close(s.ours);
         s.ours = -1;
         // Nothing of the ring holds the socket: the peer sees the end now.
+        pollfd pfd{s.theirs, POLLIN, 0};
+        ASSERT_EQ(1, poll(&pfd, 1, 2000)) << "round " << round << ": the socket is still held";
         char buf[4];
-        int fl = fcntl(s.theirs, F_GETFL);
-        fcntl(s.theirs, F_SETFL, fl & ~O_NONBLOCK);
         EXPECT_EQ(0, read(s.theirs, buf, sizeof(buf))) << "round " << round;
     }
 }

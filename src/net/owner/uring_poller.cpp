@@ -449,7 +449,7 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len) {
             GiveBuffer(bid);
         }
     }
-    if (r.recv == kOff) {
+    if (got > 0 && r.recv == kOff) {
         MarkDirty(fd, r);  // stopped for want of room or buffers: armed again at the next wait
     }
     if (got > 0) {
