@@ -876,8 +876,10 @@ int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
             }
         }
         m_input.resize(keep);
+        // Left over from the last wait first: what they mark (a poll to arm again, a receive
+        // that ended) is armed by the ArmDirty below, before this wait may sleep.
+        ReapAll();
         ArmDirty();  // what changed, and what was reported last time (level-triggered)
-        ReapAll();   // left over from the last wait
     }
     int ret = Enter(m_ready.empty() && timeout_ms != 0 ? EnterMode::kWait : EnterMode::kPoll, timeout_ms);
     std::lock_guard<std::mutex> lock(m_mutex);
