@@ -9,8 +9,11 @@
 #pragma once
 
 #include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <cstdint>
 #include <cstring>
@@ -56,8 +59,11 @@ class IPoller {
     }
     // Up to `len` bytes received for `fd`, in order: the count, 0 at the peer's end of
     // stream, or -1 with errno set (EAGAIN: nothing now; EPOLLIN is reported again when
-    // there is). Loop thread.
-    virtual ssize_t Receive(int fd, void* buf, size_t len) { return recv(fd, buf, len, 0); }
+    // there is). When `inq` is not null and bytes came, *inq is set to what is still queued
+    // behind them if that is known (0: nothing now, so no read need follow), and left alone
+    // otherwise; asking costs nothing more than the read (a socket with TCP_INQ on tells it
+    // with the read's result). Loop thread.
+    virtual ssize_t Receive(int fd, void* buf, size_t len, int* inq) { return SocketRecv(fd, buf, len, inq); }
     // Ends the poller's receives for `fd` (the registration stays), waiting until the
     // kernel takes no more bytes for it, and appends to `*left` what was received and not
     // read: those bytes come before anything read from the socket afterwards. Loop thread.
@@ -75,6 +81,36 @@ class IPoller {
             ssize_t r = send(ops[i].fd, ops[i].buf, ops[i].len, MSG_DONTWAIT | MSG_NOSIGNAL);
             results[i] = r >= 0 ? static_cast<int>(r) : -errno;
         }
+    }
+
+    // recv(2) on `fd`; with `inq` not null, recvmsg(2) instead, and *inq set from the
+    // TCP_CM_INQ message a socket with TCP_INQ on adds (left alone without one). Any thread.
+    static ssize_t SocketRecv(int fd, void* buf, size_t len, int* inq) {
+        if (inq == nullptr) {
+            return recv(fd, buf, len, 0);
+        }
+        struct iovec iov;
+        iov.iov_base = buf;
+        iov.iov_len = len;
+        union {
+            char space[CMSG_SPACE(sizeof(int))];
+            struct cmsghdr align;
+        } control;
+        struct msghdr msg;
+        memset(&msg, 0, sizeof(msg));
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control.space;
+        msg.msg_controllen = sizeof(control.space);
+        ssize_t cnt = recvmsg(fd, &msg, 0);
+        if (cnt > 0) {
+            for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+                if (c->cmsg_level == IPPROTO_TCP && c->cmsg_type == TCP_CM_INQ) {
+                    memcpy(inq, CMSG_DATA(c), sizeof(int));
+                }
+            }
+        }
+        return cnt;
     }
 };
 

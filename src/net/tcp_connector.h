@@ -804,8 +804,9 @@ class QUOLNET_EXPORT CTcpConnector : public CConnector {
     size_t m_rx_carry_idx = 0;
     size_t m_rx_carry_pos = 0;
     std::shared_ptr<const void> m_rx_carry_keep;
-    // The poller receives for this socket (IPoller::StartReceive said yes): reads go through
-    // m_poller->Receive. Asked once per socket, at its first read. Update thread.
+    // The poller receives for this socket (IPoller::StartReceive said yes): what it took is
+    // taken back when the socket leaves this loop (TakeBackReceived). Asked once per socket,
+    // at its first read. Update thread.
     bool m_poller_reads = false;
     bool m_poller_reads_asked = false;
     // Close cause (see GetLastIoResult/GetLastErrno), written by Update.

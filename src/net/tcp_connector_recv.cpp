@@ -226,7 +226,7 @@ int CTcpConnector::RecvToBuffer(NetBuffer* buffer) {
     }
     int room = buffer->WriteRemaining();
     int inq = -1;  // bytes queued after the read; -1: not asked or not told
-    bool ask_inq = m_rx_last_full && m_rx_inq == kRxInqOn && !m_poller_reads;
+    bool ask_inq = m_rx_last_full && m_rx_inq == kRxInqOn;
     int cnt = ReadSocket(buffer->m_buf + buffer->m_write_pos, room, ask_inq ? &inq : nullptr);
     if (cnt >= 1) {
         buffer->AddWritePosition(cnt);
@@ -236,7 +236,7 @@ int CTcpConnector::RecvToBuffer(NetBuffer* buffer) {
             // Drained for now: no read that would only meet would-block (see Recv).
             m_rx_drained = true;
             m_events.fetch_and(~static_cast<unsigned int>(EPOLLIN));
-        } else if (m_rx_inq == kRxInqUntried && !m_poller_reads) {
+        } else if (m_rx_inq == kRxInqUntried) {
             EnableReadInq();
         }
     }
@@ -267,34 +267,8 @@ int CTcpConnector::ReadSocket(void* buf, int len, int* inq) {
         m_poller_reads_asked = true;  // a poller that receives for the socket does from now on
         m_poller_reads = m_poller->StartReceive(m_socket);
     }
-    ssize_t cnt = 0;
-    if (m_poller_reads) {
-        cnt = m_poller->Receive(m_socket, buf, static_cast<size_t>(len));  // the kernel's queue is not told
-    } else if (inq == nullptr) {
-        cnt = recv(m_socket, buf, static_cast<size_t>(len), 0);
-    } else {
-        struct iovec iov;
-        iov.iov_base = buf;
-        iov.iov_len = static_cast<size_t>(len);
-        union {
-            char space[CMSG_SPACE(sizeof(int))];
-            struct cmsghdr align;
-        } control;
-        struct msghdr msg;
-        memset(&msg, 0, sizeof(msg));
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control.space;
-        msg.msg_controllen = sizeof(control.space);
-        cnt = recvmsg(m_socket, &msg, 0);
-        if (cnt > 0) {
-            for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-                if (c->cmsg_level == IPPROTO_TCP && c->cmsg_type == TCP_CM_INQ) {
-                    memcpy(inq, CMSG_DATA(c), sizeof(int));
-                }
-            }
-        }
-    }
+    // The poller's own receive, or the socket's (an epoll loop's poller reads the socket).
+    ssize_t cnt = m_poller->Receive(m_socket, buf, static_cast<size_t>(len), inq);
     if (cnt < 0) {
         int err = errno;
         if (err == EAGAIN) {

@@ -5,6 +5,8 @@
 #include "net/owner/uring_poller.h"
 
 #include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "support/net_helpers.h"
 
 namespace {
 
@@ -78,7 +81,7 @@ std::string ReadThrough(CUringPoller& p, int fd, void* tag, size_t want) {
     std::string got;
     char buf[7000];
     for (int round = 0; round < 400 && got.size() < want; ++round) {
-        ssize_t n = p.Receive(fd, buf, sizeof(buf));
+        ssize_t n = p.Receive(fd, buf, sizeof(buf), nullptr);
         if (n > 0) {
             got.append(buf, static_cast<size_t>(n));
             continue;
@@ -110,14 +113,14 @@ TEST(UringPollerReceive, BytesComeInOrderAndAreReportedUntilRead) {
     ASSERT_EQ(5, write(s.theirs, "hello", 5));
     EXPECT_EQ(static_cast<uint32_t>(EPOLLIN), WaitFor(p, &tag) & EPOLLIN);
     char buf[8];
-    ASSERT_EQ(2, p.Receive(s.ours, buf, 2));
+    ASSERT_EQ(2, p.Receive(s.ours, buf, 2, nullptr));
     EXPECT_EQ("he", std::string(buf, 2));
     // Level-triggered: what is left is reported at the next wait, without new bytes.
     EXPECT_EQ(static_cast<uint32_t>(EPOLLIN), WaitFor(p, &tag, 100) & EPOLLIN);
-    ASSERT_EQ(3, p.Receive(s.ours, buf, sizeof(buf)));
+    ASSERT_EQ(3, p.Receive(s.ours, buf, sizeof(buf), nullptr));
     EXPECT_EQ("llo", std::string(buf, 3));
     errno = 0;
-    EXPECT_EQ(-1, p.Receive(s.ours, buf, sizeof(buf)));
+    EXPECT_EQ(-1, p.Receive(s.ours, buf, sizeof(buf), nullptr));
     EXPECT_EQ(EAGAIN, errno);
     EXPECT_EQ(0u, WaitFor(p, &tag, 50));  // nothing unread: nothing reported
     // The end of stream comes after the bytes, and stays.
@@ -125,8 +128,8 @@ TEST(UringPollerReceive, BytesComeInOrderAndAreReportedUntilRead) {
     shutdown(s.theirs, SHUT_WR);
     EXPECT_EQ("bye", ReadThrough(p, s.ours, &tag, 3));
     EXPECT_NE(0u, WaitFor(p, &tag, 100) & EPOLLIN);
-    EXPECT_EQ(0, p.Receive(s.ours, buf, sizeof(buf)));
-    EXPECT_EQ(0, p.Receive(s.ours, buf, sizeof(buf)));
+    EXPECT_EQ(0, p.Receive(s.ours, buf, sizeof(buf), nullptr));
+    EXPECT_EQ(0, p.Receive(s.ours, buf, sizeof(buf), nullptr));
     EXPECT_EQ(0, p.Remove(s.ours));
 }
 
@@ -163,7 +166,7 @@ TEST(UringPollerReceive, AStreamPausedAndResumedArrivesWhole) {
             EXPECT_EQ(free_paused, p.BuffersFree());
             ASSERT_EQ(0, p.Modify(s.ours, EPOLLIN | EPOLLERR, &tag));
         }
-        ssize_t n = p.Receive(s.ours, buf, sizeof(buf));
+        ssize_t n = p.Receive(s.ours, buf, sizeof(buf), nullptr);
         if (n > 0) {
             got.append(buf, static_cast<size_t>(n));
         } else {
@@ -209,6 +212,55 @@ TEST(UringPollerReceive, BigReadsGoStraightToTheSocketAndSmallOnesBackToTheRing)
     EXPECT_EQ(CUringPoller::kBufCount - 1, p.BuffersFree());
     EXPECT_EQ("pong", ReadThrough(p, s.ours, &tag, 4));
     EXPECT_EQ(0, p.Remove(s.ours));
+}
+
+// Regression: a full read by the socket (bulk mode) did not tell what was still queued, so
+// every full read was followed by one that met would-block: one more recv(2) per big packet
+// than on epoll.
+TEST(UringPollerReceive, AReadTellsWhatIsStillQueued) {
+    CUringPoller p;
+    NEED_RECEIVES(p);
+    int client = -1;
+    int ours = -1;
+    ASSERT_TRUE(qntest::TcpPair(&client, &ours));
+    int one = 1;
+    ASSERT_EQ(0, setsockopt(ours, IPPROTO_TCP, TCP_INQ, &one, sizeof(one)));
+    int tag = 0;
+    ASSERT_TRUE(Receiving(p, ours, &tag));
+    epoll_event ev[8];
+    p.Wait(ev, 8, 0);
+    // By the ring: more chunks behind the bytes read are told.
+    ASSERT_EQ(11, write(client, "hello world", 11));
+    ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+    char buf[65536];
+    int inq = -1;
+    ASSERT_EQ(5, p.Receive(ours, buf, 5, &inq));
+    EXPECT_EQ(6, inq);
+    inq = -1;
+    ASSERT_EQ(6, p.Receive(ours, buf, sizeof(buf), &inq));
+    EXPECT_EQ(-1, inq);  // the ring's next receive is not known yet: left alone
+    // By the socket (bulk mode after big reads): the kernel's count comes with the read.
+    const std::string big = Pattern(400000, 9);
+    ASSERT_TRUE(qntest::WriteAll(client, big.data(), big.size()));
+    EXPECT_TRUE(ReadThrough(p, ours, &tag, big.size()) == big);
+    ASSERT_EQ(CUringPoller::kBufCount, p.BuffersFree());  // reading by the socket now
+    const std::string last = Pattern(30000, 10);
+    ASSERT_TRUE(qntest::WriteAll(client, last.data(), last.size()));
+    std::string got;
+    for (int i = 0; i < 200 && got.size() < last.size(); ++i) {
+        ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+        inq = -1;
+        ssize_t n = p.Receive(ours, buf, sizeof(buf), &inq);
+        if (n > 0) {
+            got.append(buf, static_cast<size_t>(n));
+            EXPECT_GE(inq, 0);  // told, with every read
+            EXPECT_LE(inq, static_cast<int>(last.size() - got.size()));
+        }
+    }
+    EXPECT_TRUE(got == last);
+    EXPECT_EQ(0, p.Remove(ours));
+    close(ours);
+    close(client);
 }
 
 TEST(UringPollerReceive, StopReceiveHandsBackUnreadBytesBeforeTheSocketsOwn) {

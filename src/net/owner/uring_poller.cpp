@@ -414,7 +414,7 @@ void CUringPoller::TakeChunks(Reg& r, std::string* left) {
 bool CUringPoller::StartReceive(int fd) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Reg* r = Find(fd);
-    if (r == nullptr || !m_receives || getenv("QN_NORECV")) {
+    if (r == nullptr || !m_receives) {
         return false;
     }
     r->receives = true;
@@ -422,12 +422,12 @@ bool CUringPoller::StartReceive(int fd) {
     return true;
 }
 
-ssize_t CUringPoller::Receive(int fd, void* buf, size_t len) {
+ssize_t CUringPoller::Receive(int fd, void* buf, size_t len, int* inq) {
     std::unique_lock<std::mutex> lock(m_mutex);
     Reg* found = Find(fd);
     if (found == nullptr || !found->receives) {
         lock.unlock();
-        return recv(fd, buf, len, 0);
+        return SocketRecv(fd, buf, len, inq);
     }
     Reg& r = *found;
     char* out = static_cast<char*>(buf);
@@ -453,6 +453,9 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len) {
         MarkDirty(fd, r);  // stopped for want of room or buffers: armed again at the next wait
     }
     if (got > 0) {
+        if (inq != nullptr && r.head != -1) {
+            *inq = static_cast<int>(std::min<size_t>(r.pending, INT_MAX));  // more is here already
+        }
         return static_cast<ssize_t>(got);
     }
     if (r.err != 0) {
@@ -469,7 +472,7 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len) {
         // socket itself. Nothing else touches the registration meanwhile (loop thread).
         const bool bulk = r.bulk;
         lock.unlock();
-        ssize_t n = recv(fd, buf, len, 0);
+        ssize_t n = SocketRecv(fd, buf, len, inq);
         if (bulk && n >= 0) {
             const bool small = static_cast<size_t>(n) < std::min(len, kBulkExit);
             lock.lock();

@@ -82,7 +82,7 @@ class CUringPoller : public IPoller {
     int Modify(int fd, uint32_t events, void* ptr) override;
     int Remove(int fd) override;
     bool StartReceive(int fd) override;
-    ssize_t Receive(int fd, void* buf, size_t len) override;
+    ssize_t Receive(int fd, void* buf, size_t len, int* inq) override;
     void StopReceive(int fd, std::string* left) override;
     // One SEND per op, all submitted by one enter; non-blocking writes complete as they are
     // issued, so they are collected at once (waited for, should one not be).
