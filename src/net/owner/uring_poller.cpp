@@ -513,10 +513,9 @@ void CUringPoller::StopReceive(int fd, std::string* left) {
 }
 
 bool CUringPoller::WithdrawPoll(int fd, Reg& r) {
-    io_uring_sqe* sqe = NextSqe();
+    io_uring_sqe* sqe = SqeFor(fd, r);
     if (sqe == nullptr) {
-        MarkDirty(fd, r);  // withdrawn at the next wait
-        return false;
+        return false;  // done at the next wait
     }
     sqe->opcode = IORING_OP_POLL_REMOVE;
     sqe->fd = -1;
@@ -527,10 +526,9 @@ bool CUringPoller::WithdrawPoll(int fd, Reg& r) {
 }
 
 bool CUringPoller::CancelReceive(int fd, Reg& r) {
-    io_uring_sqe* sqe = NextSqe();
+    io_uring_sqe* sqe = SqeFor(fd, r);
     if (sqe == nullptr) {
-        MarkDirty(fd, r);  // cancelled at the next wait
-        return false;
+        return false;  // done at the next wait
     }
     sqe->opcode = IORING_OP_ASYNC_CANCEL;
     sqe->fd = -1;
@@ -590,6 +588,14 @@ void CUringPoller::SendBatch(const SendOp* ops, size_t n, int* results) {
     }
 }
 
+io_uring_sqe* CUringPoller::SqeFor(int fd, Reg& r) {
+    io_uring_sqe* sqe = NextSqe();
+    if (sqe == nullptr) {
+        MarkDirty(fd, r);  // the ring is full even after a submit: tried again at the next wait
+    }
+    return sqe;
+}
+
 io_uring_sqe* CUringPoller::NextSqe() {
     unsigned tail = *m_sq_tail;
     if (tail - LoadAcquire(m_sq_head) >= m_sq_entries) {
@@ -644,10 +650,9 @@ void CUringPoller::ArmReceive(int fd, Reg& r) {
     if (r.recv == kArmed && !want) {
         CancelReceive(fd, r);  // paused, full, bulk or stopped: the window pushes back
     } else if (r.recv == kOff && want && m_bufs_in_ring > 0) {
-        io_uring_sqe* sqe = NextSqe();
+        io_uring_sqe* sqe = SqeFor(fd, r);
         if (sqe == nullptr) {
-            MarkDirty(fd, r);
-            return;
+            return;  // armed at the next wait
         }
         ++r.recv_seq;
         sqe->opcode = IORING_OP_RECV;
@@ -676,10 +681,9 @@ void CUringPoller::ArmPoll(int fd, Reg& r) {
         return;  // the armed poll asks for what no longer holds: replaced at the next wait
     }
     if (!r.armed && mask != 0) {
-        io_uring_sqe* sqe = NextSqe();
+        io_uring_sqe* sqe = SqeFor(fd, r);
         if (sqe == nullptr) {
-            MarkDirty(fd, r);
-            return;
+            return;  // armed at the next wait
         }
         ++r.poll_seq;
         sqe->opcode = IORING_OP_POLL_ADD;

@@ -153,6 +153,9 @@ class CUringPoller : public IPoller {
     // Next free submission entry (submitting what is queued when the ring is full); null
     // when the kernel refuses even that.
     io_uring_sqe* NextSqe();
+    // NextSqe for an operation on `fd`'s registration; when null, the registration is marked
+    // dirty, so the operation is made at the next wait.
+    io_uring_sqe* SqeFor(int fd, Reg& r);
     // io_uring_enter: submits what is queued; kPoll also collects what is ready, kWait
     // waits for one completion up to `timeout_ms` (-1: for ever). Returns as the system call.
     enum class EnterMode { kSubmit, kPoll, kWait };
