@@ -2,9 +2,12 @@
 // io_uring back end), over the kernel's raw interface: no library beyond the kernel headers.
 //
 // Readiness keeps epoll's level-triggered contract (IPoller): a registered socket that stays
-// ready is reported at every wait. Each registration has at most one one-shot poll in the
-// ring; a completion reports the socket once and the poll is armed again at the next Wait,
-// which finds the socket ready again at once if it still is.
+// ready is reported at every wait. Each registration has at most one poll in the ring. It is
+// one-shot as a rule: a completion reports the socket once and the poll is armed again at
+// the next Wait, which finds the socket ready again at once if it still is. A receiving
+// registration read by its socket (bulk mode, a dry buffer ring) that asks for input only
+// keeps a multishot poll instead: a wake-up marks it readable, it is reported at every wait
+// while so, and Receive clears the mark when a read drains the socket.
 //
 // Receives (StartReceive): the socket's input comes by one multishot receive into buffers
 // the loop provides (a buffer ring of kBufCount x kBufSize, owned here). Each completion's
@@ -20,11 +23,10 @@
 //   once per registration                                                completion--> kOff
 //
 // Back-pressure: a registration holding kMaxPending unread bytes or kMaxChunks chunks, or
-// paused (no EPOLLIN),
-// has its receive cancelled, so the socket's own buffer and window push back on the peer.
-// When the buffer ring runs dry the receive ends (ENOBUFS); the registration then waits by
-// a readiness poll and Receive reads the socket itself (nothing is in flight then) until
-// buffers come back.
+// paused (no EPOLLIN), has its receive cancelled, so the socket's own buffer and window
+// push back on the peer. When the buffer ring runs dry the receive ends (ENOBUFS); the
+// registration then waits by a readiness poll and Receive reads the socket itself
+// (nothing is in flight then) until buffers come back.
 //
 // Bulk: a connection whose receives bring kBulkChunk bytes or more (kBulkRun in a row: big
 // packets, a stream, deep pipelines) is read the way epoll's are, a readiness poll and
