@@ -473,20 +473,10 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len, int* inq) {
         const bool bulk = r.bulk;
         lock.unlock();
         ssize_t n = SocketRecv(fd, buf, len, inq);
-        const bool drained =
-            n < 0 ? errno == EAGAIN : (n > 0 && (static_cast<size_t>(n) < len || (inq && *inq == 0)));
-        if (drained || (bulk && n >= 0)) {
-            const int saved = errno;
-            const bool small = n >= 0 && static_cast<size_t>(n) < std::min(len, kBulkExit);
+        if (bulk && n >= 0) {
+            const bool small = static_cast<size_t>(n) < std::min(len, kBulkExit);
             lock.lock();
             Reg* again = Find(fd);
-            if (again != nullptr && drained) {
-                again->readable = false;  // the multishot poll reports the next bytes
-            }
-            errno = saved;
-            if (!bulk || n < 0) {
-                return n;
-            }
             if (again != nullptr && !small) {
                 again->full_run = 0;
             } else if (again != nullptr && ++again->full_run >= kBulkExitRun) {
@@ -687,15 +677,8 @@ void CUringPoller::ArmPoll(int fd, Reg& r) {
     if (mask != 0) {
         mask |= EPOLLERR | EPOLLHUP;  // reported whatever was asked, as by epoll
     }
-    // A registration whose reads all pass through Receive (which sees when they drain the
-    // socket) keeps one multishot poll for input instead of a poll armed again after each
-    // report; writability stays one-shot.
-    const bool multi = r.receives && (mask & EPOLLIN) != 0 && (mask & EPOLLOUT) == 0;
-    if (r.armed && (r.armed_mask != mask || r.multi != multi) && !WithdrawPoll(fd, r)) {
+    if (r.armed && r.armed_mask != mask && !WithdrawPoll(fd, r)) {
         return;  // the armed poll asks for what no longer holds: replaced at the next wait
-    }
-    if (!multi) {
-        r.readable = false;  // reported by a one-shot poll from now on
     }
     if (!r.armed && mask != 0) {
         io_uring_sqe* sqe = SqeFor(fd, r);
@@ -706,11 +689,9 @@ void CUringPoller::ArmPoll(int fd, Reg& r) {
         sqe->opcode = IORING_OP_POLL_ADD;
         sqe->fd = fd;
         sqe->poll32_events = mask;
-        sqe->len = multi ? IORING_POLL_ADD_MULTI : 0;
         sqe->user_data = Tag(fd, 0, r.poll_seq);
         r.armed = true;
         r.armed_mask = mask;
-        r.multi = multi;
     }
 }
 
@@ -817,18 +798,12 @@ void CUringPoller::ReapAll() {
         if (!r.armed || (r.poll_seq & ~kRecvKind) != low) {
             continue;  // withdrawn or replaced since
         }
-        if (!r.multi || !(cqe.flags & IORING_CQE_F_MORE)) {
-            r.armed = false;
-            MarkDirty(fd, r);  // armed again at the next wait: level-triggered
-        }
+        r.armed = false;
+        MarkDirty(fd, r);  // armed again at the next wait: level-triggered
         if (!r.active) {
             continue;
         }
         r.revents |= cqe.res >= 0 ? static_cast<uint32_t>(cqe.res) : static_cast<uint32_t>(EPOLLERR);
-        if (r.multi && cqe.res > 0 && (static_cast<uint32_t>(cqe.res) & EPOLLIN)) {
-            r.readable = true;  // until a read drains the socket (Receive)
-            MarkInput(fd, r);
-        }
         MarkReady(fd, r);
     }
     StoreRelease(m_cq_head, head);
@@ -843,7 +818,7 @@ int CUringPoller::Emit(epoll_event* out, int max) {
         r.ready = false;
         uint32_t ev = r.revents & (r.events | EPOLLERR | EPOLLHUP);
         r.revents = 0;
-        if ((r.events & EPOLLIN) && Unread(r)) {
+        if (r.receives && (r.events & EPOLLIN) && HasInput(r)) {
             ev |= EPOLLIN;
         }
         if (!r.active || ev == 0) {
@@ -898,7 +873,7 @@ int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
         size_t keep = 0;
         for (int fd : m_input) {
             Reg& r = m_regs[static_cast<size_t>(fd)];
-            if (r.active && Unread(r)) {
+            if (r.active && r.receives && HasInput(r)) {
                 m_input[keep++] = fd;
                 if (r.events & EPOLLIN) {
                     MarkReady(fd, r);
