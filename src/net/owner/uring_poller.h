@@ -2,12 +2,9 @@
 // io_uring back end), over the kernel's raw interface: no library beyond the kernel headers.
 //
 // Readiness keeps epoll's level-triggered contract (IPoller): a registered socket that stays
-// ready is reported at every wait. Each registration has at most one poll in the ring. It is
-// one-shot as a rule: a completion reports the socket once and the poll is armed again at
-// the next Wait, which finds the socket ready again at once if it still is. A receiving
-// registration read by its socket (bulk mode, a dry buffer ring) that asks for input only
-// keeps a multishot poll instead: a wake-up marks it readable, it is reported at every wait
-// while so, and Receive clears the mark when a read drains the socket.
+// ready is reported at every wait. Each registration has at most one one-shot poll in the
+// ring; a completion reports the socket once and the poll is armed again at the next Wait,
+// which finds the socket ready again at once if it still is.
 //
 // Receives (StartReceive): the socket's input comes by one multishot receive into buffers
 // the loop provides (a buffer ring of kBufCount x kBufSize, owned here). Each completion's
