@@ -263,6 +263,41 @@ TEST(UringPollerReceive, AReadTellsWhatIsStillQueued) {
     close(client);
 }
 
+// A connection read by its socket (bulk mode) keeps one multishot poll for input: the bytes
+// left after a read that did not drain the socket are reported at every wait, with no new
+// bytes to wake the poll, and a drained socket is not reported until bytes come.
+TEST(UringPollerReceive, ASocketLeftReadableIsReportedAgainUntilDrained) {
+    CUringPoller p;
+    NEED_RECEIVES(p);
+    Pair s;
+    int tag = 0;
+    int size = 1 << 20;
+    setsockopt(s.theirs, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+    ASSERT_TRUE(Receiving(p, s.ours, &tag));
+    epoll_event ev[8];
+    p.Wait(ev, 8, 0);
+    const std::string big = Pattern(200000, 11);
+    ASSERT_EQ(static_cast<ssize_t>(big.size()), write(s.theirs, big.data(), big.size()));
+    ASSERT_TRUE(ReadThrough(p, s.ours, &tag, big.size()) == big);  // bulk mode from here
+    ASSERT_EQ(static_cast<ssize_t>(big.size()), write(s.theirs, big.data(), big.size()));
+    ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+    std::string got(1000, '\0');
+    ASSERT_EQ(1000, p.Receive(s.ours, &got[0], got.size(), nullptr));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_NE(0u, WaitFor(p, &tag, 50) & EPOLLIN) << "wait " << i;  // nothing new came
+    }
+    got += ReadThrough(p, s.ours, &tag, big.size() - got.size());
+    EXPECT_TRUE(got == big);
+    char buf[64];
+    EXPECT_EQ(-1, p.Receive(s.ours, buf, sizeof(buf), nullptr));
+    EXPECT_EQ(EAGAIN, errno);
+    EXPECT_EQ(0u, WaitFor(p, &tag, 50));  // drained: quiet
+    ASSERT_EQ(4, write(s.theirs, "more", 4));
+    ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
+    EXPECT_EQ(4, p.Receive(s.ours, buf, sizeof(buf), nullptr));
+    EXPECT_EQ(0, p.Remove(s.ours));
+}
+
 TEST(UringPollerReceive, StopReceiveHandsBackUnreadBytesBeforeTheSocketsOwn) {
     CUringPoller p;
     NEED_RECEIVES(p);

@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -418,6 +420,11 @@ bool CUringPoller::StartReceive(int fd) {
         return false;
     }
     r->receives = true;
+    // Reads by the socket ask the kernel what is still queued (the end of stream counts):
+    // the only sign that one drained the socket, for a multishot poll. Not TCP: would-block
+    // is the only sign.
+    int one = 1;
+    r->inq_on = setsockopt(fd, IPPROTO_TCP, TCP_INQ, &one, sizeof(one)) == 0;
     MarkDirty(fd, *r);  // the receive is armed at the next wait; until then recv(2) reads
     return true;
 }
@@ -471,12 +478,26 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len, int* inq) {
         // No receive in flight (bulk mode, the buffers ran dry, or not armed yet): the
         // socket itself. Nothing else touches the registration meanwhile (loop thread).
         const bool bulk = r.bulk;
+        const bool inq_on = r.inq_on;
         lock.unlock();
-        ssize_t n = SocketRecv(fd, buf, len, inq);
-        if (bulk && n >= 0) {
-            const bool small = static_cast<size_t>(n) < std::min(len, kBulkExit);
+        int queued = -1;
+        int* ask = inq != nullptr ? inq : (inq_on ? &queued : nullptr);
+        ssize_t n = SocketRecv(fd, buf, len, ask);
+        // Drained: would-block, or nothing queued behind the bytes. A short read is not
+        // enough: a read stops at the end of stream, which stays to be read.
+        const bool drained = n < 0 ? errno == EAGAIN : (n > 0 && ask != nullptr && *ask == 0);
+        if (drained || (bulk && n >= 0)) {
+            const int saved = errno;
+            const bool small = n >= 0 && static_cast<size_t>(n) < std::min(len, kBulkExit);
             lock.lock();
             Reg* again = Find(fd);
+            if (again != nullptr && drained) {
+                again->readable = false;  // the multishot poll reports the next bytes
+            }
+            errno = saved;
+            if (!bulk || n < 0) {
+                return n;
+            }
             if (again != nullptr && !small) {
                 again->full_run = 0;
             } else if (again != nullptr && ++again->full_run >= kBulkExitRun) {
@@ -677,8 +698,15 @@ void CUringPoller::ArmPoll(int fd, Reg& r) {
     if (mask != 0) {
         mask |= EPOLLERR | EPOLLHUP;  // reported whatever was asked, as by epoll
     }
-    if (r.armed && r.armed_mask != mask && !WithdrawPoll(fd, r)) {
+    // A registration whose reads all pass through Receive (which sees when they drain the
+    // socket) keeps one multishot poll for input instead of a poll armed again after each
+    // report; writability stays one-shot.
+    const bool multi = r.receives && (mask & EPOLLIN) != 0 && (mask & EPOLLOUT) == 0;
+    if (r.armed && (r.armed_mask != mask || r.multi != multi) && !WithdrawPoll(fd, r)) {
         return;  // the armed poll asks for what no longer holds: replaced at the next wait
+    }
+    if (!multi) {
+        r.readable = false;  // reported by a one-shot poll from now on
     }
     if (!r.armed && mask != 0) {
         io_uring_sqe* sqe = SqeFor(fd, r);
@@ -689,9 +717,17 @@ void CUringPoller::ArmPoll(int fd, Reg& r) {
         sqe->opcode = IORING_OP_POLL_ADD;
         sqe->fd = fd;
         sqe->poll32_events = mask;
+        sqe->len = multi ? IORING_POLL_ADD_MULTI : 0;
         sqe->user_data = Tag(fd, 0, r.poll_seq);
         r.armed = true;
         r.armed_mask = mask;
+        r.multi = multi;
+        if (multi) {
+            // A multishot poll reports wake-ups, and bytes already waiting may bring none:
+            // taken as readable until a read finds the socket drained.
+            r.readable = true;
+            MarkInput(fd, r);
+        }
     }
 }
 
@@ -798,12 +834,18 @@ void CUringPoller::ReapAll() {
         if (!r.armed || (r.poll_seq & ~kRecvKind) != low) {
             continue;  // withdrawn or replaced since
         }
-        r.armed = false;
-        MarkDirty(fd, r);  // armed again at the next wait: level-triggered
+        if (!r.multi || !(cqe.flags & IORING_CQE_F_MORE)) {
+            r.armed = false;
+            MarkDirty(fd, r);  // armed again at the next wait: level-triggered
+        }
         if (!r.active) {
             continue;
         }
         r.revents |= cqe.res >= 0 ? static_cast<uint32_t>(cqe.res) : static_cast<uint32_t>(EPOLLERR);
+        if (r.multi && cqe.res > 0 && (static_cast<uint32_t>(cqe.res) & EPOLLIN)) {
+            r.readable = true;  // until a read drains the socket (Receive)
+            MarkInput(fd, r);
+        }
         MarkReady(fd, r);
     }
     StoreRelease(m_cq_head, head);
@@ -818,7 +860,7 @@ int CUringPoller::Emit(epoll_event* out, int max) {
         r.ready = false;
         uint32_t ev = r.revents & (r.events | EPOLLERR | EPOLLHUP);
         r.revents = 0;
-        if (r.receives && (r.events & EPOLLIN) && HasInput(r)) {
+        if ((r.events & EPOLLIN) && Unread(r)) {
             ev |= EPOLLIN;
         }
         if (!r.active || ev == 0) {
@@ -873,7 +915,7 @@ int CUringPoller::Wait(epoll_event* out, int max, int timeout_ms) {
         size_t keep = 0;
         for (int fd : m_input) {
             Reg& r = m_regs[static_cast<size_t>(fd)];
-            if (r.active && r.receives && HasInput(r)) {
+            if (r.active && Unread(r)) {
                 m_input[keep++] = fd;
                 if (r.events & EPOLLIN) {
                     MarkReady(fd, r);

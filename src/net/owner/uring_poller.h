@@ -136,6 +136,11 @@ class CUringPoller : public IPoller {
                                 // bulk mode reads in a row shorter than kBulkExit
         bool bulk = false;      // bulk mode: the socket read by recv(2) straight into the
                                 // connector's block, after a readiness poll
+        bool multi = false;     // the armed poll is multishot: it stays, one completion a
+                                // wake-up (a receiving registration read through Receive)
+        bool readable = false;  // the multishot poll saw input that no read has drained yet:
+                                // reported again at every wait (level-triggered)
+        bool inq_on = false;    // TCP_INQ is on: reads by the socket learn what stays queued
     };
     struct Buf {
         int next = -1;     // the next chunk of the same registration
@@ -149,6 +154,9 @@ class CUringPoller : public IPoller {
     void MarkReady(int fd, Reg& r);
     void MarkInput(int fd, Reg& r);
     static bool HasInput(const Reg& r) { return r.head != -1 || r.eof || r.err != 0; }
+    // Input to report at every wait until read: chunks, the end or an error the receive met,
+    // or a socket a multishot poll found readable and no read has drained since.
+    static bool Unread(const Reg& r) { return r.receives && (HasInput(r) || r.readable); }
     // Next free submission entry (submitting what is queued when the ring is full); null
     // when the kernel refuses even that.
     io_uring_sqe* NextSqe();
