@@ -2,9 +2,14 @@
 // io_uring back end), over the kernel's raw interface: no library beyond the kernel headers.
 //
 // Readiness keeps epoll's level-triggered contract (IPoller): a registered socket that stays
-// ready is reported at every wait. Each registration has at most one one-shot poll in the
-// ring; a completion reports the socket once and the poll is armed again at the next Wait,
-// which finds the socket ready again at once if it still is.
+// ready is reported at every wait. Each registration has at most one poll in the ring. It is
+// one-shot as a rule: a completion reports the socket once and the poll is armed again at
+// the next Wait, which finds the socket ready again at once if it still is. A receiving
+// registration read by its socket (bulk mode, a dry buffer ring) that asks for input only
+// keeps a multishot poll instead: arming it and every wake-up mark it readable, it is
+// reported at every wait while so, and Receive clears the mark when a read drains the
+// socket: would-block, or the kernel's count of what stays queued (TCP_INQ, which counts
+// the end of stream) at 0. A short read is not drained: it stops at the end of stream.
 //
 // Receives (StartReceive): the socket's input comes by one multishot receive into buffers
 // the loop provides (a buffer ring of kBufCount x kBufSize, owned here). Each completion's
