@@ -102,6 +102,20 @@ std::string Pattern(size_t n, unsigned seed) {
     return s;
 }
 
+// Registers `ours` with the ring receiving and brings it into bulk mode: a big write by the
+// peer (`theirs`), read through whole. False when the bytes did not come as written.
+bool ReceivingInBulk(CUringPoller& p, int ours, int theirs, void* tag, unsigned seed) {
+    int size = 1 << 20;
+    setsockopt(theirs, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+    if (!Receiving(p, ours, tag)) {
+        return false;
+    }
+    epoll_event ev[8];
+    p.Wait(ev, 8, 0);
+    const std::string big = Pattern(200000, seed);
+    return qntest::WriteAll(theirs, big.data(), big.size()) && ReadThrough(p, ours, tag, big.size()) == big;
+}
+
 TEST(UringPollerReceive, BytesComeInOrderAndAreReportedUntilRead) {
     CUringPoller p;
     NEED_RECEIVES(p);
@@ -186,14 +200,9 @@ TEST(UringPollerReceive, BigReadsGoStraightToTheSocketAndSmallOnesBackToTheRing)
     NEED_RECEIVES(p);
     Pair s;
     int tag = 0;
-    int size = 1 << 20;
-    setsockopt(s.theirs, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
-    ASSERT_TRUE(Receiving(p, s.ours, &tag));
+    ASSERT_TRUE(ReceivingInBulk(p, s.ours, s.theirs, &tag, 5));
     epoll_event ev[8];
-    p.Wait(ev, 8, 0);
     const std::string big = Pattern(200000, 5);
-    ASSERT_EQ(static_cast<ssize_t>(big.size()), write(s.theirs, big.data(), big.size()));
-    EXPECT_TRUE(ReadThrough(p, s.ours, &tag, big.size()) == big);
     // Whole buffers in a row: the connection is read from its socket now, so bytes that
     // come wait there, not in the loop's buffers.
     ASSERT_EQ(static_cast<ssize_t>(big.size()), write(s.theirs, big.data(), big.size()));
@@ -271,14 +280,8 @@ TEST(UringPollerReceive, ASocketLeftReadableIsReportedAgainUntilDrained) {
     NEED_RECEIVES(p);
     Pair s;
     int tag = 0;
-    int size = 1 << 20;
-    setsockopt(s.theirs, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
-    ASSERT_TRUE(Receiving(p, s.ours, &tag));
-    epoll_event ev[8];
-    p.Wait(ev, 8, 0);
+    ASSERT_TRUE(ReceivingInBulk(p, s.ours, s.theirs, &tag, 11));
     const std::string big = Pattern(200000, 11);
-    ASSERT_EQ(static_cast<ssize_t>(big.size()), write(s.theirs, big.data(), big.size()));
-    ASSERT_TRUE(ReadThrough(p, s.ours, &tag, big.size()) == big);  // bulk mode from here
     ASSERT_EQ(static_cast<ssize_t>(big.size()), write(s.theirs, big.data(), big.size()));
     ASSERT_NE(0u, WaitFor(p, &tag) & EPOLLIN);
     std::string got(1000, '\0');
