@@ -1,7 +1,8 @@
 // CUringPoller's receives: a socket's input taken by the ring's multishot receive and read
 // through Receive, in order, level-triggered, stopped and collected without losing a byte,
-// and served by the socket itself when the loop's buffers run dry. Real sockets (socketpair),
-// a real ring; skipped where the kernel offers no io_uring.
+// and served by the socket itself when the loop's buffers run dry. Real sockets (socketpair,
+// or loopback TCP where the kernel's queued count matters), a real ring; skipped where the
+// kernel offers no io_uring.
 #include "net/owner/uring_poller.h"
 
 #include <errno.h>

@@ -486,25 +486,26 @@ ssize_t CUringPoller::Receive(int fd, void* buf, size_t len, int* inq) {
         // Drained: would-block, or nothing queued behind the bytes. A short read is not
         // enough: a read stops at the end of stream, which stays to be read.
         const bool drained = n < 0 ? errno == EAGAIN : (n > 0 && ask != nullptr && *ask == 0);
-        if (drained || (bulk && n >= 0)) {
-            const int saved = errno;
-            const bool small = n >= 0 && static_cast<size_t>(n) < std::min(len, kBulkExit);
-            lock.lock();
-            Reg* again = Find(fd);
-            if (again != nullptr && drained) {
-                again->readable = false;  // the multishot poll reports the next bytes
-            }
-            errno = saved;
-            if (!bulk || n < 0) {
-                return n;
-            }
-            if (again != nullptr && !small) {
-                again->full_run = 0;
-            } else if (again != nullptr && ++again->full_run >= kBulkExitRun) {
-                again->bulk = false;  // small reads again: back to the ring's receive
-                again->full_run = 0;
-                MarkDirty(fd, *again);
-            }
+        const bool counts = bulk && n >= 0;  // a read that counts for leaving bulk mode
+        if (!drained && !counts) {
+            return n;
+        }
+        const int saved = errno;
+        lock.lock();
+        errno = saved;
+        Reg* again = Find(fd);
+        if (again == nullptr) {
+            return n;
+        }
+        if (drained) {
+            again->readable = false;  // the multishot poll reports the next bytes
+        }
+        if (counts && static_cast<size_t>(n) >= std::min(len, kBulkExit)) {
+            again->full_run = 0;
+        } else if (counts && ++again->full_run >= kBulkExitRun) {
+            again->bulk = false;  // small reads again: back to the ring's receive
+            again->full_run = 0;
+            MarkDirty(fd, *again);
         }
         return n;
     }
